@@ -1,0 +1,201 @@
+#pragma once
+
+#include "core/ZDError.h"
+#include "core/ZDWeakTarget.h"
+#include "core/zdglobal.h"
+#include "net/ZDURLRequest.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QUrl>
+#include <QVariant>
+#include <QVariantMap>
+
+#include <memory>
+#include <optional>
+
+class JSONHTTPRequest;
+class JSONHTTPRequestPrivate;
+
+// The verb and body kind of a request (JSONHTTPRequest::setHTTPMethod()).
+enum JSONHTTPRequestMethod : qint32 {
+    JSONHTTPRequestMethodGET = 0,
+    JSONHTTPRequestMethodMultipartPOST = 1,
+    JSONHTTPRequestMethodFormPOST = 2,
+    JSONHTTPRequestMethodPUT = 3,
+};
+
+// What a successful exchange delivers (JSONHTTPRequest::setResponseType()).
+enum JSONHTTPResponseType : qint32 {
+    // The body parsed as JSON. Fragments are allowed, so a bare string, number,
+    // true, false or null parses too. Objects arrive as QVariantMap, arrays as
+    // QVariantList, strings as QString, integers as qint64 (or quint64 above its
+    // range), other numbers as double, null as QVariant::fromValue(nullptr).
+    JSONHTTPResponseTypeJSON = 0,
+    // The body read as UTF-8 and parsed by
+    // ZDAdditions::dictionaryWithResponseStringUsingSeparatorUnescape() with
+    // separator "&" and no unescaping (values keep their percent-escapes),
+    // delivered as a QVariantMap of QString values.
+    JSONHTTPResponseTypeFormString = 1,
+    // The body bytes, unparsed, as a QByteArray.
+    JSONHTTPResponseTypeRawData = 2,
+};
+
+// The library's own error domain and its codes.
+ZD_EXPORT extern const QString JSONHTTPRequestErrorDomain;
+enum JSONHTTPRequestError : qint32 {
+    // The response was valid but its body yielded no object, and no parser error.
+    JSONHTTPRequestErrorNoResult = 2,
+    // The status was 4xx or 5xx; userInfo holds the ZDHTTPResponse under "response".
+    JSONHTTPRequestErrorBadStatus = 3,
+};
+
+// JSON parse failures pass through in the parser's own domain: the code is the
+// parser's error code, the description its message.
+ZD_EXPORT extern const QString ZDJSONErrorDomain;
+
+// Signs requests for a service, in practice with OAuth 1.0. A JSONHTTPRequest
+// hands it the request as built (URL with query, verb, headers, body) and sends
+// the returned copy; the signature travels in a header, since the request's URL
+// is reset after signing.
+class ZD_EXPORT RequestSigner
+{
+public:
+    virtual ~RequestSigner();
+    virtual ZDURLRequest signedRequestForRequest(const ZDURLRequest &request) = 0;
+};
+
+// The owner of a JSONHTTPRequest learns the outcome through this role.
+//
+// Callback contract:
+// - Every started exchange that is not cancelled ends with exactly one of
+//   requestDidReceiveObject() and requestDidFailWithError().
+// - Before it, requestHasWrittenBytesExpectsToWrite() may arrive any number of
+//   times with the body bytes sent so far and the body's total size; the count
+//   never goes backwards.
+// - All calls arrive on the thread that called start(), from its event loop,
+//   never from inside start() or cancel().
+// - Inside any of them the delegate may cancel, restart or destroy the request;
+//   after a cancel or destruction no further call arrives.
+// - A delegate that is destroyed while the exchange runs is simply not called.
+class ZD_EXPORT JSONHTTPRequestDelegate : public virtual ZDWeakTarget
+{
+public:
+    ~JSONHTTPRequestDelegate() override;
+    virtual void requestDidReceiveObject(JSONHTTPRequest *request, const QVariant &object) = 0;
+    virtual void requestDidFailWithError(JSONHTTPRequest *request, const ZDError &error) = 0;
+    // Optional: upload progress. Does nothing unless overridden.
+    virtual void requestHasWrittenBytesExpectsToWrite(JSONHTTPRequest *request, qint64 written,
+                                                      qint64 expected);
+};
+
+// One HTTP exchange with a web service.
+//
+// Configure the verb, the query parameters (getParams), the body parameters
+// covered by the signature (postParams) and those appended after signing
+// (unsignedPostParams), extra headers and the response type, then call start().
+// Parameter values are strings or anything ZDAdditions::textualDescription()
+// prints; for multipart POST also ZDFileUpload and QByteArray values.
+//
+// How start() builds the request:
+// 1. Query: getParams, when set (even empty), are encoded with
+//    encodedStringForParameterDictionary() and appended after "?" (or "&" when
+//    the URL already holds a "?").
+// 2. Body: an override body wins over everything. Otherwise, for multipart POST
+//    with any body parameters, the header "Content-Type: multipart/form-data;
+//    boundary=..." is added; postParams become a form-encoded body (form POST) or
+//    a multipart body (multipart POST); GET and PUT build none.
+// 3. Signing: the signer sees the request as built so far. With
+//    signsMultipartPOSTData it sees the postParams encoded into the query
+//    instead, while the request is sent to the URL without them.
+// 4. Unsigned parameters are appended after signing: for form POST after "&"
+//    (or "~" when postParams is set but empty), for multipart POST as a second
+//    multipart sequence.
+//
+// The transport is libcurl on the calling thread's Qt event loop: redirects are
+// followed (a POST answered by 301, 302 or 303 continues as GET), TLS peers are
+// verified, compressed responses are decoded, only http and https are spoken.
+// A connection that stays idle for 60 seconds fails with a time-out.
+//
+// Lifetime: a request is single-use (a second start() appends the query again).
+// Destroying it cancels the exchange; no delegate call follows. The delegate may
+// destroy the request from inside any of its callbacks.
+class ZD_EXPORT JSONHTTPRequest
+{
+public:
+    // Does not take ownership of `delegate`; shares ownership of `signer`, which
+    // may be null for unsigned requests.
+    JSONHTTPRequest(const QUrl &url, JSONHTTPRequestDelegate *delegate,
+                    std::shared_ptr<RequestSigner> signer = nullptr);
+    virtual ~JSONHTTPRequest();
+    JSONHTTPRequest(const JSONHTTPRequest &) = delete;
+    JSONHTTPRequest &operator=(const JSONHTTPRequest &) = delete;
+
+    // Stores the method and writes its verb into the request. A value outside
+    // 0 to 3 is stored, but the verb stays as it was and start() builds no body.
+    void setHTTPMethod(JSONHTTPRequestMethod method);
+    JSONHTTPRequestMethod HTTPMethod() const;
+
+    // Adds `value` to the header field `name`: a field set twice carries both
+    // values joined by ",".
+    void setHTTPHeaderValue(const QString &name, const QString &value);
+
+    // When set, these bytes are sent as the body, whatever the method and the
+    // parameters say.
+    void setOverridePostBody(const std::optional<QByteArray> &body);
+
+    // Reads false until set, although a new request does allow cellular access.
+    // Set to false, the request is refused (ZDURLErrorCellularAccessDenied) while
+    // the system reports a cellular or metered link; on systems that report no
+    // link type the flag does not restrict anything.
+    void setAllowsCellularAccess(bool allow);
+    bool allowsCellularAccess() const;
+
+    const std::optional<QVariantMap> &getParams() const;
+    void setGetParams(const std::optional<QVariantMap> &params);
+    const std::optional<QVariantMap> &postParams() const;
+    void setPostParams(const std::optional<QVariantMap> &params);
+    const std::optional<QVariantMap> &unsignedPostParams() const;
+    void setUnsignedPostParams(const std::optional<QVariantMap> &params);
+
+    bool signsMultipartPOSTData() const;
+    void setSignsMultipartPOSTData(bool signs);
+
+    JSONHTTPResponseType responseType() const;
+    void setResponseType(JSONHTTPResponseType type);
+
+    // The last response received; it stays readable after the delegate call.
+    std::optional<ZDHTTPResponse> response() const;
+
+    // "k1=v1&k2=v2" with the keys sorted by UTF-16 code unit and every key and
+    // value escaped by ZDAdditions::urlParameterEscapedString().
+    static QString encodedStringForParameterDictionary(const QVariantMap &params);
+
+    // The multipart boundary: a random UUID in upper case, made on first use and
+    // kept for the life of the request.
+    QString HTTPRequestBoundary();
+
+    // Builds, signs and sends the request; see above. Must be called on a thread
+    // that runs a Qt event loop; every delegate call arrives on that thread.
+    void start();
+    // Stops the exchange and drops the response and the received data. No
+    // delegate call follows. Does nothing when idle.
+    void cancel();
+
+protected:
+    // What a subclass may read.
+    const ZDURLRequest &request() const;
+    bool hasConnection() const; // from start() until cancel() or destruction
+    const std::optional<QByteArray> &rawData() const;
+    const std::optional<QByteArray> &overridePostBody() const;
+    JSONHTTPRequestDelegate *delegate() const;
+    bool receivedValidResponse() const;
+    RequestSigner *signer() const;
+
+    // The multipart/form-data encoding of `params` with this request's boundary.
+    QByteArray _multipartParamData(const QVariantMap &params);
+
+private:
+    friend class JSONHTTPRequestPrivate;
+    std::shared_ptr<JSONHTTPRequestPrivate> d;
+};

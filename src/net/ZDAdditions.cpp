@@ -1,0 +1,220 @@
+#include "net/ZDAdditions.h"
+
+#include "core/ZDAssert.h"
+#include "net/ZDFileUpload.h"
+
+#include <QJsonDocument>
+#include <QJsonValue>
+#include <QStringDecoder>
+
+#include <array>
+#include <optional>
+
+namespace {
+
+constexpr std::array<bool, 128> makeUnreservedTable()
+{
+    std::array<bool, 128> table{};
+    for (char c = 'A'; c <= 'Z'; ++c)
+        table[size_t(c)] = true;
+    for (char c = 'a'; c <= 'z'; ++c)
+        table[size_t(c)] = true;
+    for (char c = '0'; c <= '9'; ++c)
+        table[size_t(c)] = true;
+    for (char c : {'-', '.', '_', '~'})
+        table[size_t(c)] = true;
+    return table;
+}
+
+constexpr std::array<bool, 128> kUnreserved = makeUnreservedTable();
+constexpr char16_t kHexDigits[] = u"0123456789ABCDEF";
+
+inline char16_t *appendEscapedByte(char16_t *out, unsigned byte)
+{
+    *out++ = u'%';
+    *out++ = kHexDigits[byte >> 4];
+    *out++ = kHexDigits[byte & 0xF];
+    return out;
+}
+
+int hexValue(char16_t c)
+{
+    if (c >= u'0' && c <= u'9')
+        return c - u'0';
+    if (c >= u'A' && c <= u'F')
+        return c - u'A' + 10;
+    if (c >= u'a' && c <= u'f')
+        return c - u'a' + 10;
+    return -1;
+}
+
+// Decodes every "%XX" of `value` and reads the result as UTF-8. Returns nothing
+// when a "%" is not followed by two hex digits or the bytes are not UTF-8.
+std::optional<QString> percentDecoded(QStringView value)
+{
+    if (!value.contains(u'%'))
+        return value.toString();
+    QByteArray bytes;
+    bytes.reserve(value.size());
+    qsizetype runStart = 0;
+    for (qsizetype i = 0; i < value.size(); ++i) {
+        if (value[i] != u'%')
+            continue;
+        bytes += value.sliced(runStart, i - runStart).toUtf8();
+        if (i + 2 >= value.size())
+            return std::nullopt;
+        const int high = hexValue(value[i + 1].unicode());
+        const int low = hexValue(value[i + 2].unicode());
+        if (high < 0 || low < 0)
+            return std::nullopt;
+        bytes += char(high << 4 | low);
+        i += 2;
+        runStart = i + 1;
+    }
+    bytes += value.sliced(runStart).toUtf8();
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless | QStringDecoder::Flag::ConvertInitialBom);
+    QString decoded = decoder.decode(bytes);
+    if (decoder.hasError())
+        return std::nullopt;
+    return decoded;
+}
+
+// The scanner of the response-string parser: white space and line breaks are
+// skipped before every scan.
+class Scanner
+{
+public:
+    explicit Scanner(QStringView text) : m_text(text) {}
+
+    // Scans up to (not including) the first `stop` or the end; fails when that
+    // would scan nothing.
+    std::optional<QStringView> scanUpTo(char16_t stop)
+    {
+        skipWhiteSpace();
+        qsizetype end = m_text.indexOf(QChar(stop), m_pos);
+        if (end < 0)
+            end = m_text.size();
+        if (end == m_pos)
+            return std::nullopt;
+        const QStringView scanned = m_text.sliced(m_pos, end - m_pos);
+        m_pos = end;
+        return scanned;
+    }
+
+    bool scan(char16_t expected)
+    {
+        skipWhiteSpace();
+        if (m_pos >= m_text.size() || m_text[m_pos] != QChar(expected))
+            return false;
+        ++m_pos;
+        return true;
+    }
+
+private:
+    void skipWhiteSpace()
+    {
+        while (m_pos < m_text.size() && m_text[m_pos].isSpace())
+            ++m_pos;
+    }
+
+    QStringView m_text;
+    qsizetype m_pos = 0;
+};
+
+} // namespace
+
+QString ZDAdditions::urlParameterEscapedString(const QString &string)
+{
+    const qsizetype length = string.size();
+    // Every UTF-16 unit turns into at most 9 characters ("%XX%XX%XX"); a
+    // surrogate pair (two units) into 12.
+    QString result(length * 9, Qt::Uninitialized);
+    const char16_t *in = reinterpret_cast<const char16_t *>(string.utf16());
+    const char16_t *const end = in + length;
+    char16_t *const begin = reinterpret_cast<char16_t *>(result.data());
+    char16_t *out = begin;
+    while (in != end) {
+        char32_t c = *in++;
+        if (c < 0x80) {
+            if (kUnreserved[c])
+                *out++ = char16_t(c);
+            else
+                out = appendEscapedByte(out, unsigned(c));
+            continue;
+        }
+        if (QChar::isHighSurrogate(c) && in != end && QChar::isLowSurrogate(*in)) {
+            c = QChar::surrogateToUcs4(char16_t(c), *in++);
+        } else if (QChar::isSurrogate(c)) {
+            c = 0xFFFD;
+        }
+        if (c < 0x800) {
+            out = appendEscapedByte(out, 0xC0 | (c >> 6));
+        } else if (c < 0x10000) {
+            out = appendEscapedByte(out, 0xE0 | (c >> 12));
+            out = appendEscapedByte(out, 0x80 | ((c >> 6) & 0x3F));
+        } else {
+            out = appendEscapedByte(out, 0xF0 | (c >> 18));
+            out = appendEscapedByte(out, 0x80 | ((c >> 12) & 0x3F));
+            out = appendEscapedByte(out, 0x80 | ((c >> 6) & 0x3F));
+        }
+        out = appendEscapedByte(out, 0x80 | (c & 0x3F));
+    }
+    result.truncate(out - begin);
+    return result;
+}
+
+QMap<QString, QString> ZDAdditions::dictionaryWithResponseStringUsingSeparatorUnescape(
+    const QString &response, const QString &separator, bool unescape)
+{
+    QMap<QString, QString> result;
+    const QList<QStringView> components =
+        separator.isEmpty() ? QList<QStringView>{QStringView(response)}
+                            : QStringView(response).split(separator);
+    for (QStringView component : components) {
+        Scanner scanner(component);
+        const std::optional<QStringView> key = scanner.scanUpTo(u'=');
+        if (!key || !scanner.scan(u'='))
+            continue;
+        const std::optional<QStringView> value = scanner.scanUpTo(u'\n');
+        if (!value)
+            continue;
+        if (!unescape) {
+            result.insert(key->toString(), value->toString());
+            continue;
+        }
+        const std::optional<QString> decoded = percentDecoded(*value);
+        ZD_ASSERT(decoded.has_value(),
+                  "ZDAdditions::dictionaryWithResponseStringUsingSeparatorUnescape (a value's "
+                  "percent-escapes do not decode to UTF-8)");
+        result.insert(key->toString(), *decoded);
+    }
+    return result;
+}
+
+QString ZDAdditions::textualDescription(const QVariant &value)
+{
+    switch (value.typeId()) {
+    case QMetaType::UnknownType:
+    case QMetaType::Nullptr:
+        return QString();
+    case QMetaType::QString:
+        return value.toString();
+    case QMetaType::QByteArray:
+        return QString::fromUtf8(value.toByteArray());
+    case QMetaType::Bool:
+        return value.toBool() ? QStringLiteral("true") : QStringLiteral("false");
+    case QMetaType::QVariantList:
+    case QMetaType::QStringList:
+    case QMetaType::QVariantMap:
+    case QMetaType::QVariantHash:
+        return QString::fromUtf8(
+            QJsonDocument::fromVariant(value).toJson(QJsonDocument::Compact).constData());
+    default:
+        break;
+    }
+    if (value.metaType() == QMetaType::fromType<ZDFileUpload>())
+        return value.value<ZDFileUpload>().name();
+    if (value.canConvert<QString>())
+        return value.toString();
+    return QString::fromLatin1(value.typeName());
+}

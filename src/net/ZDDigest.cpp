@@ -1,0 +1,88 @@
+#include "net/ZDDigest.h"
+
+#include "core/ZDAssert.h"
+#include "net/ZDDigest_p.h"
+
+#include <openssl/evp.h>
+
+#include <QStringDecoder>
+
+#include <cstdlib>
+
+QString ZDCreateMD5WithData(const QByteArray &data)
+{
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned int length = 0;
+    EVP_Digest(data.constData(), size_t(data.size()), digest, &length, EVP_md5(), nullptr);
+    static constexpr char16_t hex[] = u"0123456789abcdef";
+    QString text(2 * int(length), Qt::Uninitialized);
+    char16_t *out = reinterpret_cast<char16_t *>(text.data());
+    for (unsigned int i = 0; i < length; ++i) {
+        *out++ = hex[digest[i] >> 4];
+        *out++ = hex[digest[i] & 0xF];
+    }
+    return text;
+}
+
+namespace {
+
+int hexDigit(char16_t c)
+{
+    if (c >= u'0' && c <= u'9')
+        return c - u'0';
+    if (c >= u'a' && c <= u'f')
+        return c - u'a' + 10;
+    if (c >= u'A' && c <= u'F')
+        return c - u'A' + 10;
+    return -1;
+}
+
+// Reads a pair as an unsigned hexadecimal number the way a string scanner does:
+// leading white space skipped, an optional "0x", then at least one digit.
+bool scanHexPair(QStringView pair, unsigned &value)
+{
+    qsizetype i = 0;
+    while (i < pair.size() && pair[i].isSpace())
+        ++i;
+    if (pair.sliced(i).startsWith(u"0x", Qt::CaseInsensitive) && i + 2 < pair.size() &&
+        hexDigit(pair[i + 2].unicode()) >= 0)
+        i += 2;
+    unsigned result = 0;
+    qsizetype digits = 0;
+    for (; i < pair.size() && hexDigit(pair[i].unicode()) >= 0; ++i, ++digits)
+        result = result * 16 + unsigned(hexDigit(pair[i].unicode()));
+    if (digits == 0)
+        return false;
+    value = result;
+    return true;
+}
+
+} // namespace
+
+std::optional<QString> zdScrambledKeyWithGenerator(const QString &scrambledKey,
+                                                   const std::function<long()> &nextDraw)
+{
+    ZD_ASSERT(!scrambledKey.isEmpty(), "GetScrambledKey (the scrambled key is empty)");
+    const size_t length = size_t(scrambledKey.size());
+    QByteArray bytes;
+    if (length > 1) {
+        bytes.reserve(qsizetype(length / 2));
+        // A pair that does not scan leaves the previous combined value in place.
+        unsigned value = 0;
+        for (size_t i = 0; i < length - 1; i += 2) {
+            scanHexPair(QStringView(scrambledKey).sliced(qsizetype(i), 2), value);
+            value = unsigned(nextDraw() % 255) ^ value;
+            bytes += char(value & 0xFF);
+        }
+    }
+    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless | QStringDecoder::Flag::ConvertInitialBom);
+    QString text = decoder.decode(bytes);
+    if (decoder.hasError())
+        return std::nullopt;
+    return text;
+}
+
+std::optional<QString> GetScrambledKey(const QString &scrambledKey)
+{
+    return zdScrambledKeyWithGenerator(scrambledKey, [] { return ::random(); });
+}

@@ -1,0 +1,66 @@
+#pragma once
+
+// The transport under JSONHTTPRequest: one libcurl easy handle per connection,
+// all of a thread's connections driven by one multi handle from that thread's Qt
+// event loop (socket notifiers and a timer). No worker thread exists.
+
+#include "core/ZDError.h"
+#include "net/ZDURLRequest.h"
+
+#include <QByteArrayView>
+
+#include <functional>
+#include <memory>
+
+class ZDURLConnection;
+
+// Receives a connection's events. Response and data arrive from inside the
+// transport and must only record what they are given (no cancelling, no calls
+// into user code); progress, finish and failure arrive from the event loop,
+// outside the transport, where anything may be done, including releasing the
+// connection.
+class ZDURLConnectionDelegate
+{
+public:
+    virtual ~ZDURLConnectionDelegate() = default;
+    virtual void connectionDidReceiveResponse(ZDURLConnection *connection,
+                                              const ZDHTTPResponse &response) = 0;
+    virtual void connectionDidReceiveData(ZDURLConnection *connection, QByteArrayView chunk) = 0;
+    virtual void connectionDidFinishLoading(ZDURLConnection *connection) = 0;
+    virtual void connectionDidFailWithError(ZDURLConnection *connection, const ZDError &error) = 0;
+    virtual void connectionDidSendBodyData(ZDURLConnection *connection, qint64 written,
+                                           qint64 totalWritten, qint64 totalExpected) = 0;
+};
+
+class ZDURLConnection : public std::enable_shared_from_this<ZDURLConnection>
+{
+public:
+    // Starts loading `request`. Events go to `delegate` while it lives and the
+    // connection is not cancelled. Failures to start arrive as a failure event
+    // from the event loop, never from inside this call.
+    static std::shared_ptr<ZDURLConnection> start(const ZDURLRequest &request,
+                                                  std::weak_ptr<ZDURLConnectionDelegate> delegate);
+    ~ZDURLConnection();
+    ZDURLConnection(const ZDURLConnection &) = delete;
+    ZDURLConnection &operator=(const ZDURLConnection &) = delete;
+
+    // Stops the transfer; no further event arrives.
+    void cancel();
+
+    const ZDURLRequest &originalRequest() const { return m_request; }
+
+    // For make_shared only; use start().
+    explicit ZDURLConnection(const ZDURLRequest &request);
+
+    // The transport's state, shared with the driver in the implementation file.
+    struct Private;
+    std::unique_ptr<Private> p;
+
+private:
+    ZDURLRequest m_request;
+};
+
+// Whether the system reports a cellular or metered link right now. Tests replace
+// the probe; an empty function restores the system's.
+bool zdLinkIsCellular();
+void zdSetCellularProbeForTesting(std::function<bool()> probe);

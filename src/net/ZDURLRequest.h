@@ -1,0 +1,105 @@
+#pragma once
+
+#include "core/zdglobal.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QMetaType>
+#include <QUrl>
+
+#include <optional>
+#include <utility>
+
+using ZDHTTPHeaderList = QList<std::pair<QByteArray, QByteArray>>;
+
+// Errors of the transport. libcurl's own errors keep their CURLcode in
+// ZDCurlErrorDomain; refusals of the library's transport layer itself use
+// ZDURLErrorDomain with the codes below. Both carry a readable description under
+// ZDLocalizedDescriptionKey and the request's URL under ZDURLErrorURLKey.
+ZD_EXPORT extern const QString ZDCurlErrorDomain;
+ZD_EXPORT extern const QString ZDURLErrorDomain;
+ZD_EXPORT extern const QString ZDURLErrorURLKey;
+
+enum ZDURLError : qint32 {
+    // The request does not allow cellular access and the system reports a
+    // cellular (or metered) link.
+    ZDURLErrorCellularAccessDenied = 1,
+    // A header field name or value holds a line break or a zero byte, which
+    // would let it inject further header lines.
+    ZDURLErrorInvalidHeaderField = 2,
+    // The transport could not be set up (out of memory or handles).
+    ZDURLErrorTransportUnavailable = 3,
+};
+
+// A URL request as the transport sends it: the URL (kept as its encoded text, so
+// that what is built is what goes on the wire), the verb, the header fields, an
+// optional body and the cellular-access flag. A value type; copies share the
+// body's bytes.
+class ZD_EXPORT ZDURLRequest
+{
+public:
+    ZDURLRequest() = default;
+    explicit ZDURLRequest(const QUrl &url);
+
+    QUrl URL() const;
+    void setURL(const QUrl &url);
+    // The URL exactly as it will be sent, fully percent-encoded.
+    QByteArray URLString() const { return m_url; }
+    void setURLString(const QByteArray &url) { m_url = url; }
+
+    QByteArray HTTPMethod() const { return m_method; }
+    void setHTTPMethod(const QByteArray &method) { m_method = method; }
+
+    // Header names compare case-insensitively; a field keeps the position and the
+    // spelling of its first setting.
+    QByteArray valueForHTTPHeaderField(const QByteArray &name) const;
+    bool hasHTTPHeaderField(const QByteArray &name) const;
+    // Replaces the field's value (removes the field when `value` is null).
+    void setValueForHTTPHeaderField(const QByteArray &value, const QByteArray &name);
+    // Adds `value` to the field: a field set twice carries both values joined by ",".
+    void addValueForHTTPHeaderField(const QByteArray &value, const QByteArray &name);
+    ZDHTTPHeaderList allHTTPHeaderFields() const { return m_headers; }
+
+    // No body and an empty body differ: the request layer appends to a body only
+    // when there is one.
+    const std::optional<QByteArray> &HTTPBody() const { return m_body; }
+    void setHTTPBody(std::optional<QByteArray> body) { m_body = std::move(body); }
+
+    // True for a new request. When false, the transport refuses to send the
+    // request while the system reports a cellular link (see JSONHTTPRequest).
+    bool allowsCellularAccess() const { return m_allowsCellularAccess; }
+    void setAllowsCellularAccess(bool allow) { m_allowsCellularAccess = allow; }
+
+private:
+    qsizetype headerIndex(const QByteArray &name) const;
+
+    QByteArray m_url;
+    QByteArray m_method = QByteArrayLiteral("GET");
+    ZDHTTPHeaderList m_headers;
+    std::optional<QByteArray> m_body;
+    bool m_allowsCellularAccess = true;
+};
+
+// The head of an HTTP response: status code, header fields and the URL it
+// answered (the last one after redirects).
+class ZD_EXPORT ZDHTTPResponse
+{
+public:
+    ZDHTTPResponse() = default;
+    ZDHTTPResponse(const QUrl &url, int statusCode, const ZDHTTPHeaderList &headers);
+
+    QUrl URL() const { return m_url; }
+    int statusCode() const { return m_statusCode; }
+    ZDHTTPHeaderList allHeaderFields() const { return m_headers; }
+    // The value of the named field (case-insensitive); repeated fields are joined
+    // by ", ".
+    QByteArray valueForHTTPHeaderField(const QByteArray &name) const;
+
+private:
+    QUrl m_url;
+    int m_statusCode = 0;
+    ZDHTTPHeaderList m_headers;
+};
+
+Q_DECLARE_METATYPE(ZDURLRequest)
+Q_DECLARE_METATYPE(ZDHTTPResponse)

@@ -1,0 +1,15 @@
+<?xml version="1.0" encoding="utf-8"?>
+<!DOCTYPE TS>
+<TS version="2.1" language="de">
+<context>
+    <name>Localizable</name>
+    <message>
+        <source>OK_BUTTON</source>
+        <translation>OK</translation>
+    </message>
+    <message>
+        <source>PUBLISH</source>
+        <translation>Veröffentlichen</translation>
+    </message>
+</context>
+</TS>

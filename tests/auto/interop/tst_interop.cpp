@@ -1,0 +1,247 @@
+// Wire formats checked by implementations this project did not write: Python's
+// standard library and the npm package busboy parse our multipart bodies, Python
+// percent-encodes the same random strings, md5sum digests the same buffers.
+
+#include "TestSupport.h"
+
+#include "net/JSONHTTPRequest.h"
+#include "net/ZDAdditions.h"
+#include "net/ZDDigest.h"
+#include "net/ZDFileUpload.h"
+#include "net/ZDMultipart_p.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QRandomGenerator>
+#include <QStandardPaths>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QString sourceDir()
+{
+    return qEnvironmentVariable("ZD_SOURCE_DIR");
+}
+
+QString python()
+{
+    for (const QString &candidate : {u"/usr/bin/python3"_s, u"python3"_s}) {
+        const QString found = QStandardPaths::findExecutable(candidate);
+        if (!found.isEmpty())
+            return found;
+        if (QFileInfo(candidate).isExecutable())
+            return candidate;
+    }
+    return {};
+}
+
+struct Run
+{
+    int exitCode = -1;
+    QByteArray out;
+    QByteArray err;
+};
+
+Run run(const QString &program, const QStringList &args, const QByteArray &input = {})
+{
+    QProcess process;
+    process.start(program, args);
+    process.write(input);
+    process.closeWriteChannel();
+    process.waitForFinished(120000);
+    return {process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1,
+            process.readAllStandardOutput(), process.readAllStandardError()};
+}
+
+QString randomString(QRandomGenerator &rng, int maxLength)
+{
+    QString text;
+    const int length = int(rng.bounded(maxLength + 1));
+    for (int i = 0; i < length; ++i) {
+        switch (rng.bounded(4)) {
+        case 0: // ASCII, controls and punctuation included
+            text += QChar(char16_t(rng.bounded(0x80)));
+            break;
+        case 1: // Latin-1 and other two-byte characters
+            text += QChar(char16_t(0x80 + rng.bounded(0x780)));
+            break;
+        case 2: { // the rest of the BMP, surrogates excluded
+            char16_t c = char16_t(0x800 + rng.bounded(0xF800 - 0x800));
+            if (QChar::isSurrogate(c))
+                c = 0x4E00;
+            text += QChar(c);
+            break;
+        }
+        default: // outside the BMP
+            text += QString::fromUcs4(std::array{char32_t(0x10000 + rng.bounded(0xFFFFF))}.data(), 1);
+            break;
+        }
+    }
+    return text;
+}
+
+// The parts a multipart parser reports, as JSON: [{name, filename?, type?, data(hex)}].
+QJsonArray expectedParts(const QVariantMap &params)
+{
+    QJsonArray parts;
+    for (auto it = params.cbegin(); it != params.cend(); ++it) {
+        QJsonObject part{{u"name"_s, it.key()}};
+        QByteArray data;
+        if (it.value().metaType() == QMetaType::fromType<ZDFileUpload>()) {
+            const auto upload = it.value().value<ZDFileUpload>();
+            part[u"filename"_s] = upload.name();
+            data = upload.data();
+        } else if (it.value().typeId() == QMetaType::QByteArray) {
+            data = it.value().toByteArray();
+        } else {
+            data = ZDAdditions::textualDescription(it.value()).toUtf8();
+        }
+        part[u"data"_s] = QString::fromLatin1(data.toHex());
+        parts.append(part);
+    }
+    return parts;
+}
+
+} // namespace
+
+class tst_Interop : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void multipartBodiesParseWithIndependentParsers_data();
+    void multipartBodiesParseWithIndependentParsers();
+    void escapingAgreesWithPythonOverRandomStrings();
+    void md5AgreesWithMd5sumOverRandomBuffers();
+
+private:
+    QString m_python;
+    QString m_node;
+};
+
+void tst_Interop::initTestCase()
+{
+    m_python = python();
+    m_node = QStandardPaths::findExecutable(u"node"_s);
+    if (m_python.isEmpty())
+        QFAIL("python3 is missing: run tools/install-deps");
+    if (m_node.isEmpty() || !QFileInfo::exists(sourceDir() + u"/tests/interop/node_modules/busboy"_s))
+        QFAIL("node or busboy is missing: run tools/install-deps");
+}
+
+void tst_Interop::multipartBodiesParseWithIndependentParsers_data()
+{
+    QTest::addColumn<QVariantMap>("signedParams");
+    QTest::addColumn<QVariantMap>("unsignedParams");
+
+    ZDFileUpload video;
+    video.setName(u"Trip \"to\" the sea.MOV"_s);
+    QByteArray bytes;
+    QRandomGenerator rng(7);
+    for (int i = 0; i < 300000; ++i)
+        bytes += char(rng.bounded(256));
+    bytes += "\r\n--";
+    video.setData(bytes);
+    ZDFileUpload photo;
+    photo.setName(u"caf\u00e9.jpg"_s);
+    photo.setData("\xff\xd8\xff\xe0");
+
+    QTest::newRow("text only") << QVariantMap{{u"title"_s, u"Trip"_s}} << QVariantMap{};
+    QTest::newRow("signed and unsigned")
+        << QVariantMap{{u"title"_s, u"\u00c9t\u00e9 \U0001F600"_s}, {u"tags"_s, u"a,b"_s},
+                       {u"size"_s, 1080}}
+        << QVariantMap{{u"video"_s, QVariant::fromValue(video)}, {u"thumb"_s, QVariant::fromValue(photo)},
+                       {u"raw"_s, QByteArray("\x00\x01", 2)}};
+    QTest::newRow("empty values") << QVariantMap{{u"empty"_s, QString()}} << QVariantMap{{u"e"_s, QByteArray()}};
+}
+
+// Each parser prints the parts it found as JSON; we compare them with what we
+// put in. The body joins two sequences with an empty part between them when
+// both are present; parsers report it or skip it, and we record which.
+void tst_Interop::multipartBodiesParseWithIndependentParsers()
+{
+    QFETCH(QVariantMap, signedParams);
+    QFETCH(QVariantMap, unsignedParams);
+    const QString boundary = u"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0"_s;
+    QByteArray body = zdMultipartParamData(signedParams, boundary);
+    if (!unsignedParams.isEmpty())
+        body = zdMultipartParamData(unsignedParams, boundary, body);
+
+    QJsonArray expected = expectedParts(signedParams);
+    for (const auto &part : expectedParts(unsignedParams))
+        expected.append(part);
+
+    const QString contentType = u"multipart/form-data; boundary="_s + boundary;
+    const QString script = sourceDir() + u"/tests/interop/"_s;
+    const struct
+    {
+        QString program;
+        QString script;
+    } parsers[] = {{m_python, script + u"parse_multipart.py"_s},
+                   {m_node, script + u"parse_multipart.js"_s}};
+    for (const auto &parser : parsers) {
+        const Run result = run(parser.program, {parser.script, contentType}, body);
+        QVERIFY2(result.exitCode == 0, result.err.constData());
+        QJsonArray parts = QJsonDocument::fromJson(result.out).array();
+        // The empty part between two sequences has no name; drop it before comparing.
+        QJsonArray named;
+        for (const auto &part : parts) {
+            if (!part.toObject().value(u"name"_s).toString().isEmpty())
+                named.append(part);
+        }
+        QJsonArray comparable;
+        for (const auto &part : named) {
+            QJsonObject object = part.toObject();
+            object.remove(u"type"_s);
+            comparable.append(object);
+        }
+        QVERIFY2(comparable == expected,
+                 (parser.script + u": "_s + QString::fromUtf8(result.out.left(2000))).toUtf8().constData());
+    }
+}
+
+void tst_Interop::escapingAgreesWithPythonOverRandomStrings()
+{
+    QRandomGenerator rng(20261122);
+    QStringList inputs;
+    for (int i = 0; i < 3000; ++i)
+        inputs << randomString(rng, 40);
+    inputs << u"a b&c=d/\u00e9~"_s << u"!*'();:@&=+$,/?%#[]"_s;
+    QJsonArray array;
+    for (const QString &input : inputs)
+        array.append(input);
+    const QByteArray script =
+        "import sys, json, urllib.parse\n"
+        "for s in json.load(sys.stdin):\n"
+        "    print(urllib.parse.quote(s, safe='', encoding='utf-8'))\n";
+    const Run result = run(m_python, {u"-c"_s, QString::fromLatin1(script)},
+                           QJsonDocument(array).toJson(QJsonDocument::Compact));
+    QVERIFY2(result.exitCode == 0, result.err.constData());
+    const QList<QByteArray> lines = result.out.split('\n');
+    QCOMPARE(lines.size(), inputs.size() + 1);
+    for (qsizetype i = 0; i < inputs.size(); ++i) {
+        QCOMPARE(ZDAdditions::urlParameterEscapedString(inputs[i]), QString::fromLatin1(lines[i]));
+    }
+}
+
+void tst_Interop::md5AgreesWithMd5sumOverRandomBuffers()
+{
+    const QString md5sum = QStandardPaths::findExecutable(u"md5sum"_s);
+    QVERIFY(!md5sum.isEmpty());
+    QRandomGenerator rng(1321);
+    for (int size : {0, 1, 55, 56, 63, 64, 65, 1000, 1 << 20}) {
+        QByteArray buffer(size, Qt::Uninitialized);
+        for (char &byte : buffer)
+            byte = char(rng.bounded(256));
+        const Run result = run(md5sum, {u"-"_s}, buffer);
+        QCOMPARE(ZDCreateMD5WithData(buffer), QString::fromLatin1(result.out.left(32)));
+    }
+}
+
+QTEST_GUILESS_MAIN(tst_Interop)
+#include "tst_interop.moc"

@@ -7,6 +7,24 @@
 #include <QByteArray>
 #include <QString>
 
+namespace {
+
+// The input with every lone surrogate replaced by U+FFFD, the documented choice
+// (QString::toUtf8() would write "?").
+QString withReplacedLoneSurrogates(QString text)
+{
+    for (qsizetype i = 0; i < text.size(); ++i) {
+        const QChar c = text[i];
+        if (c.isHighSurrogate() && i + 1 < text.size() && text[i + 1].isLowSurrogate())
+            ++i;
+        else if (c.isSurrogate())
+            text[i] = QChar::ReplacementCharacter;
+    }
+    return text;
+}
+
+} // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     // Read the bytes both as UTF-8 and as raw UTF-16 (which may hold lone surrogates).
@@ -22,7 +40,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
                                     u == '~' || u == '%';
             FUZZ_CHECK(unreserved);
         }
-        FUZZ_CHECK(QByteArray::fromPercentEncoding(escaped.toLatin1()) == input.toUtf8());
+        FUZZ_CHECK(QByteArray::fromPercentEncoding(escaped.toLatin1()) ==
+                   withReplacedLoneSurrogates(input).toUtf8());
     }
     return 0;
 }

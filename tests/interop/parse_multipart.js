@@ -11,9 +11,14 @@ process.stdin.on('end', () => {
   const body = Buffer.concat(chunks);
   const parts = [];
   let reported = false;
-  const report = (error) => {
-    if (reported) return;
+  let openStreams = 0;
+  let finished = false;
+  let failure = null;
+  // Reports once the parser is done and every file stream has ended.
+  const report = () => {
+    if (reported || !finished || openStreams > 0) return;
     reported = true;
+    const error = failure;
     process.stdout.write(JSON.stringify(parts));
     process.stderr.write(JSON.stringify({ error: error ? String(error.message) : null,
                                           parts: parts.length }) + '\n');
@@ -28,10 +33,22 @@ process.stdin.on('end', () => {
     const entry = { name, filename: info.filename, type: info.mimeType, data: '' };
     parts.push(entry);
     const data = [];
-    stream.on('data', (d) => data.push(d));
-    stream.on('end', () => { entry.data = Buffer.concat(data).toString('hex'); });
+    ++openStreams;
+    stream.on('data', (d) => {
+      data.push(d);
+      entry.data = Buffer.concat(data).toString('hex');
+    });
+    stream.on('end', () => {
+      --openStreams;
+      report();
+    });
   });
-  parser.on('close', () => report(null));
-  parser.on('error', (error) => setImmediate(() => report(error)));
+  parser.on('close', () => { finished = true; report(); });
+  parser.on('error', (error) => {
+    failure = error;
+    finished = true;
+    // Streams of a failed form may never end; give pending events a moment.
+    setTimeout(() => { openStreams = 0; report(); }, 50);
+  });
   parser.end(body);
 });

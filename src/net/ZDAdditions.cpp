@@ -37,6 +37,26 @@ inline char16_t *appendEscapedByte(char16_t *out, unsigned byte)
     return out;
 }
 
+// Reads one code point and advances; a lone surrogate reads as U+FFFD, the
+// character UTF-8 uses for what it cannot represent.
+inline char32_t nextCodePoint(const char16_t *&in, const char16_t *end)
+{
+    const char16_t unit = *in++;
+    if (!QChar::isSurrogate(unit))
+        return unit;
+    if (QChar::isHighSurrogate(unit) && in != end && QChar::isLowSurrogate(*in))
+        return QChar::surrogateToUcs4(unit, *in++);
+    return 0xFFFD;
+}
+
+// The number of characters the escaped form of `c` takes.
+inline qsizetype escapedLength(char32_t c)
+{
+    if (c < 0x80)
+        return kUnreserved[c] ? 1 : 3;
+    return c < 0x800 ? 6 : c < 0x10000 ? 9 : 12;
+}
+
 int hexValue(char16_t c)
 {
     if (c >= u'0' && c <= u'9')
@@ -125,27 +145,24 @@ private:
 
 QString ZDAdditions::urlParameterEscapedString(const QString &string)
 {
-    const qsizetype length = string.size();
-    // Every UTF-16 unit turns into at most 9 characters ("%XX%XX%XX"); a
-    // surrogate pair (two units) into 12.
-    QString result(length * 9, Qt::Uninitialized);
-    const char16_t *in = reinterpret_cast<const char16_t *>(string.utf16());
-    const char16_t *const end = in + length;
-    char16_t *const begin = reinterpret_cast<char16_t *>(result.data());
-    char16_t *out = begin;
-    while (in != end) {
-        char32_t c = *in++;
+    const char16_t *const begin = reinterpret_cast<const char16_t *>(string.utf16());
+    const char16_t *const end = begin + string.size();
+
+    // First the exact length, so the result is allocated once.
+    qsizetype length = 0;
+    for (const char16_t *in = begin; in != end;)
+        length += escapedLength(nextCodePoint(in, end));
+
+    QString result(length, Qt::Uninitialized);
+    char16_t *out = reinterpret_cast<char16_t *>(result.data());
+    for (const char16_t *in = begin; in != end;) {
+        const char32_t c = nextCodePoint(in, end);
         if (c < 0x80) {
             if (kUnreserved[c])
                 *out++ = char16_t(c);
             else
                 out = appendEscapedByte(out, unsigned(c));
             continue;
-        }
-        if (QChar::isHighSurrogate(c) && in != end && QChar::isLowSurrogate(*in)) {
-            c = QChar::surrogateToUcs4(char16_t(c), *in++);
-        } else if (QChar::isSurrogate(c)) {
-            c = 0xFFFD;
         }
         if (c < 0x800) {
             out = appendEscapedByte(out, 0xC0 | (c >> 6));
@@ -159,7 +176,6 @@ QString ZDAdditions::urlParameterEscapedString(const QString &string)
         }
         out = appendEscapedByte(out, 0x80 | (c & 0x3F));
     }
-    result.truncate(out - begin);
     return result;
 }
 

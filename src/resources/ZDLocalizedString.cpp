@@ -11,24 +11,21 @@ namespace {
 
 constexpr char kTableContext[] = "Localizable";
 
-// One translator per language, loaded from the tables compiled into the
-// library; null where the library has no table for that language.
+// One translator per language the library has a table for, loaded once from the
+// tables compiled into the library.
 const QTranslator *tableForLanguage(const QString &language)
 {
-    static QHash<QString, std::shared_ptr<QTranslator>> cache;
-    if (auto it = cache.constFind(language); it != cache.constEnd())
-        return it->get();
-    std::shared_ptr<QTranslator> translator;
-    for (const ZDLocalizableTable &table : zdLocalizableTables()) {
-        if (QLatin1StringView(table.language) == language) {
-            translator = std::make_shared<QTranslator>();
-            if (!translator->load(table.data, int(table.size)))
-                translator.reset();
-            break;
+    static const auto tables = [] {
+        QHash<QString, std::shared_ptr<QTranslator>> loaded;
+        for (const ZDLocalizableTable &table : zdLocalizableTables()) {
+            auto translator = std::make_shared<QTranslator>();
+            if (translator->load(table.data, int(table.size)))
+                loaded.insert(QString::fromLatin1(table.language), translator);
         }
-    }
-    cache.insert(language, translator);
-    return translator.get();
+        return loaded;
+    }();
+    const auto it = tables.constFind(language);
+    return it == tables.constEnd() ? nullptr : it->get();
 }
 
 } // namespace

@@ -43,8 +43,8 @@ double bestSeconds(int rounds, const std::function<void()> &work)
 
 namespace {
 
-ChildResult measureInChild(const std::function<void()> &prepare,
-                           const std::function<bool()> &work, int who)
+ChildResult measureInChild(const std::function<void()> &prepare, const std::function<bool()> &work,
+                           int who)
 {
     int fds[2];
     if (pipe(fds) != 0)
@@ -140,7 +140,8 @@ struct ServerConnection
                             long long length = 0;
                             std::string lower = c.head.substr(0, end);
                             std::transform(lower.begin(), lower.end(), lower.begin(), ::tolower);
-                            if (const size_t at = lower.find("content-length:"); at != std::string::npos)
+                            if (const size_t at = lower.find("content-length:");
+                                at != std::string::npos)
                                 length = std::atoll(lower.c_str() + at + 15);
                             const auto extra = static_cast<long long>(c.head.size() - end - 4);
                             c.remaining = length;

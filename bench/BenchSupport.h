@@ -24,9 +24,9 @@ double bestSeconds(int rounds, const std::function<void()> &work);
 
 struct ChildResult
 {
-    double seconds = 0;   // what the child measured
-    double peakMiB = 0;   // the child's peak resident memory
-    double baseMiB = 0;   // resident memory before the measured work
+    double seconds = 0; // what the child measured
+    double peakMiB = 0; // the child's peak resident memory
+    double baseMiB = 0; // resident memory before the measured work
     bool ok = false;
 };
 

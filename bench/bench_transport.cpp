@@ -21,7 +21,10 @@ namespace {
 class Finisher : public JSONHTTPRequestDelegate
 {
 public:
-    void requestDidReceiveObject(JSONHTTPRequest *request, const QVariant &) override { done(request, true); }
+    void requestDidReceiveObject(JSONHTTPRequest *request, const QVariant &) override
+    {
+        done(request, true);
+    }
     void requestDidFailWithError(JSONHTTPRequest *request, const ZDError &error) override
     {
         std::fprintf(stderr, "request failed: %s\n", qPrintable(error.localizedDescription()));
@@ -43,7 +46,8 @@ size_t discard(char *, size_t size, size_t count, void *)
 
 int main(int argc, char **argv)
 {
-    const qsizetype uploadSize = argc > 1 ? qsizetype(std::atoll(argv[1])) << 20 : qsizetype(1024) << 20;
+    const qsizetype uploadSize =
+        argc > 1 ? qsizetype(std::atoll(argv[1])) << 20 : qsizetype(1024) << 20;
     const int roundTrips = argc > 2 ? std::atoi(argv[2]) : 2000;
     bench::DiscardServer server;
     const QUrl url(QStringLiteral("http://127.0.0.1:%1/upload").arg(server.port()));
@@ -65,7 +69,8 @@ int main(int argc, char **argv)
         JSONHTTPRequest request(url, &finisher);
         request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
         request.setPostParams(QVariantMap{{QStringLiteral("title"), QStringLiteral("Trip")}});
-        request.setUnsignedPostParams(QVariantMap{{QStringLiteral("video"), QVariant::fromValue(video)}});
+        request.setUnsignedPostParams(
+            QVariantMap{{QStringLiteral("video"), QVariant::fromValue(video)}});
         request.start();
         app.exec();
         return ok;
@@ -76,8 +81,10 @@ int main(int argc, char **argv)
     const QString boundary = QStringLiteral("6B29FC40-CA47-1067-B31D-00DD010662DA");
     {
         prepare();
-        QByteArray body = zdMultipartParamData({{QStringLiteral("title"), QStringLiteral("Trip")}}, boundary);
-        body = zdMultipartParamData({{QStringLiteral("video"), QVariant::fromValue(video)}}, boundary, body);
+        QByteArray body =
+            zdMultipartParamData({{QStringLiteral("title"), QStringLiteral("Trip")}}, boundary);
+        body = zdMultipartParamData({{QStringLiteral("video"), QVariant::fromValue(video)}},
+                                    boundary, body);
         video = ZDFileUpload();
         QFile file(bodyPath);
         if (!file.open(QIODevice::WriteOnly) || file.write(body) != body.size())
@@ -99,38 +106,42 @@ int main(int argc, char **argv)
 
     // --- round trips ---------------------------------------------------------
     const QUrl small(QStringLiteral("http://127.0.0.1:%1/ping").arg(server.port()));
-    const bench::ChildResult trips = bench::inChild([] {}, [&] {
-        QCoreApplication app(argcStub, argvStub);
-        Finisher finisher;
-        int left = roundTrips;
-        bool ok = true;
-        std::unique_ptr<JSONHTTPRequest> current;
-        const auto next = [&] {
-            current = std::make_unique<JSONHTTPRequest>(small, &finisher);
-            current->start();
-        };
-        finisher.done = [&](JSONHTTPRequest *, bool success) {
-            ok &= success;
-            if (--left == 0 || !ok)
-                app.quit();
-            else
-                next(); // destroys the finished request from inside its callback
-        };
-        next();
-        app.exec();
-        return ok;
-    });
-    const bench::ChildResult easy = bench::inChild([] {}, [&] {
-        CURL *handle = curl_easy_init();
-        const std::string target = small.toString().toStdString();
-        curl_easy_setopt(handle, CURLOPT_URL, target.c_str());
-        curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &discard);
-        bool ok = true;
-        for (int i = 0; i < roundTrips; ++i)
-            ok &= curl_easy_perform(handle) == CURLE_OK;
-        curl_easy_cleanup(handle);
-        return ok;
-    });
+    const bench::ChildResult trips =
+        bench::inChild([] {},
+                       [&] {
+                           QCoreApplication app(argcStub, argvStub);
+                           Finisher finisher;
+                           int left = roundTrips;
+                           bool ok = true;
+                           std::unique_ptr<JSONHTTPRequest> current;
+                           const auto next = [&] {
+                               current = std::make_unique<JSONHTTPRequest>(small, &finisher);
+                               current->start();
+                           };
+                           finisher.done = [&](JSONHTTPRequest *, bool success) {
+                               ok &= success;
+                               if (--left == 0 || !ok)
+                                   app.quit();
+                               else
+                                   next(); // destroys the finished request from inside its callback
+                           };
+                           next();
+                           app.exec();
+                           return ok;
+                       });
+    const bench::ChildResult easy =
+        bench::inChild([] {},
+                       [&] {
+                           CURL *handle = curl_easy_init();
+                           const std::string target = small.toString().toStdString();
+                           curl_easy_setopt(handle, CURLOPT_URL, target.c_str());
+                           curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &discard);
+                           bool ok = true;
+                           for (int i = 0; i < roundTrips; ++i)
+                               ok &= curl_easy_perform(handle) == CURLE_OK;
+                           curl_easy_cleanup(handle);
+                           return ok;
+                       });
     if (!trips.ok || !easy.ok)
         return 1;
     bench::report("roundtrip_ours", trips.seconds * 1e6 / roundTrips, "us/request");

@@ -28,9 +28,10 @@ QString withReplacedLoneSurrogates(QString text)
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     // Read the bytes both as UTF-8 and as raw UTF-16 (which may hold lone surrogates).
-    const QString fromUtf8 = QString::fromUtf8(reinterpret_cast<const char *>(data), qsizetype(size));
-    const QString fromUtf16 = QString::fromUtf16(reinterpret_cast<const char16_t *>(data),
-                                                 qsizetype(size / 2));
+    const QString fromUtf8 =
+        QString::fromUtf8(reinterpret_cast<const char *>(data), qsizetype(size));
+    const QString fromUtf16 =
+        QString::fromUtf16(reinterpret_cast<const char16_t *>(data), qsizetype(size / 2));
     for (const QString &input : {fromUtf8, fromUtf16}) {
         const QString escaped = ZDAdditions::urlParameterEscapedString(input);
         for (QChar c : escaped) {

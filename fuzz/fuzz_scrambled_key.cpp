@@ -10,7 +10,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (key.isEmpty())
         return 0; // a precondition failure by contract
     long draws = 0;
-    const auto result = zdScrambledKeyWithGenerator(key, [&draws] { return 1103515245L * ++draws; });
+    const auto result =
+        zdScrambledKeyWithGenerator(key, [&draws] { return 1103515245L * ++draws; });
     FUZZ_CHECK(draws == key.size() / 2);
     if (result)
         FUZZ_CHECK(result->toUtf8().size() <= draws);

@@ -122,8 +122,8 @@ class PrintingDelegate : public JSONHTTPRequestDelegate
 public:
     void requestDidReceiveObject(JSONHTTPRequest *, const QVariant &object) override
     {
-        const QByteArray json =
-            QJsonDocument(QJsonObject::fromVariantMap(object.toMap())).toJson(QJsonDocument::Indented);
+        const QByteArray json = QJsonDocument(QJsonObject::fromVariantMap(object.toMap()))
+                                    .toJson(QJsonDocument::Indented);
         std::printf("The service answered:\n%s", json.constData());
         QCoreApplication::exit(0);
     }

@@ -6,8 +6,7 @@ const QString ZDLocalizedDescriptionKey = QStringLiteral("NSLocalizedDescription
 
 ZDError::ZDError(const QString &domain, qint64 code, const QVariantMap &userInfo)
     : m_domain(domain), m_code(code), m_userInfo(userInfo)
-{
-}
+{}
 
 QString ZDError::localizedDescription() const
 {

@@ -3,9 +3,9 @@
 #include "core/zdglobal.h"
 
 #include <QMetaType>
-#include <QtCore/qcontainerfwd.h>
 #include <QString>
 #include <QVariantMap>
+#include <QtCore/qcontainerfwd.h>
 
 // The user-info key under which an error carries its readable description.
 ZD_EXPORT extern const QString ZDLocalizedDescriptionKey;

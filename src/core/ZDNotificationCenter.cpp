@@ -44,8 +44,7 @@ void ZDNotificationCenter::removeObserver(const ZDWeakTarget *observer, const QS
                                           const void *sender)
 {
     std::erase_if(m_entries, [&](const std::shared_ptr<Entry> &entry) {
-        const bool hit = entry->observer == observer &&
-                         (name.isEmpty() || entry->name == name) &&
+        const bool hit = entry->observer == observer && (name.isEmpty() || entry->name == name) &&
                          (!sender || entry->sender == sender);
         if (hit)
             entry->removed = true;
@@ -76,7 +75,6 @@ void ZDNotificationCenter::postNotification(const QString &name, const void *sen
 
 int ZDNotificationCenter::observerCount() const
 {
-    return int(std::count_if(m_entries.begin(), m_entries.end(), [](const auto &entry) {
-        return !entry->alive.expired();
-    }));
+    return int(std::count_if(m_entries.begin(), m_entries.end(),
+                             [](const auto &entry) { return !entry->alive.expired(); }));
 }

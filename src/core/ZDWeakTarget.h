@@ -26,8 +26,7 @@ private:
 };
 
 // A non-owning pointer that reads null once its target is destroyed.
-template <class T>
-class ZDWeakRef
+template <class T> class ZDWeakRef
 {
 public:
     ZDWeakRef() = default;

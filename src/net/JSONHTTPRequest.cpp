@@ -4,8 +4,8 @@
 #include "net/ZDAdditions.h"
 #include "net/ZDJSON_p.h"
 #include "net/ZDMultipart_p.h"
+#include "net/ZDText_p.h"
 
-#include <QStringDecoder>
 #include <QUuid>
 
 const QString JSONHTTPRequestErrorDomain = QStringLiteral("JSONHTTPRequestErrorDomain");
@@ -48,8 +48,7 @@ JSONHTTPRequestDelegate::~JSONHTTPRequestDelegate() = default;
 
 void JSONHTTPRequestDelegate::requestHasWrittenBytesExpectsToWrite(JSONHTTPRequest *, qint64,
                                                                    qint64)
-{
-}
+{}
 
 // --- building and sending -------------------------------------------------
 
@@ -73,9 +72,8 @@ void JSONHTTPRequestPrivate::start()
         request.setHTTPBody(overridePostBody);
     } else {
         if (method == JSONHTTPRequestMethodMultipartPOST && (postParams || unsignedPostParams)) {
-            request.addValueForHTTPHeaderField("multipart/form-data; boundary=" +
-                                                   ensureBoundary().toLatin1(),
-                                               "Content-Type");
+            request.addValueForHTTPHeaderField(
+                "multipart/form-data; boundary=" + ensureBoundary().toLatin1(), "Content-Type");
         }
         if (postParams) {
             if (method == JSONHTTPRequestMethodFormPOST) {
@@ -163,14 +161,12 @@ std::optional<QVariant> JSONHTTPRequestPrivate::objectFromBody(ZDError &parserEr
         return std::get<QVariant>(std::move(parsed));
     }
     case JSONHTTPResponseTypeFormString: {
-        QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless |
-                                                         QStringDecoder::Flag::ConvertInitialBom);
-        const QString text = decoder.decode(*rawData);
-        if (decoder.hasError())
+        const std::optional<QString> text = zdDecodeUtf8Strictly(*rawData);
+        if (!text)
             return std::nullopt;
         const QMap<QString, QString> pairs =
             ZDAdditions::dictionaryWithResponseStringUsingSeparatorUnescape(
-                text, QStringLiteral("&"), false);
+                *text, QStringLiteral("&"), false);
         QVariantMap object;
         for (auto it = pairs.cbegin(); it != pairs.cend(); ++it)
             object.insert(it.key(), it.value());
@@ -339,9 +335,9 @@ QString JSONHTTPRequest::encodedStringForParameterDictionary(const QVariantMap &
     for (auto it = params.cbegin(); it != params.cend(); ++it) {
         if (it != params.cbegin())
             encoded += u'&';
-        encoded += ZDAdditions::urlParameterEscapedString(it.key()) + u'=' +
-                   ZDAdditions::urlParameterEscapedString(
-                       ZDAdditions::textualDescription(it.value()));
+        encoded +=
+            ZDAdditions::urlParameterEscapedString(it.key()) + u'=' +
+            ZDAdditions::urlParameterEscapedString(ZDAdditions::textualDescription(it.value()));
     }
     return encoded;
 }

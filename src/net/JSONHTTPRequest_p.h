@@ -40,6 +40,6 @@ public:
     void connectionDidReceiveData(ZDURLConnection *connection, QByteArrayView chunk) override;
     void connectionDidFinishLoading(ZDURLConnection *connection) override;
     void connectionDidFailWithError(ZDURLConnection *connection, const ZDError &error) override;
-    void connectionDidSendBodyData(ZDURLConnection *connection, qint64 written,
-                                   qint64 totalWritten, qint64 totalExpected) override;
+    void connectionDidSendBodyData(ZDURLConnection *connection, qint64 written, qint64 totalWritten,
+                                   qint64 totalExpected) override;
 };

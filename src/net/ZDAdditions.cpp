@@ -2,10 +2,10 @@
 
 #include "core/ZDAssert.h"
 #include "net/ZDFileUpload.h"
+#include "net/ZDText_p.h"
 
 #include <QJsonDocument>
 #include <QJsonValue>
-#include <QStringDecoder>
 
 #include <array>
 #include <optional>
@@ -57,17 +57,6 @@ inline qsizetype escapedLength(char32_t c)
     return c < 0x800 ? 6 : c < 0x10000 ? 9 : 12;
 }
 
-int hexValue(char16_t c)
-{
-    if (c >= u'0' && c <= u'9')
-        return c - u'0';
-    if (c >= u'A' && c <= u'F')
-        return c - u'A' + 10;
-    if (c >= u'a' && c <= u'f')
-        return c - u'a' + 10;
-    return -1;
-}
-
 // Decodes every "%XX" of `value` and reads the result as UTF-8. Returns nothing
 // when a "%" is not followed by two hex digits or the bytes are not UTF-8.
 std::optional<QString> percentDecoded(QStringView value)
@@ -83,8 +72,8 @@ std::optional<QString> percentDecoded(QStringView value)
         bytes += value.sliced(runStart, i - runStart).toUtf8();
         if (i + 2 >= value.size())
             return std::nullopt;
-        const int high = hexValue(value[i + 1].unicode());
-        const int low = hexValue(value[i + 2].unicode());
+        const int high = zdHexDigitValue(value[i + 1].unicode());
+        const int low = zdHexDigitValue(value[i + 2].unicode());
         if (high < 0 || low < 0)
             return std::nullopt;
         bytes += char(high << 4 | low);
@@ -92,11 +81,7 @@ std::optional<QString> percentDecoded(QStringView value)
         runStart = i + 1;
     }
     bytes += value.sliced(runStart).toUtf8();
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless | QStringDecoder::Flag::ConvertInitialBom);
-    QString decoded = decoder.decode(bytes);
-    if (decoder.hasError())
-        return std::nullopt;
-    return decoded;
+    return zdDecodeUtf8Strictly(bytes);
 }
 
 // The scanner of the response-string parser: white space and line breaks are
@@ -183,9 +168,9 @@ QMap<QString, QString> ZDAdditions::dictionaryWithResponseStringUsingSeparatorUn
     const QString &response, const QString &separator, bool unescape)
 {
     QMap<QString, QString> result;
-    const QList<QStringView> components =
-        separator.isEmpty() ? QList<QStringView>{QStringView(response)}
-                            : QStringView(response).split(separator);
+    const QList<QStringView> components = separator.isEmpty()
+                                              ? QList<QStringView>{QStringView(response)}
+                                              : QStringView(response).split(separator);
     for (QStringView component : components) {
         Scanner scanner(component);
         const std::optional<QStringView> key = scanner.scanUpTo(u'=');

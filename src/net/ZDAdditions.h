@@ -32,8 +32,9 @@ struct ZD_EXPORT ZDAdditions
     // a programming fault: the process stops with an assertion naming it. Callers
     // that parse untrusted text pass `unescape` false and decode each value
     // themselves, for instance with QUrl::fromPercentEncoding().
-    static QMap<QString, QString> dictionaryWithResponseStringUsingSeparatorUnescape(
-        const QString &response, const QString &separator, bool unescape);
+    static QMap<QString, QString>
+    dictionaryWithResponseStringUsingSeparatorUnescape(const QString &response,
+                                                       const QString &separator, bool unescape);
 
     // The text a parameter value stands for in a query string, a form body or a
     // multipart text part: strings as they are; numbers in decimal (floating-point

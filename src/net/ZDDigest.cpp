@@ -2,10 +2,10 @@
 
 #include "core/ZDAssert.h"
 #include "net/ZDDigest_p.h"
+#include "net/ZDText_p.h"
 
 #include <openssl/evp.h>
 
-#include <QStringDecoder>
 
 #include <cstdlib>
 
@@ -26,17 +26,6 @@ QString ZDCreateMD5WithData(const QByteArray &data)
 
 namespace {
 
-int hexDigit(char16_t c)
-{
-    if (c >= u'0' && c <= u'9')
-        return c - u'0';
-    if (c >= u'a' && c <= u'f')
-        return c - u'a' + 10;
-    if (c >= u'A' && c <= u'F')
-        return c - u'A' + 10;
-    return -1;
-}
-
 // Reads a pair as an unsigned hexadecimal number the way a string scanner does:
 // leading white space skipped, an optional "0x", then at least one digit.
 bool scanHexPair(QStringView pair, unsigned &value)
@@ -45,12 +34,12 @@ bool scanHexPair(QStringView pair, unsigned &value)
     while (i < pair.size() && pair[i].isSpace())
         ++i;
     if (pair.sliced(i).startsWith(u"0x", Qt::CaseInsensitive) && i + 2 < pair.size() &&
-        hexDigit(pair[i + 2].unicode()) >= 0)
+        zdHexDigitValue(pair[i + 2].unicode()) >= 0)
         i += 2;
     unsigned result = 0;
     qsizetype digits = 0;
-    for (; i < pair.size() && hexDigit(pair[i].unicode()) >= 0; ++i, ++digits)
-        result = result * 16 + unsigned(hexDigit(pair[i].unicode()));
+    for (; i < pair.size() && zdHexDigitValue(pair[i].unicode()) >= 0; ++i, ++digits)
+        result = result * 16 + unsigned(zdHexDigitValue(pair[i].unicode()));
     if (digits == 0)
         return false;
     value = result;
@@ -75,11 +64,7 @@ std::optional<QString> zdScrambledKeyWithGenerator(const QString &scrambledKey,
             bytes += char(value & 0xFF);
         }
     }
-    QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless | QStringDecoder::Flag::ConvertInitialBom);
-    QString text = decoder.decode(bytes);
-    if (decoder.hasError())
-        return std::nullopt;
-    return text;
+    return zdDecodeUtf8Strictly(bytes);
 }
 
 std::optional<QString> GetScrambledKey(const QString &scrambledKey)

@@ -60,8 +60,9 @@ std::variant<QVariant, ZDError> zdParseJSON(const QByteArray &body)
     simdjson::dom::element root;
     const simdjson::error_code code = parser.parse(body.constData(), length, !padded).get(root);
     if (code != simdjson::SUCCESS) {
-        return ZDError(ZDJSONErrorDomain, qint64(code),
-                       {{ZDLocalizedDescriptionKey, QString::fromUtf8(simdjson::error_message(code))}});
+        return ZDError(
+            ZDJSONErrorDomain, qint64(code),
+            {{ZDLocalizedDescriptionKey, QString::fromUtf8(simdjson::error_message(code))}});
     }
     return toVariant(root);
 }

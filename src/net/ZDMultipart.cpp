@@ -61,7 +61,8 @@ QByteArray zdMultipartParamData(const QVariantMap &params, const QString &bounda
     qsizetype total = prefix.size() + delimiter.size();
     for (auto it = params.cbegin(); it != params.cend(); ++it) {
         parts.push_back(makePart(it.key(), it.value()));
-        total += delimiter.size() + parts.back().header.size() + 2 + parts.back().content.size() + 2;
+        total +=
+            delimiter.size() + parts.back().header.size() + 2 + parts.back().content.size() + 2;
     }
     // One exact allocation: a large file part is copied once and never moved.
     QByteArray body;

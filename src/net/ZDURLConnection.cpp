@@ -34,9 +34,9 @@ class CurlDriver;
 ZDError makeError(const QString &domain, qint64 code, const QString &description,
                   const QByteArray &url)
 {
-    return ZDError(domain, code,
-                   {{ZDLocalizedDescriptionKey, description},
-                    {ZDURLErrorURLKey, QString::fromUtf8(url)}});
+    return ZDError(
+        domain, code,
+        {{ZDLocalizedDescriptionKey, description}, {ZDURLErrorURLKey, QString::fromUtf8(url)}});
 }
 
 bool isValidHeaderField(const QByteArray &name, const QByteArray &value)
@@ -195,8 +195,8 @@ private:
             return;
         }
         Notifiers &notifiers = m_sockets[socket];
-        const auto follow = [&](QSocketNotifier *&notifier, QSocketNotifier::Type type,
-                                int event, bool wanted) {
+        const auto follow = [&](QSocketNotifier *&notifier, QSocketNotifier::Type type, int event,
+                                bool wanted) {
             if (wanted && !notifier) {
                 notifier = new QSocketNotifier(qintptr(socket), type, this);
                 QObject::connect(notifier, &QSocketNotifier::activated, this,
@@ -304,8 +304,8 @@ ZDURLConnection::~ZDURLConnection()
     curl_slist_free_all(p->headers);
 }
 
-std::shared_ptr<ZDURLConnection> ZDURLConnection::start(
-    const ZDURLRequest &request, std::weak_ptr<ZDURLConnectionDelegate> delegate)
+std::shared_ptr<ZDURLConnection>
+ZDURLConnection::start(const ZDURLRequest &request, std::weak_ptr<ZDURLConnectionDelegate> delegate)
 {
     auto connection = std::make_shared<ZDURLConnection>(request);
     connection->p->delegate = std::move(delegate);

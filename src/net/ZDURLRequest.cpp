@@ -60,8 +60,7 @@ void ZDURLRequest::addValueForHTTPHeaderField(const QByteArray &value, const QBy
 
 ZDHTTPResponse::ZDHTTPResponse(const QUrl &url, int statusCode, const ZDHTTPHeaderList &headers)
     : m_url(url), m_statusCode(statusCode), m_headers(headers)
-{
-}
+{}
 
 QByteArray ZDHTTPResponse::valueForHTTPHeaderField(const QByteArray &name) const
 {

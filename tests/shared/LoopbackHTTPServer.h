@@ -47,10 +47,10 @@ struct RecordedRequest
 struct CannedReply
 {
     enum class Ending {
-        Complete,       // the whole reply
-        CloseMidBody,   // head and `partialBytes` of the body, then a clean close
-        ResetMidBody,   // head and `partialBytes` of the body, then a reset
-        ResetAtOnce,    // no reply at all, the connection is reset
+        Complete,     // the whole reply
+        CloseMidBody, // head and `partialBytes` of the body, then a clean close
+        ResetMidBody, // head and `partialBytes` of the body, then a reset
+        ResetAtOnce,  // no reply at all, the connection is reset
     };
 
     int status = 200;

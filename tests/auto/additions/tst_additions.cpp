@@ -30,8 +30,8 @@ void tst_Additions::escapesEverythingButUnreservedAsUpperCaseUtf8_data()
     QTest::newRow("empty") << QString() << QString();
     QTest::newRow("mixed") << u"a b&c=d/\u00e9~"_s << u"a%20b%26c%3Dd%2F%C3%A9~"_s;
     QTest::newRow("unreserved") << u"AZaz09-._~"_s << u"AZaz09-._~"_s;
-    QTest::newRow("reserved set")
-        << u"!*'();:@&=+$,/?%#[]"_s << u"%21%2A%27%28%29%3B%3A%40%26%3D%2B%24%2C%2F%3F%25%23%5B%5D"_s;
+    QTest::newRow("reserved set") << u"!*'();:@&=+$,/?%#[]"_s
+                                  << u"%21%2A%27%28%29%3B%3A%40%26%3D%2B%24%2C%2F%3F%25%23%5B%5D"_s;
     QTest::newRow("other ascii") << u"\"<>\\^`{|} "_s << u"%22%3C%3E%5C%5E%60%7B%7C%7D%20"_s;
     QTest::newRow("controls") << u"\u0000\u0001\n\u007f"_s << u"%00%01%0A%7F"_s;
     QTest::newRow("escapes escaped again") << u"%41"_s << u"%2541"_s;
@@ -39,8 +39,7 @@ void tst_Additions::escapesEverythingButUnreservedAsUpperCaseUtf8_data()
     QTest::newRow("three byte") << u"\u20ac"_s << u"%E2%82%AC"_s;
     QTest::newRow("surrogate pair") << u"\U0001F600"_s << u"%F0%9F%98%80"_s;
     QTest::newRow("lone high surrogate") << QString(QChar(0xD800)) << u"%EF%BF%BD"_s;
-    QTest::newRow("lone low surrogate then a")
-        << QString(QChar(0xDC00)) + u'a' << u"%EF%BF%BDa"_s;
+    QTest::newRow("lone low surrogate then a") << QString(QChar(0xDC00)) + u'a' << u"%EF%BF%BDa"_s;
 }
 
 void tst_Additions::escapesEverythingButUnreservedAsUpperCaseUtf8()
@@ -62,8 +61,8 @@ void tst_Additions::parsesResponseStringsWithScannerRules_data()
                                   << StringMap{{u"tok"_s, u"ab%2Fc"_s}, {u"name"_s, u"xyz"_s}};
     QTest::newRow("escapes decoded") << u"tok=ab%2Fc&name=xyz"_s << amp << true
                                      << StringMap{{u"tok"_s, u"ab/c"_s}, {u"name"_s, u"xyz"_s}};
-    QTest::newRow("empty component") << u"a=1&&b=2"_s << amp << false
-                                     << StringMap{{u"a"_s, u"1"_s}, {u"b"_s, u"2"_s}};
+    QTest::newRow("empty component")
+        << u"a=1&&b=2"_s << amp << false << StringMap{{u"a"_s, u"1"_s}, {u"b"_s, u"2"_s}};
     QTest::newRow("no equals") << u"a"_s << amp << false << StringMap{};
     QTest::newRow("no key") << u"=1"_s << amp << false << StringMap{};
     QTest::newRow("no value") << u"a="_s << amp << false << StringMap{};
@@ -83,14 +82,14 @@ void tst_Additions::parsesResponseStringsWithScannerRules_data()
         << u"t=a=b"_s << amp << false << StringMap{{u"t"_s, u"a=b"_s}};
     QTest::newRow("unicode white space skipped")
         << u"\u3000k=\u00a0v"_s << amp << false << StringMap{{u"k"_s, u"v"_s}};
-    QTest::newRow("multi-character separator")
-        << u"a=1;;b=2;c=3"_s << u";;"_s << false << StringMap{{u"a"_s, u"1"_s}, {u"b"_s, u"2;c=3"_s}};
+    QTest::newRow("multi-character separator") << u"a=1;;b=2;c=3"_s << u";;"_s << false
+                                               << StringMap{{u"a"_s, u"1"_s}, {u"b"_s, u"2;c=3"_s}};
     QTest::newRow("empty separator keeps the string whole")
         << u"a=1&b=2"_s << QString() << false << StringMap{{u"a"_s, u"1&b=2"_s}};
-    QTest::newRow("plus stays plus") << u"a=1+2%20%C3%A9"_s << amp << true
-                                     << StringMap{{u"a"_s, u"1+2 \u00e9"_s}};
-    QTest::newRow("key never decoded") << u"a%20b=c"_s << amp << true
-                                       << StringMap{{u"a%20b"_s, u"c"_s}};
+    QTest::newRow("plus stays plus")
+        << u"a=1+2%20%C3%A9"_s << amp << true << StringMap{{u"a"_s, u"1+2 \u00e9"_s}};
+    QTest::newRow("key never decoded")
+        << u"a%20b=c"_s << amp << true << StringMap{{u"a%20b"_s, u"c"_s}};
 }
 
 void tst_Additions::parsesResponseStringsWithScannerRules()

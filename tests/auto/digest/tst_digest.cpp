@@ -18,7 +18,8 @@ QString scramble(const QByteArray &plain, unsigned seed)
     ::srandom(seed);
     QString hex;
     for (char byte : plain)
-        hex += u"%1"_s.arg(unsigned(::random() % 255) ^ static_cast<unsigned char>(byte), 2, 16, QChar(u'0'));
+        hex += u"%1"_s.arg(unsigned(::random() % 255) ^ static_cast<unsigned char>(byte), 2, 16,
+                           QChar(u'0'));
     return hex;
 }
 
@@ -58,8 +59,8 @@ void tst_Digest::md5MatchesRfc1321Vectors_data()
     QTest::newRow("abc") << QByteArray("abc") << u"900150983cd24fb0d6963f7d28e17f72"_s;
     QTest::newRow("message digest")
         << QByteArray("message digest") << u"f96b697d7cb7938d525a2f31aaf161d0"_s;
-    QTest::newRow("alphabet")
-        << QByteArray("abcdefghijklmnopqrstuvwxyz") << u"c3fcd3d76192e4007dfb496cca67e13b"_s;
+    QTest::newRow("alphabet") << QByteArray("abcdefghijklmnopqrstuvwxyz")
+                              << u"c3fcd3d76192e4007dfb496cca67e13b"_s;
     QTest::newRow("alphanumeric")
         << QByteArray("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789")
         << u"d174ab98d277d9f5a5611c2c9f419d9f"_s;

@@ -117,7 +117,8 @@ void tst_Foundation::observerAddedDuringDeliveryHearsOnlyLaterPosts()
     int lateCalls = 0;
     center.addObserver(&a, u"N"_s, nullptr, [&](const ZDNotification &) {
         if (center.observerCount() == 1)
-            center.addObserver(&late, u"N"_s, nullptr, [&](const ZDNotification &) { ++lateCalls; });
+            center.addObserver(&late, u"N"_s, nullptr,
+                               [&](const ZDNotification &) { ++lateCalls; });
     });
     center.postNotification(u"N"_s, nullptr);
     QCOMPARE(lateCalls, 0);

@@ -77,7 +77,8 @@ QString randomString(QRandomGenerator &rng, int maxLength)
             break;
         }
         default: // outside the BMP
-            text += QString::fromUcs4(std::array{char32_t(0x10000 + rng.bounded(0xFFFFF))}.data(), 1);
+            text +=
+                QString::fromUcs4(std::array{char32_t(0x10000 + rng.bounded(0xFFFFF))}.data(), 1);
             break;
         }
     }
@@ -130,7 +131,8 @@ void tst_Interop::initTestCase()
     m_node = QStandardPaths::findExecutable(u"node"_s);
     if (m_python.isEmpty())
         QFAIL("python3 is missing: run tools/install-deps");
-    if (m_node.isEmpty() || !QFileInfo::exists(sourceDir() + u"/tests/interop/node_modules/busboy"_s))
+    if (m_node.isEmpty() ||
+        !QFileInfo::exists(sourceDir() + u"/tests/interop/node_modules/busboy"_s))
         QFAIL("node or busboy is missing: run tools/install-deps");
 }
 
@@ -152,12 +154,14 @@ void tst_Interop::multipartBodiesParseWithIndependentParsers_data()
     photo.setData("\xff\xd8\xff\xe0");
 
     QTest::newRow("text only") << QVariantMap{{u"title"_s, u"Trip"_s}} << QVariantMap{};
-    QTest::newRow("signed and unsigned")
-        << QVariantMap{{u"title"_s, u"\u00c9t\u00e9 \U0001F600"_s}, {u"tags"_s, u"a,b"_s},
-                       {u"size"_s, 1080}}
-        << QVariantMap{{u"video"_s, QVariant::fromValue(video)}, {u"thumb"_s, QVariant::fromValue(photo)},
-                       {u"raw"_s, QByteArray("\x00\x01", 2)}};
-    QTest::newRow("empty values") << QVariantMap{{u"empty"_s, QString()}} << QVariantMap{{u"e"_s, QByteArray()}};
+    QTest::newRow("signed and unsigned") << QVariantMap{{u"title"_s, u"\u00c9t\u00e9 \U0001F600"_s},
+                                                        {u"tags"_s, u"a,b"_s},
+                                                        {u"size"_s, 1080}}
+                                         << QVariantMap{{u"video"_s, QVariant::fromValue(video)},
+                                                        {u"thumb"_s, QVariant::fromValue(photo)},
+                                                        {u"raw"_s, QByteArray("\x00\x01", 2)}};
+    QTest::newRow("empty values") << QVariantMap{{u"empty"_s, QString()}}
+                                  << QVariantMap{{u"e"_s, QByteArray()}};
 }
 
 // Each parser prints the parts it found as JSON; we compare them with what we
@@ -201,7 +205,9 @@ void tst_Interop::multipartBodiesParseWithIndependentParsers()
             comparable.append(object);
         }
         QVERIFY2(comparable == expected,
-                 (parser.script + u": "_s + QString::fromUtf8(result.out.left(2000))).toUtf8().constData());
+                 (parser.script + u": "_s + QString::fromUtf8(result.out.left(2000)))
+                     .toUtf8()
+                     .constData());
     }
 }
 
@@ -215,10 +221,9 @@ void tst_Interop::escapingAgreesWithPythonOverRandomStrings()
     QJsonArray array;
     for (const QString &input : inputs)
         array.append(input);
-    const QByteArray script =
-        "import sys, json, urllib.parse\n"
-        "for s in json.load(sys.stdin):\n"
-        "    print(urllib.parse.quote(s, safe='', encoding='utf-8'))\n";
+    const QByteArray script = "import sys, json, urllib.parse\n"
+                              "for s in json.load(sys.stdin):\n"
+                              "    print(urllib.parse.quote(s, safe='', encoding='utf-8'))\n";
     const Run result = run(m_python, {u"-c"_s, QString::fromLatin1(script)},
                            QJsonDocument(array).toJson(QJsonDocument::Compact));
     QVERIFY2(result.exitCode == 0, result.err.constData());

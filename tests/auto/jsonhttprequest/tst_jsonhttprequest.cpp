@@ -35,8 +35,8 @@ public:
 class InspectableRequest : public JSONHTTPRequest
 {
 public:
-    using JSONHTTPRequest::JSONHTTPRequest;
     using JSONHTTPRequest::hasConnection;
+    using JSONHTTPRequest::JSONHTTPRequest;
     using JSONHTTPRequest::rawData;
     using JSONHTTPRequest::receivedValidResponse;
 };
@@ -127,9 +127,10 @@ void tst_JSONHTTPRequest::queryFollowsTheQuestionMarkRule_data()
     QTest::addColumn<std::optional<QVariantMap>>("getParams");
     QTest::addColumn<QByteArray>("target");
     const QVariantMap params{{u"b"_s, u"2"_s}, {u"a"_s, u"1 2"_s}};
-    QTest::newRow("after existing query") << u"/a?x=1"_s << std::optional(params)
-                                          << QByteArray("/a?x=1&a=1%202&b=2");
-    QTest::newRow("first query") << u"/a"_s << std::optional(params) << QByteArray("/a?a=1%202&b=2");
+    QTest::newRow("after existing query")
+        << u"/a?x=1"_s << std::optional(params) << QByteArray("/a?x=1&a=1%202&b=2");
+    QTest::newRow("first query") << u"/a"_s << std::optional(params)
+                                 << QByteArray("/a?a=1%202&b=2");
     QTest::newRow("empty but set") << u"/a"_s << std::optional(QVariantMap()) << QByteArray("/a?");
     QTest::newRow("empty after query")
         << u"/a?x=1"_s << std::optional(QVariantMap()) << QByteArray("/a?x=1&");
@@ -214,7 +215,8 @@ void tst_JSONHTTPRequest::multipartBodyHoldsSignedThenUnsignedSequences()
     QCOMPARE(seen.body,
              d + "Content-Disposition: form-data; name=\"title\"\r\n\r\nTrip\r\n" + d + d +
                  "Content-Disposition: form-data; name=\"video\"; filename=\"clip.mov\"\r\n"
-                 "Content-Type: video/quicktime\r\n\r\nMOOV\r\n" + d);
+                 "Content-Type: video/quicktime\r\n\r\nMOOV\r\n" +
+                 d);
 
     // Only unsigned parameters: still multipart, with that one sequence.
     m_server.clear();
@@ -246,7 +248,8 @@ void tst_JSONHTTPRequest::signerSeesPostParametersInQueryButRequestGoesToPlainUR
     QCOMPARE(seen.target, QByteArray("/upload?v=2&g=1"));
     QCOMPARE(seen.header("Authorization"), QByteArray("Test signature"));
     QVERIFY(seen.body.contains("name=\"title\"\r\n\r\nA & B\r\n"));
-    QVERIFY(seen.body.contains("name=\"video\"\r\nContent-Type: application/octet-stream\r\n\r\nbytes"));
+    QVERIFY(seen.body.contains(
+        "name=\"video\"\r\nContent-Type: application/octet-stream\r\n\r\nbytes"));
     // What the signer saw carried the signed sequence only.
     QVERIFY(!signer->seen[0].HTTPBody()->contains("bytes"));
 }
@@ -274,8 +277,7 @@ void tst_JSONHTTPRequest::putAndOverrideBodiesSendExactlyWhatWasGiven()
         seen = runAndRecord(request, d);
         QCOMPARE(seen.body, exact);
         // The multipart header depends on the parameters, not on the body sent.
-        QCOMPARE(seen.header("Content-Type").startsWith("multipart/form-data"),
-                 false);
+        QCOMPARE(seen.header("Content-Type").startsWith("multipart/form-data"), false);
     }
 }
 
@@ -406,38 +408,39 @@ void tst_JSONHTTPRequest::responseTypesDeliverTheirObjects_data()
     QTest::addColumn<qint64>("errorCode");
 
     const QString own = JSONHTTPRequestErrorDomain;
-    QTest::newRow("json object")
-        << 0 << QByteArray(R"({"a":[1,2.5,"x",true,null],"b":{"c":-3}})")
-        << QVariant(QVariantMap{
-               {u"a"_s, QVariantList{qint64(1), 2.5, u"x"_s, true, QVariant::fromValue(nullptr)}},
-               {u"b"_s, QVariantMap{{u"c"_s, qint64(-3)}}}})
+    QTest::newRow("json object") << 0 << QByteArray(R"({"a":[1,2.5,"x",true,null],"b":{"c":-3}})")
+                                 << QVariant(QVariantMap{
+                                        {u"a"_s, QVariantList{qint64(1), 2.5, u"x"_s, true,
+                                                              QVariant::fromValue(nullptr)}},
+                                        {u"b"_s, QVariantMap{{u"c"_s, qint64(-3)}}}})
+                                 << QString() << qint64(0);
+    QTest::newRow("json string fragment") << 0 << QByteArray(" \"h\\u00e9llo\" ")
+                                          << QVariant(u"h\u00e9llo"_s) << QString() << qint64(0);
+    QTest::newRow("json number fragment")
+        << 0 << QByteArray("42") << QVariant(qint64(42)) << QString() << qint64(0);
+    QTest::newRow("json big unsigned")
+        << 0 << QByteArray("18446744073709551615") << QVariant(quint64(18446744073709551615ull))
         << QString() << qint64(0);
-    QTest::newRow("json string fragment")
-        << 0 << QByteArray(" \"h\\u00e9llo\" ") << QVariant(u"h\u00e9llo"_s) << QString() << qint64(0);
-    QTest::newRow("json number fragment") << 0 << QByteArray("42") << QVariant(qint64(42))
-                                          << QString() << qint64(0);
-    QTest::newRow("json big unsigned") << 0 << QByteArray("18446744073709551615")
-                                       << QVariant(quint64(18446744073709551615ull)) << QString()
-                                       << qint64(0);
     QTest::newRow("json null fragment")
         << 0 << QByteArray("null") << QVariant::fromValue(nullptr) << QString() << qint64(0);
     QTest::newRow("form string keeps escapes")
         << 1 << QByteArray("a=1%202&b=2")
         << QVariant(QVariantMap{{u"a"_s, u"1%202"_s}, {u"b"_s, u"2"_s}}) << QString() << qint64(0);
-    QTest::newRow("form string not utf-8") << 1 << QByteArray("a=\xff") << QVariant() << own
-                                           << qint64(JSONHTTPRequestErrorNoResult);
+    QTest::newRow("form string not utf-8")
+        << 1 << QByteArray("a=\xff") << QVariant() << own << qint64(JSONHTTPRequestErrorNoResult);
     QTest::newRow("form string with no pairs")
         << 1 << QByteArray("garbage") << QVariant(QVariantMap()) << QString() << qint64(0);
     QByteArray everyByte;
     for (int i = 0; i < 256; ++i)
         everyByte += char(i);
-    QTest::newRow("raw bytes exact") << 2 << everyByte << QVariant(everyByte) << QString() << qint64(0);
+    QTest::newRow("raw bytes exact")
+        << 2 << everyByte << QVariant(everyByte) << QString() << qint64(0);
     QTest::newRow("unknown type") << 5 << QByteArray("x") << QVariant() << own
                                   << qint64(JSONHTTPRequestErrorNoResult);
     QTest::newRow("unknown type, empty body")
         << 5 << QByteArray() << QVariant(QVariantMap()) << QString() << qint64(0);
-    QTest::newRow("raw, empty body") << 2 << QByteArray() << QVariant(QVariantMap()) << QString()
-                                     << qint64(0);
+    QTest::newRow("raw, empty body")
+        << 2 << QByteArray() << QVariant(QVariantMap()) << QString() << qint64(0);
 }
 
 void tst_JSONHTTPRequest::responseTypesDeliverTheirObjects()
@@ -503,7 +506,8 @@ void tst_JSONHTTPRequest::hostileJSONFailsWithTheParsersError()
     request.start();
     QTRY_VERIFY_WITH_TIMEOUT(delegate.endings() == 1, kTimeoutMs);
     QCOMPARE(delegate.last().object.toList().size(), 200001);
-    QCOMPARE(delegate.last().object.toList().at(199999).toMap().value(u"n"_s), QVariant(qint64(199999)));
+    QCOMPARE(delegate.last().object.toList().at(199999).toMap().value(u"n"_s),
+             QVariant(qint64(199999)));
 }
 
 // --- progress, cancelling and lifetime --------------------------------------
@@ -688,7 +692,8 @@ void tst_JSONHTTPRequest::headerInjectionIsRefused()
 
 void tst_JSONHTTPRequest::failuresToStartArriveLaterFromTheEventLoop()
 {
-    for (const QString &url : {u"ftp://127.0.0.1/file"_s, u"http://[::1"_s, u"file:///etc/passwd"_s}) {
+    for (const QString &url :
+         {u"ftp://127.0.0.1/file"_s, u"http://[::1"_s, u"file:///etc/passwd"_s}) {
         RecordingDelegate delegate;
         JSONHTTPRequest request(QUrl(url), &delegate);
         request.start();

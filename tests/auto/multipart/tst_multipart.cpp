@@ -67,7 +67,8 @@ void tst_Multipart::textPartLayoutIsExact()
 void tst_Multipart::emptyDictionaryIsTheDelimiterAlone()
 {
     MultipartRequest request;
-    QCOMPARE(request._multipartParamData({}), "--" + request.HTTPRequestBoundary().toLatin1() + "\r\n");
+    QCOMPARE(request._multipartParamData({}),
+             "--" + request.HTTPRequestBoundary().toLatin1() + "\r\n");
 }
 
 void tst_Multipart::partsFollowMapOrderWithTheirKinds()
@@ -84,14 +85,16 @@ void tst_Multipart::partsFollowMapOrderWithTheirKinds()
         {u"e-text"_s, u"\u00e9t\u00e9"_s},
     };
     const QByteArray expected =
-        d + "Content-Disposition: form-data; name=\"a-bytes\"\r\n"
-            "Content-Type: application/octet-stream\r\n\r\n" +
-        QByteArray("\x00\xff", 2) + "\r\n" +
-        d + "Content-Disposition: form-data; name=\"b-number\"\r\n\r\n1080\r\n" +
-        d + "Content-Disposition: form-data; name=\"c-file\"; filename=\"clip.mov\"\r\n"
-            "Content-Type: video/quicktime\r\n\r\nMOOV\r\n" +
-        d + "Content-Disposition: form-data; name=\"d-empty-file\"; filename=\"gone.bin\"\r\n"
-            "Content-Type: application/octet-stream\r\n\r\n\r\n" +
+        d +
+        "Content-Disposition: form-data; name=\"a-bytes\"\r\n"
+        "Content-Type: application/octet-stream\r\n\r\n" +
+        QByteArray("\x00\xff", 2) + "\r\n" + d +
+        "Content-Disposition: form-data; name=\"b-number\"\r\n\r\n1080\r\n" + d +
+        "Content-Disposition: form-data; name=\"c-file\"; filename=\"clip.mov\"\r\n"
+        "Content-Type: video/quicktime\r\n\r\nMOOV\r\n" +
+        d +
+        "Content-Disposition: form-data; name=\"d-empty-file\"; filename=\"gone.bin\"\r\n"
+        "Content-Type: application/octet-stream\r\n\r\n\r\n" +
         d + "Content-Disposition: form-data; name=\"e-text\"\r\n\r\n\xc3\xa9t\xc3\xa9\r\n" + d;
     QCOMPARE(request._multipartParamData(params), expected);
 }
@@ -104,9 +107,11 @@ void tst_Multipart::fileContentTypeFollowsLowerCasedExtension_data()
     QTest::newRow("jpg") << u"a.jpg"_s << QByteArray("image/jpeg");
     QTest::newRow("jpeg mixed") << u"a.JpEg"_s << QByteArray("image/jpeg");
     QTest::newRow("png") << u"dir.mov/a.png"_s << QByteArray("image/png");
-    QTest::newRow("last extension only") << u"a.jpeg.txt"_s << QByteArray("application/octet-stream");
+    QTest::newRow("last extension only")
+        << u"a.jpeg.txt"_s << QByteArray("application/octet-stream");
     QTest::newRow("none") << u"README"_s << QByteArray("application/octet-stream");
-    QTest::newRow("dot in directory only") << u"v.mov/clip"_s << QByteArray("application/octet-stream");
+    QTest::newRow("dot in directory only")
+        << u"v.mov/clip"_s << QByteArray("application/octet-stream");
     QTest::newRow("empty name") << QString() << QByteArray("application/octet-stream");
 }
 
@@ -117,7 +122,8 @@ void tst_Multipart::fileContentTypeFollowsLowerCasedExtension()
     MultipartRequest request;
     const QByteArray body =
         request._multipartParamData({{u"f"_s, QVariant::fromValue(fileNamed(name, "x"))}});
-    QVERIFY2(body.contains(QByteArray("\"\r\nContent-Type: " + contentType + "\r\n\r\nx\r\n")), body.constData());
+    QVERIFY2(body.contains(QByteArray("\"\r\nContent-Type: " + contentType + "\r\n\r\nx\r\n")),
+             body.constData());
 }
 
 void tst_Multipart::fileNameQuotesAndBackslashesAreEscapedButKeysAreNot()

@@ -79,7 +79,7 @@ void JSONHTTPRequestPrivate::start()
             if (method == JSONHTTPRequestMethodFormPOST) {
                 request.setHTTPBody(formBody(*postParams));
             } else if (method == JSONHTTPRequestMethodMultipartPOST) {
-                request.setHTTPBody(zdMultipartParamData(*postParams, ensureBoundary()));
+                request.setHTTPBodySegments(zdMultipartSegments(*postParams, ensureBoundary()));
                 if (signsMultipartPOSTData && signer) {
                     signingURL = urlString;
                     appendQuery(*signingURL,
@@ -97,23 +97,23 @@ void JSONHTTPRequestPrivate::start()
 
     // Parameters added after signing are never covered by the signature.
     if (unsignedPostParams && !overridePostBody) {
-        // Take the body out so that it is not shared while it grows.
-        std::optional<QByteArray> body = request.HTTPBody();
-        request.setHTTPBody(std::nullopt);
+        // The body's pieces are extended, never copied: a video in the unsigned
+        // parameters is sent from its own buffer.
+        std::optional<QByteArrayList> body = request.HTTPBodySegments();
         if (method == JSONHTTPRequestMethodFormPOST) {
             if (body) {
                 // A signed part that is set but empty is followed by "~", not "&":
                 // receivers of this library's form bodies expect that marker.
-                body->append(postParams && !postParams->isEmpty() ? '&' : '~');
+                body->append(postParams && !postParams->isEmpty() ? "&" : "~");
             }
-            body = body.value_or(QByteArray("")) + formBody(*unsignedPostParams);
+            body = body.value_or(QByteArrayList()) << formBody(*unsignedPostParams);
         } else if (method == JSONHTTPRequestMethodMultipartPOST) {
-            body = zdMultipartParamData(*unsignedPostParams, ensureBoundary(),
-                                        body.value_or(QByteArray()));
+            body = body.value_or(QByteArrayList())
+                   << zdMultipartSegments(*unsignedPostParams, ensureBoundary());
         } else if (!body) {
-            body = QByteArray("");
+            body = QByteArrayList(); // an empty body, no longer none
         }
-        request.setHTTPBody(std::move(body));
+        request.setHTTPBodySegments(std::move(body));
     }
 
     connection = ZDURLConnection::start(request, weak_from_this());

@@ -6,7 +6,6 @@
 
 #include <openssl/evp.h>
 
-
 #include <cstdlib>
 
 QString ZDCreateMD5WithData(const QByteArray &data)

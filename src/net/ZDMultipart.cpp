@@ -3,7 +3,7 @@
 #include "net/ZDAdditions.h"
 #include "net/ZDFileUpload.h"
 
-#include <vector>
+#include <utility>
 
 namespace {
 
@@ -52,29 +52,33 @@ QByteArray zdMultipartContentTypeLine(const QString &name)
     return QByteArrayLiteral("Content-Type: application/octet-stream\r\n");
 }
 
-QByteArray zdMultipartParamData(const QVariantMap &params, const QString &boundary,
-                                const QByteArray &prefix)
+QByteArrayList zdMultipartSegments(const QVariantMap &params, const QString &boundary)
 {
+    // Contents below this size are copied into the text around them; larger ones
+    // are sent from their own buffers.
+    constexpr qsizetype kSharedContentSize = 64 * 1024;
     const QByteArray delimiter = "--" + boundary.toUtf8() + "\r\n";
-    std::vector<Part> parts;
-    parts.reserve(size_t(params.size()));
-    qsizetype total = prefix.size() + delimiter.size();
+    QByteArrayList segments;
+    QByteArray text;
     for (auto it = params.cbegin(); it != params.cend(); ++it) {
-        parts.push_back(makePart(it.key(), it.value()));
-        total +=
-            delimiter.size() + parts.back().header.size() + 2 + parts.back().content.size() + 2;
+        const Part part = makePart(it.key(), it.value());
+        text += delimiter;
+        text += part.header;
+        text += "\r\n";
+        if (part.content.size() < kSharedContentSize) {
+            text += part.content;
+        } else {
+            segments.append(std::exchange(text, QByteArray()));
+            segments.append(part.content);
+        }
+        text += "\r\n";
     }
-    // One exact allocation: a large file part is copied once and never moved.
-    QByteArray body;
-    body.reserve(total);
-    body += prefix;
-    for (const Part &part : parts) {
-        body += delimiter;
-        body += part.header;
-        body += "\r\n";
-        body += part.content;
-        body += "\r\n";
-    }
-    body += delimiter;
-    return body;
+    text += delimiter;
+    segments.append(text);
+    return segments;
+}
+
+QByteArray zdMultipartParamData(const QVariantMap &params, const QString &boundary)
+{
+    return zdMultipartSegments(params, boundary).join(); // joins at the exact size
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QByteArrayList>
 #include <QString>
 #include <QVariantMap>
 
@@ -15,10 +16,13 @@
 // part holding ZDAdditions::textualDescription() of the value. Keys are written
 // as they are.
 //
-// `prefix` is placed before the first delimiter, in the same single allocation,
-// so that a body can be continued without copying a large file part twice.
-QByteArray zdMultipartParamData(const QVariantMap &params, const QString &boundary,
-                                const QByteArray &prefix = QByteArray());
+// The body in one buffer, allocated once at its exact size.
+QByteArray zdMultipartParamData(const QVariantMap &params, const QString &boundary);
+
+// The same bytes as pieces to send back to back: large contents (file parts,
+// byte buffers) are pieces of their own that share the caller's buffers, the
+// text between them is joined into small pieces.
+QByteArrayList zdMultipartSegments(const QVariantMap &params, const QString &boundary);
 
 // The content-type header line of a file part named `name`.
 QByteArray zdMultipartContentTypeLine(const QString &name);

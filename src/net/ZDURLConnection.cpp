@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstring>
 #include <mutex>
 #include <optional>
 #include <unordered_map>
@@ -78,7 +79,13 @@ struct ZDURLConnection::Private
     void dispatchProgress();
     void dispatchDone(CURLcode result);
 
+    // Where the read callback stands in a body of several pieces.
+    qsizetype readSegment = 0;
+    qsizetype readOffset = 0;
+
     static size_t headerCallback(char *buffer, size_t size, size_t count, void *userdata);
+    static size_t readCallback(char *buffer, size_t size, size_t count, void *userdata);
+    static int seekCallback(void *userdata, curl_off_t offset, int origin);
     static size_t writeCallback(char *buffer, size_t size, size_t count, void *userdata);
     static int progressCallback(void *clientp, curl_off_t, curl_off_t, curl_off_t ultotal,
                                 curl_off_t ulnow);
@@ -399,15 +406,26 @@ std::optional<ZDError> ZDURLConnection::Private::configure()
     if (!hasUserAgent)
         curl_easy_setopt(easy, CURLOPT_USERAGENT, "ZDPublish/" ZD_VERSION_STRING);
 
-    // The body is handed to curl in place: m_request keeps the bytes alive and
-    // unshared copies are never made.
+    // The body is handed to curl in place: m_request keeps the bytes alive. A
+    // body of one piece is given as it is; one of several pieces (a multipart
+    // body around a large file) is read piece by piece, never joined.
     const QByteArray verb = request.HTTPMethod();
-    const std::optional<QByteArray> &body = request.HTTPBody();
+    const std::optional<QByteArrayList> &body = request.HTTPBodySegments();
+    const qint64 bodyLength = request.HTTPBodyLength();
     const auto setBody = [&] {
-        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(body ? body->size() : 0));
-        curl_easy_setopt(easy, CURLOPT_POSTFIELDS, body ? body->constData() : "");
+        curl_easy_setopt(easy, CURLOPT_POST, 1L);
+        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(bodyLength));
+        if (!body || body->size() <= 1) {
+            curl_easy_setopt(easy, CURLOPT_POSTFIELDS,
+                             body && !body->isEmpty() ? body->front().constData() : "");
+            return;
+        }
+        curl_easy_setopt(easy, CURLOPT_READFUNCTION, &Private::readCallback);
+        curl_easy_setopt(easy, CURLOPT_READDATA, this);
+        curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &Private::seekCallback);
+        curl_easy_setopt(easy, CURLOPT_SEEKDATA, this);
     };
-    const bool bodyless = !body || body->isEmpty();
+    const bool bodyless = !body || bodyLength == 0;
     if (verb == "GET" && bodyless) {
         curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
     } else if (verb == "HEAD" && bodyless) {
@@ -422,6 +440,44 @@ std::optional<ZDError> ZDURLConnection::Private::configure()
             setBody();
     }
     return std::nullopt;
+}
+
+size_t ZDURLConnection::Private::readCallback(char *buffer, size_t size, size_t count,
+                                              void *userdata)
+{
+    auto *self = static_cast<Private *>(userdata);
+    const QByteArrayList &segments = *self->q->m_request.HTTPBodySegments();
+    size_t written = 0;
+    const size_t room = size * count;
+    while (written < room && self->readSegment < segments.size()) {
+        const QByteArray &segment = segments[self->readSegment];
+        const size_t take = std::min(room - written, size_t(segment.size() - self->readOffset));
+        std::memcpy(buffer + written, segment.constData() + self->readOffset, take);
+        written += take;
+        self->readOffset += qsizetype(take);
+        if (self->readOffset == segment.size()) {
+            ++self->readSegment;
+            self->readOffset = 0;
+        }
+    }
+    return written;
+}
+
+// Curl rewinds the body when a redirect or an authentication round repeats it.
+int ZDURLConnection::Private::seekCallback(void *userdata, curl_off_t offset, int origin)
+{
+    auto *self = static_cast<Private *>(userdata);
+    if (origin != SEEK_SET || offset < 0)
+        return CURL_SEEKFUNC_CANTSEEK;
+    const QByteArrayList &segments = *self->q->m_request.HTTPBodySegments();
+    self->readSegment = 0;
+    while (self->readSegment < segments.size() && offset >= segments[self->readSegment].size()) {
+        offset -= segments[self->readSegment].size();
+        ++self->readSegment;
+    }
+    self->readOffset = qsizetype(offset);
+    return offset > 0 && self->readSegment == segments.size() ? CURL_SEEKFUNC_FAIL
+                                                              : CURL_SEEKFUNC_OK;
 }
 
 size_t ZDURLConnection::Private::headerCallback(char *buffer, size_t size, size_t count,

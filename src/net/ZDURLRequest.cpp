@@ -16,6 +16,33 @@ void ZDURLRequest::setURL(const QUrl &url)
     m_url = url.toEncoded();
 }
 
+std::optional<QByteArray> ZDURLRequest::HTTPBody() const
+{
+    if (!m_body)
+        return std::nullopt;
+    if (m_body->isEmpty())
+        return QByteArray("");
+    if (m_body->size() == 1)
+        return m_body->front();
+    return m_body->join();
+}
+
+void ZDURLRequest::setHTTPBody(const std::optional<QByteArray> &body)
+{
+    if (body)
+        m_body = QByteArrayList{*body};
+    else
+        m_body.reset();
+}
+
+qint64 ZDURLRequest::HTTPBodyLength() const
+{
+    qint64 length = 0;
+    for (const QByteArray &segment : m_body.value_or(QByteArrayList()))
+        length += segment.size();
+    return length;
+}
+
 qsizetype ZDURLRequest::headerIndex(const QByteArray &name) const
 {
     for (qsizetype i = 0; i < m_headers.size(); ++i) {

@@ -3,6 +3,7 @@
 #include "core/zdglobal.h"
 
 #include <QByteArray>
+#include <QByteArrayList>
 #include <QList>
 #include <QMetaType>
 #include <QUrl>
@@ -62,8 +63,18 @@ public:
 
     // No body and an empty body differ: the request layer appends to a body only
     // when there is one.
-    const std::optional<QByteArray> &HTTPBody() const { return m_body; }
-    void setHTTPBody(std::optional<QByteArray> body) { m_body = std::move(body); }
+    //
+    // A body is held as pieces sent back to back, so that a large file part is
+    // sent from the caller's own buffer and never copied into one body buffer.
+    // HTTPBody() joins the pieces (a body of one piece is shared, not copied).
+    std::optional<QByteArray> HTTPBody() const;
+    void setHTTPBody(const std::optional<QByteArray> &body);
+    const std::optional<QByteArrayList> &HTTPBodySegments() const { return m_body; }
+    void setHTTPBodySegments(std::optional<QByteArrayList> segments)
+    {
+        m_body = std::move(segments);
+    }
+    qint64 HTTPBodyLength() const;
 
     // True for a new request. When false, the transport refuses to send the
     // request while the system reports a cellular link (see JSONHTTPRequest).
@@ -76,7 +87,7 @@ private:
     QByteArray m_url;
     QByteArray m_method = QByteArrayLiteral("GET");
     ZDHTTPHeaderList m_headers;
-    std::optional<QByteArray> m_body;
+    std::optional<QByteArrayList> m_body;
     bool m_allowsCellularAccess = true;
 };
 

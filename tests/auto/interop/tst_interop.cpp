@@ -172,9 +172,10 @@ void tst_Interop::multipartBodiesParseWithIndependentParsers()
     QFETCH(QVariantMap, signedParams);
     QFETCH(QVariantMap, unsignedParams);
     const QString boundary = u"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0"_s;
-    QByteArray body = zdMultipartParamData(signedParams, boundary);
+    QByteArrayList segments = zdMultipartSegments(signedParams, boundary);
     if (!unsignedParams.isEmpty())
-        body = zdMultipartParamData(unsignedParams, boundary, body);
+        segments += zdMultipartSegments(unsignedParams, boundary);
+    const QByteArray body = segments.join();
 
     QJsonArray expected = expectedParts(signedParams);
     for (const auto &part : expectedParts(unsignedParams))

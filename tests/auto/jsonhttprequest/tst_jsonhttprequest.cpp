@@ -41,6 +41,13 @@ public:
     using JSONHTTPRequest::receivedValidResponse;
 };
 
+class MultipartRequest : public JSONHTTPRequest
+{
+public:
+    using JSONHTTPRequest::_multipartParamData;
+    using JSONHTTPRequest::JSONHTTPRequest;
+};
+
 // Lets the event loop run long enough for a late, unexpected message to arrive.
 void settle(int ms = 200)
 {
@@ -63,6 +70,8 @@ private Q_SLOTS:
     void formBodyAppendsUnsignedParametersAfterSigning_data();
     void formBodyAppendsUnsignedParametersAfterSigning();
     void multipartBodyHoldsSignedThenUnsignedSequences();
+    void largePartsGoOutWhole_data();
+    void largePartsGoOutWhole();
     void signerSeesPostParametersInQueryButRequestGoesToPlainURL();
     void putAndOverrideBodiesSendExactlyWhatWasGiven();
     void unknownMethodKeepsTheVerbAndBuildsNoBody();
@@ -229,6 +238,53 @@ void tst_JSONHTTPRequest::multipartBodyHoldsSignedThenUnsignedSequences()
     QCOMPARE(only.header("Content-Type"),
              "multipart/form-data; boundary=" + unsignedOnly.HTTPRequestBoundary().toLatin1());
     QCOMPARE(only.body, d2 + "Content-Disposition: form-data; name=\"n\"\r\n\r\n1080\r\n" + d2);
+}
+
+// Large contents travel as pieces of their own; the wire must not show it, also
+// when a 307 redirect makes the transport rewind and send the body again.
+void tst_JSONHTTPRequest::largePartsGoOutWhole_data()
+{
+    QTest::addColumn<bool>("redirected");
+    QTest::newRow("direct") << false;
+    QTest::newRow("after a 307") << true;
+}
+
+void tst_JSONHTTPRequest::largePartsGoOutWhole()
+{
+    QFETCH(bool, redirected);
+    m_server.setHandler([&](const RecordedRequest &request) {
+        if (redirected && request.target == "/start")
+            return CannedReply::redirect(307, "/final");
+        return CannedReply::json("{}");
+    });
+    QByteArray video(3 * 1024 * 1024 + 17, Qt::Uninitialized);
+    for (qsizetype i = 0; i < video.size(); ++i)
+        video[i] = char(i * 7 + i / 251);
+    ZDFileUpload upload;
+    upload.setName(u"clip.mov"_s);
+    upload.setData(video);
+    const QVariantMap signedParams{{u"title"_s, u"Trip"_s},
+                                   {u"thumbnail"_s, QByteArray(200 * 1024, 't')}};
+    const QVariantMap unsignedParams{{u"a-video"_s, QVariant::fromValue(upload)},
+                                     {u"b-note"_s, u"after the video"_s}};
+
+    RecordingDelegate delegate;
+    MultipartRequest request(m_server.url(u"/start"_s), &delegate);
+    request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
+    request.setPostParams(signedParams);
+    request.setUnsignedPostParams(unsignedParams);
+    request.start();
+    QTRY_VERIFY_WITH_TIMEOUT(delegate.endings() == 1, kTimeoutMs);
+    QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Object);
+
+    const QByteArray expected =
+        request._multipartParamData(signedParams) + request._multipartParamData(unsignedParams);
+    QCOMPARE(m_server.requests().size(), redirected ? 2 : 1);
+    for (const RecordedRequest &seen : m_server.requests()) {
+        QCOMPARE(seen.method, QByteArray("POST"));
+        QCOMPARE(seen.body.size(), expected.size());
+        QVERIFY(seen.body == expected);
+    }
 }
 
 void tst_JSONHTTPRequest::signerSeesPostParametersInQueryButRequestGoesToPlainURL()

@@ -5,7 +5,13 @@
 #include "net/ZDFileUpload.h"
 #include "net/ZDURLConnection_p.h"
 
+#include <QProcess>
+#include <QSslCertificate>
+#include <QSslConfiguration>
+#include <QSslKey>
+#include <QSslServer>
 #include <QTcpServer>
+#include <QTemporaryDir>
 #include <QTest>
 
 Q_DECLARE_METATYPE(std::optional<QVariantMap>)
@@ -89,6 +95,7 @@ private Q_SLOTS:
     void destroyedDelegateIsNotCalled();
     void transportFailuresGiveExactlyOneFailure_data();
     void transportFailuresGiveExactlyOneFailure();
+    void tlsPeersAreVerified();
     void cellularFlagIsHonouredWhenTheLinkIsCellular();
     void headerInjectionIsRefused();
     void failuresToStartArriveLaterFromTheEventLoop();
@@ -702,6 +709,47 @@ void tst_JSONHTTPRequest::transportFailuresGiveExactlyOneFailure()
         QCOMPARE(error.code(), curlCode);
     QVERIFY(!error.localizedDescription().isEmpty());
     QVERIFY(error.userInfo().value(ZDURLErrorURLKey).toString().contains(u"/"_s));
+}
+
+// A server whose certificate no trusted authority signed is refused during the
+// handshake.
+void tst_JSONHTTPRequest::tlsPeersAreVerified()
+{
+    QTemporaryDir dir;
+    QVERIFY(dir.isValid());
+    const QString key = dir.filePath(u"key.pem"_s);
+    const QString certificate = dir.filePath(u"cert.pem"_s);
+    QProcess openssl;
+    openssl.start(u"openssl"_s,
+                  {u"req"_s, u"-x509"_s, u"-newkey"_s, u"rsa:2048"_s, u"-nodes"_s, u"-keyout"_s,
+                   key, u"-out"_s, certificate, u"-days"_s, u"2"_s, u"-subj"_s, u"/CN=127.0.0.1"_s,
+                   u"-addext"_s, u"subjectAltName=IP:127.0.0.1"_s});
+    QVERIFY2(openssl.waitForFinished(60000) && openssl.exitCode() == 0,
+             openssl.readAllStandardError().constData());
+
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    QFile keyFile(key), certificateFile(certificate);
+    QVERIFY(keyFile.open(QIODevice::ReadOnly) && certificateFile.open(QIODevice::ReadOnly));
+    configuration.setPrivateKey(QSslKey(&keyFile, QSsl::Rsa));
+    configuration.setLocalCertificate(QSslCertificate(&certificateFile));
+    QSslServer server;
+    server.setSslConfiguration(configuration);
+    QVERIFY(server.listen(QHostAddress::LocalHost, 0));
+    // The server would only hand out connections whose handshake succeeded.
+    bool encryptedConnection = false;
+    connect(&server, &QSslServer::pendingConnectionAvailable, this,
+            [&] { encryptedConnection = true; });
+
+    RecordingDelegate delegate;
+    JSONHTTPRequest request(QUrl(u"https://127.0.0.1:%1/secret"_s.arg(server.serverPort())),
+                            &delegate);
+    request.start();
+    QTRY_VERIFY_WITH_TIMEOUT(delegate.endings() == 1, kTimeoutMs);
+    settle(200);
+    QCOMPARE(delegate.events.size(), size_t(1));
+    QCOMPARE(delegate.last().error.domain(), ZDCurlErrorDomain);
+    QCOMPARE(delegate.last().error.code(), qint64(60)); // CURLE_PEER_FAILED_VERIFICATION
+    QVERIFY(!encryptedConnection);
 }
 
 void tst_JSONHTTPRequest::cellularFlagIsHonouredWhenTheLinkIsCellular()

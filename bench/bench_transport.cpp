@@ -37,6 +37,24 @@ int argcStub = 1;
 char nameStub[] = "bench";
 char *argvStub[] = {nameStub, nullptr};
 
+// Sends one request configured by `configure` on a fresh event loop and waits
+// for its end.
+bool sendOnce(const QUrl &url, const std::function<void(JSONHTTPRequest &)> &configure)
+{
+    QCoreApplication app(argcStub, argvStub);
+    Finisher finisher;
+    bool ok = false;
+    finisher.done = [&](JSONHTTPRequest *, bool success) {
+        ok = success;
+        app.quit();
+    };
+    JSONHTTPRequest request(url, &finisher);
+    configure(request);
+    request.start();
+    app.exec();
+    return ok;
+}
+
 size_t discard(char *, size_t size, size_t count, void *)
 {
     return size * count;
@@ -59,21 +77,12 @@ int main(int argc, char **argv)
         video.setData(bench::randomBytes(uploadSize, 9));
     };
     const bench::ChildResult ours = bench::inChild(prepare, [&] {
-        QCoreApplication app(argcStub, argvStub);
-        Finisher finisher;
-        bool ok = false;
-        finisher.done = [&](JSONHTTPRequest *, bool success) {
-            ok = success;
-            app.quit();
-        };
-        JSONHTTPRequest request(url, &finisher);
-        request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
-        request.setPostParams(QVariantMap{{QStringLiteral("title"), QStringLiteral("Trip")}});
-        request.setUnsignedPostParams(
-            QVariantMap{{QStringLiteral("video"), QVariant::fromValue(video)}});
-        request.start();
-        app.exec();
-        return ok;
+        return sendOnce(url, [&](JSONHTTPRequest &request) {
+            request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
+            request.setPostParams(QVariantMap{{QStringLiteral("title"), QStringLiteral("Trip")}});
+            request.setUnsignedPostParams(
+                QVariantMap{{QStringLiteral("video"), QVariant::fromValue(video)}});
+        });
     });
 
     // The transport alone: the same body built beforehand and sent as it is.
@@ -86,19 +95,10 @@ int main(int argc, char **argv)
             video = ZDFileUpload();
         },
         [&] {
-            QCoreApplication app(argcStub, argvStub);
-            Finisher finisher;
-            bool ok = false;
-            finisher.done = [&](JSONHTTPRequest *, bool success) {
-                ok = success;
-                app.quit();
-            };
-            JSONHTTPRequest request(url, &finisher);
-            request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
-            request.setOverridePostBody(prebuilt);
-            request.start();
-            app.exec();
-            return ok;
+            return sendOnce(url, [&](JSONHTTPRequest &request) {
+                request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
+                request.setOverridePostBody(prebuilt);
+            });
         });
 
     QTemporaryDir dir;

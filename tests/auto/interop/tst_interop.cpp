@@ -8,6 +8,7 @@
 #include "net/ZDAdditions.h"
 #include "net/ZDDigest.h"
 #include "net/ZDFileUpload.h"
+#include "net/ZDJSON_p.h"
 #include "net/ZDMultipart_p.h"
 
 #include <QJsonArray>
@@ -119,6 +120,7 @@ private Q_SLOTS:
     void multipartBodiesParseWithIndependentParsers();
     void escapingAgreesWithPythonOverRandomStrings();
     void md5AgreesWithMd5sumOverRandomBuffers();
+    void jsonAgreesWithPythonOnGeneratedDocuments();
 
 private:
     QString m_python;
@@ -247,6 +249,194 @@ void tst_Interop::md5AgreesWithMd5sumOverRandomBuffers()
         const Run result = run(md5sum, {u"-"_s}, buffer);
         QCOMPARE(ZDCreateMD5WithData(buffer), QString::fromLatin1(result.out.left(32)));
     }
+}
+
+namespace {
+
+// A random JSON text, valid by construction: nested containers, strings with
+// every kind of escape and raw non-ASCII text, numbers in their various forms.
+QByteArray randomJSON(QRandomGenerator &rng, int depth)
+{
+    const auto pick = [&](std::initializer_list<const char *> choices) {
+        return QByteArray(*(choices.begin() + rng.bounded(int(choices.size()))));
+    };
+    switch (depth > 4 ? rng.bounded(4) : rng.bounded(6)) {
+    case 0:
+        return pick({"true", "false", "null", "0", "-0", "1e3", "-12.5E-2", "9223372036854775807",
+                     "-9223372036854775808", "18446744073709551615", "3.141592653589793",
+                     "1.7976931348623157e308", "5e-324", "0.1"});
+    case 1:
+        return QByteArray::number(qint64(rng.generate64()) >> rng.bounded(64));
+    case 2:
+    case 3: {
+        QByteArray text = "\"";
+        const int length = int(rng.bounded(12));
+        for (int i = 0; i < length; ++i) {
+            text += pick({"a", "Z", " ", "\\\"", "\\\\", "\\/", "\\b", "\\f", "\\n", "\\r", "\\t",
+                          "\\u00e9", "\\u20AC", "\\ud83d\\ude00", "\xc3\xa9", "\xe2\x82\xac",
+                          "\xf0\x9f\x98\x80", "\\u0000"});
+        }
+        return text + "\"";
+    }
+    case 4: {
+        QByteArray array = "[";
+        const int count = int(rng.bounded(5));
+        for (int i = 0; i < count; ++i)
+            array += (i ? ", " : "") + randomJSON(rng, depth + 1);
+        return array + "]";
+    }
+    default: {
+        QByteArray object = "{";
+        const int count = int(rng.bounded(5));
+        for (int i = 0; i < count; ++i) {
+            object += (i ? "," : "") + QByteArray("\n\"k") + QByteArray::number(rng.bounded(4)) +
+                      "\" : " + randomJSON(rng, depth + 1);
+        }
+        return object + "}";
+    }
+    }
+}
+
+// Our parsed value written back as JSON with every number exact (QJsonValue
+// would turn 64-bit unsigned integers into doubles).
+QByteArray exactJSON(const QVariant &value)
+{
+    switch (value.typeId()) {
+    case QMetaType::QVariantMap: {
+        QByteArrayList members;
+        const QVariantMap map = value.toMap();
+        for (auto it = map.cbegin(); it != map.cend(); ++it)
+            members << exactJSON(it.key()) + ':' + exactJSON(it.value());
+        return '{' + members.join(',') + '}';
+    }
+    case QMetaType::QVariantList: {
+        QByteArrayList items;
+        for (const QVariant &item : value.toList())
+            items << exactJSON(item);
+        return '[' + items.join(',') + ']';
+    }
+    case QMetaType::QString: {
+        const QByteArray array =
+            QJsonDocument(QJsonArray{value.toString()}).toJson(QJsonDocument::Compact);
+        return array.mid(1, array.size() - 2);
+    }
+    case QMetaType::Double:
+        return QByteArray::number(value.toDouble(), 'g', 17);
+    case QMetaType::Bool:
+        return value.toBool() ? "true" : "false";
+    case QMetaType::Nullptr:
+        return "null";
+    default:
+        return value.toString().toLatin1(); // qint64 and quint64, in decimal
+    }
+}
+
+// The text with one random byte dropped, replaced or inserted: mostly invalid.
+QByteArray mutated(QRandomGenerator &rng, QByteArray text)
+{
+    static const char alphabet[] = "{}[]\",:.-+eE0123456789 tfn\\u\x01\xff";
+    const qsizetype at = text.isEmpty() ? 0 : qsizetype(rng.bounded(int(text.size())));
+    const char byte = alphabet[rng.bounded(int(sizeof alphabet - 1))];
+    switch (rng.bounded(3)) {
+    case 0:
+        return text.remove(at, 1);
+    case 1:
+        if (!text.isEmpty())
+            text[at] = byte;
+        return text;
+    default:
+        return text.insert(at, byte);
+    }
+}
+
+} // namespace
+
+// The JSON parser against Python's json module (strict: no NaN or Infinity,
+// no raw control characters) on generated documents and mutations of them:
+// both must accept and reject the same texts and read the same values.
+// Known, deliberate differences are left out: integers beyond 64 bits and
+// numbers beyond the double range (Python reads them, as big integers and as
+// infinity; our parser refuses them, as RFC 8259 allows), and lone surrogate
+// escapes (Python reads them into strings that have no UTF-8 form, our parser
+// refuses them).
+void tst_Interop::jsonAgreesWithPythonOnGeneratedDocuments()
+{
+    QRandomGenerator rng(quint32(qEnvironmentVariableIntValue("ZD_JSON_SEED")) + 8259);
+    QList<QByteArray> documents;
+    for (int i = 0; i < 1500; ++i) {
+        QByteArray text = randomJSON(rng, 0);
+        documents << text << mutated(rng, text) << mutated(rng, mutated(rng, text));
+    }
+    QJsonArray texts;
+    for (const QByteArray &text : documents)
+        texts.append(QString::fromLatin1(text.toBase64()));
+    // Python marks the values our parser is allowed to refuse with "limit".
+    const QByteArray script =
+        "import sys, json, base64, math\n"
+        "def refuse(name): raise ValueError(name)\n"
+        "def beyond(v):\n"
+        "    if isinstance(v, bool): return False\n"
+        "    if isinstance(v, int): return not (-2**63 <= v < 2**64)\n"
+        "    if isinstance(v, float): return math.isinf(v)\n"
+        "    if isinstance(v, str): return any(0xD800 <= ord(c) <= 0xDFFF for c in v)\n"
+        "    if isinstance(v, list): return any(beyond(x) for x in v)\n"
+        "    if isinstance(v, dict): return any(beyond(k) or beyond(x) for k, x in v.items())\n"
+        "    return False\n"
+        "flagged = False\n"
+        "def note(v):\n"
+        "    global flagged\n"
+        "    flagged = flagged or beyond(v)\n"
+        "    return v\n"
+        "def pairs(items):\n"
+        "    for k, v in items: note(k); note(v)\n"
+        "    return dict(items)\n"
+        "for item in json.load(sys.stdin):\n"
+        "    flagged = False\n"
+        "    try:\n"
+        "        value = json.loads(base64.b64decode(item).decode('utf-8'), parse_constant=refuse,\n"
+        "                           parse_int=lambda s: note(int(s)),\n"
+        "                           parse_float=lambda s: note(float(s)), object_pairs_hook=pairs)\n"
+        "    except Exception:\n"
+        "        print('invalid')\n"
+        "        continue\n"
+        "    note(value)\n"
+        "    if flagged: print('limit')\n"
+        "    else: print('ok ' + json.dumps(value, sort_keys=True))\n";
+    const Run result = run(m_python, {u"-c"_s, QString::fromLatin1(script)},
+                           QJsonDocument(texts).toJson(QJsonDocument::Compact));
+    QVERIFY2(result.exitCode == 0, result.err.constData());
+    const QList<QByteArray> verdicts = result.out.split('\n');
+    QCOMPARE(verdicts.size(), documents.size() + 1);
+
+    QJsonArray pairs; // [our value as JSON, Python's], for every text both accept
+    for (qsizetype i = 0; i < documents.size(); ++i) {
+        const QByteArray &verdict = verdicts[i];
+        const auto ours = zdParseJSON(documents[i]);
+        const bool weAccept = std::holds_alternative<QVariant>(ours);
+        const bool pythonAccepts = verdict.startsWith("ok ");
+        if (verdict == "limit") {
+            QVERIFY(!weAccept);
+            continue;
+        }
+        QVERIFY2(weAccept == pythonAccepts,
+                 QByteArray(documents[i].toPercentEncoding(" {}[]\":,.-+") +
+                            " python: " + verdict)
+                     .constData());
+        if (!weAccept)
+            continue;
+        pairs.append(QJsonArray{QString::fromUtf8(exactJSON(std::get<QVariant>(ours))),
+                                QString::fromUtf8(verdict.mid(3))});
+    }
+    QVERIFY(pairs.size() > 1000);
+    // Python reads our values back from their exact JSON form and compares them
+    // with its own.
+    const Run check = run(m_python,
+                          {u"-c"_s, u"import sys, json\n"
+                                    "for i, (a, b) in enumerate(json.load(sys.stdin)):\n"
+                                    "    if json.loads(a) != json.loads(b): print(i, a, b)\n"_s},
+                          QJsonDocument(pairs).toJson(QJsonDocument::Compact));
+    QVERIFY2(check.exitCode == 0, check.err.constData());
+    QVERIFY2(check.out.isEmpty(), check.out.left(2000).constData());
 }
 
 QTEST_GUILESS_MAIN(tst_Interop)

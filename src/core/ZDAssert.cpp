@@ -5,8 +5,8 @@
 
 void ZDAssertionFailed(const char *condition, const char *operation, const char *file, int line)
 {
-    std::fprintf(stderr, "*** Assertion failure in %s, %s:%d: (%s)\n", operation, file, line,
-                 condition);
+    std::fprintf(stderr, "zdpublish: assertion (%s) failed in %s at %s:%d\n", condition, operation,
+                 file, line);
     std::fflush(stderr);
     std::abort();
 }

@@ -2,7 +2,7 @@
 
 #include <QDebug>
 
-const QString ZDLocalizedDescriptionKey = QStringLiteral("NSLocalizedDescription");
+const QString ZDLocalizedDescriptionKey = QStringLiteral("localizedDescription");
 
 ZDError::ZDError(const QString &domain, qint64 code, const QVariantMap &userInfo)
     : m_domain(domain), m_code(code), m_userInfo(userInfo)
@@ -13,9 +13,7 @@ QString ZDError::localizedDescription() const
     const QString stored = m_userInfo.value(ZDLocalizedDescriptionKey).toString();
     if (!stored.isEmpty())
         return stored;
-    return QStringLiteral("The operation couldn\u2019t be completed. (%1 error %2.)")
-        .arg(m_domain)
-        .arg(m_code);
+    return QStringLiteral("%1 error %2").arg(m_domain).arg(m_code);
 }
 
 QDebug operator<<(QDebug debug, const ZDError &error)

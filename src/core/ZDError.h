@@ -28,8 +28,8 @@ public:
     qint64 code() const { return m_code; }
     QVariantMap userInfo() const { return m_userInfo; }
 
-    // The description stored under ZDLocalizedDescriptionKey, or a generic
-    // sentence naming the domain and the code.
+    // The description stored under ZDLocalizedDescriptionKey, or "<domain>
+    // error <code>".
     QString localizedDescription() const;
 
     friend bool operator==(const ZDError &, const ZDError &) = default;

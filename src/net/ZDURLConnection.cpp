@@ -24,7 +24,8 @@ namespace {
 
 // Browsers give up after about twenty redirects.
 constexpr long kMaxRedirects = 20;
-// A new URL request on the host platform times out after 60 idle seconds.
+// A connection that moves no byte for a minute has stalled: fail it rather
+// than leave the user waiting without end.
 constexpr long kIdleTimeoutSeconds = 60;
 // Large upload chunks mean fewer event-loop turns per gigabyte of video.
 constexpr long kUploadBufferSize = 2L * 1024 * 1024;

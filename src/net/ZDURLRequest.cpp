@@ -2,7 +2,7 @@
 
 const QString ZDCurlErrorDomain = QStringLiteral("CurlErrorDomain");
 const QString ZDURLErrorDomain = QStringLiteral("ZDURLErrorDomain");
-const QString ZDURLErrorURLKey = QStringLiteral("NSErrorFailingURLStringKey");
+const QString ZDURLErrorURLKey = QStringLiteral("failingURL");
 
 ZDURLRequest::ZDURLRequest(const QUrl &url) : m_url(url.toEncoded()) {}
 

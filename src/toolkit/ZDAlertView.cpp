@@ -1,0 +1,255 @@
+#include "toolkit/ZDAlertView.h"
+
+#include "toolkit/ZDStyle_p.h"
+
+#include <QApplication>
+#include <QGraphicsOpacityEffect>
+#include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPainter>
+#include <QPropertyAnimation>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+namespace {
+
+constexpr int kBoxWidth = 284;
+
+QPointer<QWidget> &defaultWindow()
+{
+    static QPointer<QWidget> window;
+    return window;
+}
+
+QString buttonStyle(bool bold)
+{
+    return QStringLiteral("QPushButton { color: white; font-weight: %1; background: "
+                          "qlineargradient(x1:0,y1:0,x2:0,y2:1, stop:0 #8a9bbd, stop:1 #4f6791);"
+                          " border: 1px solid #1d2f52; border-radius: 6px; padding: 8px; }"
+                          "QPushButton:pressed { background: #34476b; }")
+        .arg(bold ? QStringLiteral("bold") : QStringLiteral("normal"));
+}
+
+} // namespace
+
+ZDAlertView::ZDAlertView(const QString &title, const QString &message,
+                         ZDAlertViewDelegate *delegate, const QString &cancelButtonTitle,
+                         const QStringList &otherButtonTitles)
+    : m_title(title), m_message(message), m_delegate(delegate)
+{
+    if (!cancelButtonTitle.isNull()) {
+        m_cancelIndex = 0;
+        m_buttons << cancelButtonTitle;
+    }
+    m_buttons << otherButtonTitles;
+    setAttribute(Qt::WA_DeleteOnClose, false);
+    hide();
+}
+
+ZDAlertView::~ZDAlertView() = default;
+
+void ZDAlertView::setAlertViewStyle(Style style)
+{
+    m_style = style;
+    if (m_shown)
+        rebuild();
+}
+
+QLineEdit *ZDAlertView::textFieldAtIndex(int index) const
+{
+    return index >= 0 && index < m_fields.size() ? m_fields[index] : nullptr;
+}
+
+QString ZDAlertView::buttonTitleAtIndex(int index) const
+{
+    return m_buttons.value(index);
+}
+
+QPushButton *ZDAlertView::buttonAtIndex(int index) const
+{
+    return index >= 0 && index < m_buttonWidgets.size() ? m_buttonWidgets[index] : nullptr;
+}
+
+int ZDAlertView::firstOtherButtonIndex() const
+{
+    const int first = m_cancelIndex == 0 ? 1 : 0;
+    return first < m_buttons.size() ? first : -1;
+}
+
+void ZDAlertView::setReturnKeyAction(QObject *target, std::function<void()> action)
+{
+    m_returnTarget = target;
+    m_returnAction = std::move(action);
+}
+
+void ZDAlertView::setDefaultWindow(QWidget *window)
+{
+    defaultWindow() = window;
+}
+
+void ZDAlertView::rebuild()
+{
+    delete m_box;
+    m_fields.clear();
+    m_buttonWidgets.clear();
+    m_box = new QWidget(this);
+    m_box->setObjectName(QStringLiteral("alertBox"));
+    auto *layout = new QVBoxLayout(m_box);
+    layout->setContentsMargins(14, 16, 14, 14);
+    layout->setSpacing(10);
+    const auto addLabel = [&](const QString &text, int size, QFont::Weight weight) {
+        if (text.isEmpty())
+            return;
+        auto *label = new QLabel(text, m_box);
+        label->setWordWrap(true);
+        label->setAlignment(Qt::AlignCenter);
+        label->setFont(zdstyle::font(size, weight));
+        label->setStyleSheet(QStringLiteral("color: white;"));
+        layout->addWidget(label);
+    };
+    addLabel(m_title, 18, QFont::Bold);
+    addLabel(m_message, 15, QFont::Normal);
+
+    int fields = 0;
+    if (m_style == Style::PlainTextInput || m_style == Style::SecureTextInput)
+        fields = 1;
+    else if (m_style == Style::LoginAndPasswordInput)
+        fields = 2;
+    for (int i = 0; i < fields; ++i) {
+        auto *field = new QLineEdit(m_box);
+        field->setFont(zdstyle::font(16));
+        field->setStyleSheet(QStringLiteral(
+            "QLineEdit { background: white; border: 1px solid #333; border-radius: 4px; "
+            "padding: 5px; }"));
+        if (m_style == Style::SecureTextInput || i == 1)
+            field->setEchoMode(QLineEdit::Password);
+        field->installEventFilter(this);
+        layout->addWidget(field);
+        m_fields.append(field);
+    }
+
+    auto *buttons = new QHBoxLayout;
+    buttons->setSpacing(8);
+    for (int i = 0; i < m_buttons.size(); ++i) {
+        auto *button = new QPushButton(m_buttons[i], m_box);
+        button->setFocusPolicy(Qt::NoFocus);
+        button->setFont(zdstyle::font(16));
+        button->setStyleSheet(buttonStyle(i != m_cancelIndex && m_buttons.size() > 1));
+        connect(button, &QPushButton::clicked, this,
+                [this, i] { dismissWithClickedButtonIndex(i, true); });
+        buttons->addWidget(button);
+        m_buttonWidgets.append(button);
+    }
+    layout->addLayout(buttons);
+    m_box->setFixedWidth(kBoxWidth);
+    m_box->adjustSize();
+    m_box->show();
+}
+
+void ZDAlertView::show(QWidget *window)
+{
+    if (m_shown)
+        return;
+    if (!window)
+        window = defaultWindow();
+    if (!window)
+        window = QApplication::activeWindow();
+    if (!window) {
+        const auto tops = QApplication::topLevelWidgets();
+        const auto visible = std::find_if(
+            tops.begin(), tops.end(), [this](QWidget *w) { return w->isVisible() && w != this; });
+        window = visible == tops.end() ? nullptr : *visible;
+    }
+    m_shown = true;
+    rebuild();
+    if (window) {
+        setParent(window->window());
+        window->window()->installEventFilter(this);
+    }
+    layoutInWindow();
+    QWidget::show();
+    raise();
+    if (!m_fields.isEmpty())
+        m_fields.front()->setFocus();
+    auto *fade = new QGraphicsOpacityEffect(m_box);
+    m_box->setGraphicsEffect(fade);
+    auto *animation = new QPropertyAnimation(fade, "opacity", this);
+    animation->setDuration(200);
+    animation->setStartValue(0.0);
+    animation->setEndValue(1.0);
+    connect(animation, &QPropertyAnimation::finished, m_box, [box = QPointer<QWidget>(m_box)] {
+        if (box)
+            box->setGraphicsEffect(nullptr);
+    });
+    animation->start(QAbstractAnimation::DeleteWhenStopped);
+}
+
+void ZDAlertView::layoutInWindow()
+{
+    if (QWidget *window = parentWidget())
+        setGeometry(window->rect());
+    else
+        resize(m_box ? m_box->sizeHint() + QSize(40, 40) : QSize(320, 200));
+    if (m_box)
+        m_box->move((width() - m_box->width()) / 2,
+                    qMax(20, (height() - m_box->height()) / 2 - 40));
+}
+
+void ZDAlertView::dismissWithClickedButtonIndex(int buttonIndex, bool)
+{
+    if (m_dismissed)
+        return;
+    m_dismissed = true;
+    QPointer<ZDAlertView> self(this);
+    if (ZDAlertViewDelegate *delegate = m_delegate.get())
+        delegate->alertViewWillDismissWithButtonIndex(this, buttonIndex);
+    if (!self)
+        return;
+    if (QWidget *window = parentWidget())
+        window->removeEventFilter(this);
+    hide();
+    deleteLater();
+}
+
+bool ZDAlertView::eventFilter(QObject *watched, QEvent *event)
+{
+    if (watched == parentWidget() && event->type() == QEvent::Resize)
+        layoutInWindow();
+    auto *field = qobject_cast<QLineEdit *>(watched);
+    if (event->type() == QEvent::KeyPress && field && m_fields.contains(field)) {
+        const int key = static_cast<QKeyEvent *>(event)->key();
+        if (key == Qt::Key_Return || key == Qt::Key_Enter) {
+            if (m_returnTarget && m_returnAction)
+                m_returnAction();
+            return true;
+        }
+    }
+    return QWidget::eventFilter(watched, event);
+}
+
+void ZDAlertView::keyPressEvent(QKeyEvent *event)
+{
+    if (event->key() == Qt::Key_Escape && m_cancelIndex >= 0) {
+        dismissWithClickedButtonIndex(m_cancelIndex, true);
+        return;
+    }
+    QWidget::keyPressEvent(event);
+}
+
+void ZDAlertView::paintEvent(QPaintEvent *)
+{
+    QPainter painter(this);
+    painter.setRenderHint(QPainter::Antialiasing);
+    painter.fillRect(rect(), QColor(0, 0, 0, 110));
+    if (!m_box)
+        return;
+    const QRectF box = QRectF(m_box->geometry()).adjusted(-1, -1, 1, 1);
+    QLinearGradient gradient(box.topLeft(), box.bottomLeft());
+    gradient.setColorAt(0, QColor(0x34, 0x4a, 0x80, 240));
+    gradient.setColorAt(1, QColor(0x0f, 0x1e, 0x44, 240));
+    painter.setPen(QPen(QColor(255, 255, 255, 200), 2));
+    painter.setBrush(gradient);
+    painter.drawRoundedRect(box, 10, 10);
+}

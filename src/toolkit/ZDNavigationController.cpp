@@ -1,0 +1,102 @@
+#include "toolkit/ZDNavigationController.h"
+
+#include "toolkit/ZDStyle_p.h"
+
+#include <QEvent>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QPushButton>
+#include <QTimer>
+#include <QVBoxLayout>
+
+ZDNavigationController::ZDNavigationController(ZDViewController *root, QObject *parent)
+    : ZDViewController(parent), m_root(root)
+{
+    connect(root->navigationItem(), &ZDNavigationItem::changed, this,
+            &ZDNavigationController::updateBar);
+}
+
+ZDNavigationController::~ZDNavigationController()
+{
+    // The root's view lives in ours; hand it back before ours goes.
+    if (m_root && m_root->isViewLoaded() && isViewLoaded())
+        m_root->view()->setParent(nullptr);
+}
+
+QWidget *ZDNavigationController::loadView()
+{
+    QWidget *view = ZDViewController::loadView();
+    auto *bar = new QWidget(view);
+    bar->setObjectName(QStringLiteral("navigationBar"));
+    bar->setFixedHeight(kBarHeight);
+    bar->setAutoFillBackground(true);
+    bar->setPalette(zdstyle::navigationBarPalette());
+    auto *barLayout = new QHBoxLayout(bar);
+    barLayout->setContentsMargins(6, 0, 6, 0);
+    m_leftButton = new QPushButton(bar);
+    m_rightButton = new QPushButton(bar);
+    m_titleLabel = new QLabel(bar);
+    m_titleLabel->setAlignment(Qt::AlignCenter);
+    m_titleLabel->setFont(zdstyle::font(17, QFont::Bold));
+    for (QPushButton *button : {m_leftButton.data(), m_rightButton.data()}) {
+        button->setFlat(true);
+        button->setCursor(Qt::PointingHandCursor);
+        button->setFocusPolicy(Qt::NoFocus);
+        button->setStyleSheet(zdstyle::barButtonStyleSheet());
+    }
+    barLayout->addWidget(m_leftButton);
+    barLayout->addWidget(m_titleLabel, 1);
+    barLayout->addWidget(m_rightButton);
+    connect(m_leftButton, &QPushButton::clicked, this, [this] {
+        if (ZDBarButtonItem *item =
+                m_root ? m_root->navigationItem()->leftBarButtonItem() : nullptr)
+            item->trigger();
+    });
+    connect(m_rightButton, &QPushButton::clicked, this, [this] {
+        if (ZDBarButtonItem *item =
+                m_root ? m_root->navigationItem()->rightBarButtonItem() : nullptr)
+            item->trigger();
+    });
+
+    auto *layout = new QVBoxLayout(view);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->setSpacing(0);
+    layout->addWidget(bar);
+    if (m_root)
+        layout->addWidget(m_root->view(), 1);
+    view->installEventFilter(this);
+    updateBar();
+    return view;
+}
+
+bool ZDNavigationController::eventFilter(QObject *watched, QEvent *event)
+{
+    if (event->type() == QEvent::Show && m_root && watched == view()) {
+        m_root->viewWillAppear(false);
+        QTimer::singleShot(0, m_root, [root = m_root] {
+            if (root)
+                root->viewDidAppear(false);
+        });
+    }
+    return ZDViewController::eventFilter(watched, event);
+}
+
+void ZDNavigationController::updateBar()
+{
+    if (!m_titleLabel || !m_root)
+        return;
+    ZDNavigationItem *item = m_root->navigationItem();
+    m_titleLabel->setText(item->title());
+    const auto apply = [](QPushButton *button, const ZDBarButtonItem *barItem) {
+        button->setVisible(barItem != nullptr);
+        if (!barItem)
+            return;
+        button->setText(barItem->title());
+        button->setEnabled(barItem->isEnabled());
+        QFont font = button->font();
+        font.setBold(barItem->style() == ZDBarButtonItem::Style::Done);
+        button->setFont(font);
+    };
+    apply(m_leftButton, item->leftBarButtonItem());
+    apply(m_rightButton, item->rightBarButtonItem());
+}

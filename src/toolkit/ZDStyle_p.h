@@ -1,0 +1,86 @@
+#pragma once
+
+// The toolkit's look: the colours, fonts and metrics of a grouped mobile form.
+
+#include <QColor>
+#include <QFont>
+#include <QPalette>
+#include <QString>
+
+namespace zdstyle {
+
+inline QColor groupedBackground()
+{
+    return QColor(0xd8, 0xdc, 0xe3);
+}
+inline QColor cellBackground()
+{
+    return Qt::white;
+}
+inline QColor cellBorder()
+{
+    return QColor(0xab, 0xb0, 0xb8);
+}
+inline QColor separator()
+{
+    return QColor(0xe0, 0xe0, 0xe0);
+}
+inline QColor selectionTop()
+{
+    return QColor(0x05, 0x8c, 0xf5);
+}
+inline QColor selectionBottom()
+{
+    return QColor(0x01, 0x5e, 0xe6);
+}
+// The blue of a chosen row's text.
+inline QColor cellBlueText()
+{
+    return QColor(0x38, 0x54, 0x87);
+}
+inline QColor footerText()
+{
+    return QColor(0x4c, 0x56, 0x6c);
+}
+inline QColor detailText()
+{
+    return QColor(0x38, 0x54, 0x87);
+}
+inline QColor barTint()
+{
+    return QColor(0x6d, 0x84, 0xa2);
+}
+
+inline QFont font(int pointSize, QFont::Weight weight = QFont::Normal)
+{
+    QFont f(QStringLiteral("DejaVu Sans"));
+    f.setPixelSize(pointSize);
+    f.setWeight(weight);
+    return f;
+}
+
+inline QPalette navigationBarPalette()
+{
+    QPalette palette;
+    palette.setColor(QPalette::Window, barTint());
+    palette.setColor(QPalette::WindowText, Qt::white);
+    return palette;
+}
+
+inline QString barButtonStyleSheet()
+{
+    return QStringLiteral(
+        "QPushButton { color: white; background: rgba(255,255,255,40); border: 1px solid "
+        "rgba(0,0,0,60); border-radius: 5px; padding: 5px 9px; }"
+        "QPushButton:pressed { background: rgba(0,0,0,50); }"
+        "QPushButton:disabled { color: rgba(255,255,255,110); }");
+}
+
+// Metrics of the grouped table, in points.
+constexpr int kGroupMarginPhone = 10;
+constexpr int kGroupMarginTablet = 45;
+constexpr int kGroupRadius = 8;
+constexpr int kDefaultSectionGap = 10;
+constexpr int kCellPadding = 10;
+
+} // namespace zdstyle

@@ -1,0 +1,166 @@
+#pragma once
+
+#include "core/ZDWeakTarget.h"
+#include "core/zdglobal.h"
+
+#include <QList>
+#include <QPointer>
+#include <QScrollArea>
+
+#include <compare>
+#include <optional>
+
+class ZDTableView;
+class ZDTableViewCell;
+
+struct ZD_EXPORT ZDIndexPath
+{
+    int section = 0;
+    int row = 0;
+    friend auto operator<=>(const ZDIndexPath &, const ZDIndexPath &) = default;
+};
+
+// Answers what a table shows. Cells are the data source's own: the table shows
+// them and never deletes them.
+class ZD_EXPORT ZDTableViewDataSource : public virtual ZDWeakTarget
+{
+public:
+    virtual int numberOfSectionsInTableView(ZDTableView *tableView);
+    virtual int tableViewNumberOfRowsInSection(ZDTableView *tableView, int section) = 0;
+    // The cell of a row; null leaves the row empty.
+    virtual ZDTableViewCell *tableViewCellForRowAtIndexPath(ZDTableView *tableView,
+                                                            ZDIndexPath indexPath) = 0;
+    // The grey text under a section's group; empty for none.
+    virtual QString tableViewTitleForFooterInSection(ZDTableView *tableView, int section);
+};
+
+// Answers how a table looks and hears what the user does with it.
+class ZD_EXPORT ZDTableViewDelegate : public virtual ZDWeakTarget
+{
+public:
+    virtual qreal tableViewHeightForRowAtIndexPath(ZDTableView *tableView, ZDIndexPath indexPath);
+    virtual qreal tableViewHeightForHeaderInSection(ZDTableView *tableView, int section);
+    // A view to show above a section; the table takes ownership of it and
+    // deletes it when the table is laid out anew.
+    virtual QWidget *tableViewViewForHeaderInSection(ZDTableView *tableView, int section);
+    // The user tapped a row (programmatic selection does not call this).
+    virtual void tableViewDidSelectRowAtIndexPath(ZDTableView *tableView, ZDIndexPath indexPath);
+    // The user started to drag or scroll the table.
+    virtual void scrollViewWillBeginDragging(ZDTableView *tableView);
+};
+
+// A grouped table: each section is a rounded white group of rows on a grey
+// background, with an optional header view above and footer text below, and an
+// optional table footer view after the last section.
+//
+// Callback contract: the delegate hears tableViewDidSelectRowAtIndexPath() when
+// the user presses and releases on the same row that takes touches; it may
+// change the table (deselect, insert or delete rows) from inside.
+// scrollViewWillBeginDragging() arrives once per drag, wheel turn or scroll-bar
+// drag. Data source and delegate are not owned and may be destroyed first.
+class ZD_EXPORT ZDTableView : public QScrollArea
+{
+    Q_OBJECT
+
+public:
+    enum class ScrollPosition { None, Top, Middle, Bottom };
+    enum class RowAnimation { None, Top, Bottom, Fade };
+
+    explicit ZDTableView(QWidget *parent = nullptr);
+    ~ZDTableView() override;
+
+    void setDataSource(ZDTableViewDataSource *dataSource);
+    void setDelegate(ZDTableViewDelegate *delegate);
+
+    // Asks the data source and the delegate for everything again.
+    void reloadData();
+
+    int numberOfSections() const { return int(m_sections.size()); }
+    int numberOfRowsInSection(int section) const;
+    ZDTableViewCell *cellForRowAtIndexPath(ZDIndexPath indexPath) const;
+    std::optional<ZDIndexPath> indexPathForCell(const ZDTableViewCell *cell) const;
+    // The row's frame in the table's content coordinates.
+    QRect rectForRowAtIndexPath(ZDIndexPath indexPath) const;
+    QWidget *headerViewForSection(int section) const;
+    QString footerTitleForSection(int section) const;
+
+    std::optional<ZDIndexPath> indexPathForSelectedRow() const { return m_selected; }
+    // Selects a row without telling the delegate.
+    void selectRowAtIndexPath(ZDIndexPath indexPath, bool animated, ScrollPosition position);
+    void deselectRowAtIndexPath(ZDIndexPath indexPath, bool animated);
+
+    void scrollToRowAtIndexPath(ZDIndexPath indexPath, ScrollPosition position, bool animated);
+    int contentOffset() const;
+
+    // Extra room under the last row, for a keyboard or a picker.
+    qreal contentInsetBottom() const { return m_insetBottom; }
+    void setContentInsetBottom(qreal inset);
+
+    // A view after the last section; not owned.
+    QWidget *tableFooterView() const { return m_footerView; }
+    void setTableFooterView(QWidget *view);
+
+    // Row insertions and deletions between beginUpdates() and endUpdates() are
+    // shown together, animated, in endUpdates(). Outside a pair, each is shown
+    // at once.
+    void beginUpdates();
+    void endUpdates();
+    void insertRowsAtIndexPaths(const QList<ZDIndexPath> &indexPaths, RowAnimation animation);
+    void deleteRowsAtIndexPaths(const QList<ZDIndexPath> &indexPaths, RowAnimation animation);
+
+    // The widget that carries the rows (for tests and screenshots).
+    QWidget *contentWidget() const { return widget(); }
+
+protected:
+    bool eventFilter(QObject *watched, QEvent *event) override;
+    void resizeEvent(QResizeEvent *event) override;
+
+private:
+    struct Row
+    {
+        QPointer<ZDTableViewCell> cell;
+        qreal height = 0;
+        QRect frame;
+    };
+    struct Section
+    {
+        QPointer<QWidget> header;
+        qreal headerHeight = 0;
+        QString footer;
+        QList<Row> rows;
+        QRect groupFrame;
+        QRect footerFrame;
+    };
+    class Content;
+
+    Row makeRow(ZDIndexPath indexPath);
+    void layoutContent(bool animated);
+    void place(ZDTableViewCell *cell);
+    void release(ZDTableViewCell *cell);
+    void willBeginDragging();
+    ZDTableViewCell *cellAt(const QPoint &contentPoint) const;
+
+    QPointer<Content> m_content;
+    ZDWeakRef<ZDTableViewDataSource> m_dataSource;
+    ZDWeakRef<ZDTableViewDelegate> m_delegate;
+    QList<Section> m_sections;
+    std::optional<ZDIndexPath> m_selected;
+    qreal m_insetBottom = 0;
+    QPointer<QWidget> m_footerView;
+    int m_updateDepth = 0;
+    struct PendingAnimation
+    {
+        QPointer<ZDTableViewCell> cell;
+        RowAnimation animation;
+        bool inserted;
+        QRect from;
+    };
+    QList<PendingAnimation> m_pending;
+    QList<QPointer<ZDTableViewCell>> m_leaving;
+
+    // Touch tracking: the row under a press, and a drag in progress.
+    QPointer<ZDTableViewCell> m_pressedCell;
+    QPoint m_pressPosition;
+    int m_pressScroll = 0;
+    bool m_dragging = false;
+};

@@ -1,0 +1,80 @@
+#pragma once
+
+#include "core/zdglobal.h"
+
+#include <QColor>
+#include <QWidget>
+
+class QLabel;
+class QVariantAnimation;
+
+// A row of a ZDTableView: a text label, in the value style also a detail label
+// at the right, an optional checkmark, and the blue highlight of a selected row.
+// Subclasses put their own widgets into the cell and lay them out in
+// resizeEvent(), keeping clear of contentRect()'s outside.
+//
+// A cell belongs to whoever made it; a table only shows it.
+class ZD_EXPORT ZDTableViewCell : public QWidget
+{
+    Q_OBJECT
+
+public:
+    enum class Style { Default, Value1 };
+    enum class Accessory { None, Checkmark };
+
+    explicit ZDTableViewCell(Style style = Style::Default, QWidget *parent = nullptr);
+    ~ZDTableViewCell() override;
+
+    Style style() const { return m_style; }
+    QLabel *textLabel() const { return m_textLabel; }
+    // Null in the default style.
+    QLabel *detailTextLabel() const { return m_detailLabel; }
+
+    // The text label's colour when the row is not highlighted (black by default).
+    QColor textColor() const { return m_textColor; }
+    void setTextColor(const QColor &colour);
+
+    Accessory accessoryType() const { return m_accessory; }
+    void setAccessoryType(Accessory accessory);
+
+    // A cell that does not take touches is skipped by the table's selection.
+    bool isUserInteractionEnabled() const { return m_interactive; }
+    void setUserInteractionEnabled(bool enabled) { m_interactive = enabled; }
+
+    // A cell whose selection style is None never shows the blue highlight.
+    bool showsSelection() const { return m_showsSelection; }
+    void setShowsSelection(bool shows) { m_showsSelection = shows; }
+
+    bool isHighlighted() const { return m_highlight > 0; }
+    void setHighlighted(bool highlighted);
+    // Fades the highlight out over `seconds`.
+    void fadeHighlight(double seconds);
+
+    // Set by the table: whether the cell is the first and the last of its group,
+    // which rounds the highlight's corners.
+    void setGroupPosition(bool first, bool last);
+
+protected:
+    // The area inside the cell's padding and left of its accessory.
+    QRect contentRect() const;
+    void paintEvent(QPaintEvent *event) override;
+    void resizeEvent(QResizeEvent *event) override;
+    virtual void highlightChanged(bool highlighted);
+
+private:
+    void layoutLabels();
+    void applyTextColors();
+    void setHighlightLevel(qreal level);
+
+    Style m_style;
+    QLabel *m_textLabel = nullptr;
+    QLabel *m_detailLabel = nullptr;
+    QColor m_textColor = Qt::black;
+    Accessory m_accessory = Accessory::None;
+    bool m_interactive = true;
+    bool m_showsSelection = true;
+    qreal m_highlight = 0;
+    bool m_first = true;
+    bool m_last = true;
+    QVariantAnimation *m_fade = nullptr;
+};

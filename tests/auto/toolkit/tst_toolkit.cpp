@@ -1,0 +1,542 @@
+#include "TestSupport.h"
+
+#include "toolkit/ZDAlertView.h"
+#include "toolkit/ZDDevice.h"
+#include "toolkit/ZDNavigationController.h"
+#include "toolkit/ZDTableView.h"
+#include "toolkit/ZDTableViewCell.h"
+
+#include <QApplication>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QScrollBar>
+#include <QSignalSpy>
+#include <QTest>
+
+#include <memory>
+#include <vector>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// A table of plain cells: sections[s] rows, each cell named "s.r".
+class Rows : public ZDTableViewDataSource, public ZDTableViewDelegate
+{
+public:
+    explicit Rows(QList<int> counts)
+    {
+        for (int s = 0; s < counts.size(); ++s) {
+            cells.emplace_back();
+            for (int r = 0; r < counts[s]; ++r)
+                cells[size_t(s)].push_back(makeCell(s, r));
+        }
+    }
+    static std::unique_ptr<ZDTableViewCell> makeCell(int s, int r)
+    {
+        auto cell = std::make_unique<ZDTableViewCell>();
+        cell->textLabel()->setText(u"%1.%2"_s.arg(s).arg(r));
+        return cell;
+    }
+
+    int numberOfSectionsInTableView(ZDTableView *) override { return int(cells.size()); }
+    int tableViewNumberOfRowsInSection(ZDTableView *, int section) override
+    {
+        return int(cells[size_t(section)].size());
+    }
+    ZDTableViewCell *tableViewCellForRowAtIndexPath(ZDTableView *, ZDIndexPath ip) override
+    {
+        return cells[size_t(ip.section)][size_t(ip.row)].get();
+    }
+    QString tableViewTitleForFooterInSection(ZDTableView *, int section) override
+    {
+        return section == 0 ? u"Footer of the first group"_s : QString();
+    }
+    qreal tableViewHeightForRowAtIndexPath(ZDTableView *, ZDIndexPath ip) override
+    {
+        return ip.section == 0 && ip.row == 1 ? tallRow : 40.0;
+    }
+    qreal tableViewHeightForHeaderInSection(ZDTableView *, int section) override
+    {
+        return section == 0 ? 50.0 : 0.0;
+    }
+    QWidget *tableViewViewForHeaderInSection(ZDTableView *, int section) override
+    {
+        return section == 0 ? new QLabel(u"Header"_s) : nullptr;
+    }
+    void tableViewDidSelectRowAtIndexPath(ZDTableView *table, ZDIndexPath ip) override
+    {
+        selected.append(ip);
+        if (onSelect)
+            onSelect(table, ip);
+    }
+    void scrollViewWillBeginDragging(ZDTableView *) override { ++drags; }
+
+    std::vector<std::vector<std::unique_ptr<ZDTableViewCell>>> cells;
+    qreal tallRow = 120.0;
+    QList<ZDIndexPath> selected;
+    int drags = 0;
+    std::function<void(ZDTableView *, ZDIndexPath)> onSelect;
+};
+
+struct Window
+{
+    explicit Window(QSize size = QSize(320, 480))
+    {
+        widget.resize(size);
+        table = new ZDTableView(&widget);
+        table->setGeometry(widget.rect());
+    }
+    void show()
+    {
+        widget.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&widget));
+    }
+    QPoint centerOf(ZDIndexPath ip) const { return table->rectForRowAtIndexPath(ip).center(); }
+    void click(ZDIndexPath ip)
+    {
+        QTest::mouseClick(table->contentWidget(), Qt::LeftButton, {}, centerOf(ip));
+    }
+    QWidget widget;
+    ZDTableView *table = nullptr;
+};
+
+class RecordingAlertDelegate : public ZDAlertViewDelegate
+{
+public:
+    void alertViewWillDismissWithButtonIndex(ZDAlertView *alert, int index) override
+    {
+        dismissed.append(index);
+        texts = alert->textFieldAtIndex(0) ? alert->textFieldAtIndex(0)->text() : QString();
+    }
+    QList<int> dismissed;
+    QString texts;
+};
+
+class CountingController : public ZDViewController
+{
+public:
+    QStringList hooks;
+    void viewWillAppear(bool animated) override
+    {
+        ZDViewController::viewWillAppear(animated);
+        hooks << u"willAppear"_s;
+    }
+    void viewDidAppear(bool animated) override
+    {
+        ZDViewController::viewDidAppear(animated);
+        hooks << u"didAppear"_s;
+    }
+
+protected:
+    void viewDidLoad() override { hooks << u"didLoad"_s; }
+    void viewDidUnload() override { hooks << u"didUnload"_s; }
+};
+
+} // namespace
+
+class tst_Toolkit : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init() { ZDDevice::setKind(ZDDeviceKind::Phone); } // the offscreen screen is tablet-sized
+    void cleanup();
+    void viewControllerBuildsAndUnloadsItsView();
+    void navigationBarFollowsItsItemAndRunsAppearanceHooks();
+    void groupedTableLaysOutSectionsRowsHeadersAndFooters();
+    void tappingARowSelectsItAndTellsTheDelegate();
+    void rowsThatTakeNoTouchesAreNotSelected();
+    void programmaticSelectionAndAnimatedDeselection();
+    void insertingAndDeletingRowsKeepsIndexPathsRight();
+    void heightsChangeThroughEmptyUpdates();
+    void scrollingToAMiddleRowAndTheBottomInset();
+    void draggingTheTableIsReported();
+    void tableNeverDeletesTheCellsItShows();
+    void alertButtonsReportTheirIndexAndTheAlertGoesAway();
+    void alertReturnKeyRunsTheActionWhileItsTargetLives();
+    void deviceKindOrientationsAndURLs();
+    void rendersAGroupedScreenWithAnAlert();
+};
+
+void tst_Toolkit::cleanup()
+{
+    ZDDevice::resetKind();
+    ZDDevice::setURLOpener({});
+}
+
+void tst_Toolkit::viewControllerBuildsAndUnloadsItsView()
+{
+    CountingController controller;
+    QVERIFY(!controller.isViewLoaded());
+    QWidget *view = controller.view();
+    QVERIFY(controller.isViewLoaded());
+    QCOMPARE(controller.view(), view);
+    QCOMPARE(controller.hooks, QStringList{u"didLoad"_s});
+    controller.didReceiveMemoryWarning(); // not on screen: unloaded
+    QVERIFY(!controller.isViewLoaded());
+    controller.view();
+    QCOMPARE(controller.hooks, (QStringList{u"didLoad"_s, u"didUnload"_s, u"didLoad"_s}));
+}
+
+void tst_Toolkit::navigationBarFollowsItsItemAndRunsAppearanceHooks()
+{
+    CountingController root;
+    int published = 0, cancelled = 0;
+    root.navigationItem()->setTitle(u"Publish Video"_s);
+    root.navigationItem()->setRightBarButtonItem(std::make_unique<ZDBarButtonItem>(
+        u"Publish"_s, ZDBarButtonItem::Style::Done, [&] { ++published; }));
+    root.navigationItem()->setLeftBarButtonItem(std::make_unique<ZDBarButtonItem>(
+        ZDBarButtonItem::SystemItem::Cancel, [&] { ++cancelled; }));
+    root.navigationItem()->rightBarButtonItem()->setEnabled(false);
+
+    ZDNavigationController navigation(&root);
+    QWidget *view = navigation.view();
+    view->resize(320, 480);
+    view->show();
+    QVERIFY(QTest::qWaitForWindowExposed(view));
+    QTRY_COMPARE(root.hooks, (QStringList{u"didLoad"_s, u"willAppear"_s, u"didAppear"_s}));
+    QCOMPARE(navigation.titleLabel()->text(), u"Publish Video"_s);
+    QVERIFY(!navigation.rightButton()->isEnabled());
+    QTest::mouseClick(navigation.rightButton(), Qt::LeftButton);
+    QCOMPARE(published, 0);
+    root.navigationItem()->rightBarButtonItem()->setEnabled(true);
+    QVERIFY(navigation.rightButton()->isEnabled());
+    QTest::mouseClick(navigation.rightButton(), Qt::LeftButton);
+    QTest::mouseClick(navigation.leftButton(), Qt::LeftButton);
+    QCOMPARE(published, 1);
+    QCOMPARE(cancelled, 1);
+    QCOMPARE(navigation.leftButton()->text(), u"Cancel"_s);
+}
+
+void tst_Toolkit::groupedTableLaysOutSectionsRowsHeadersAndFooters()
+{
+    Rows rows({2, 3, 0});
+    Window window;
+    window.table->setDataSource(&rows);
+    window.table->setDelegate(&rows);
+    window.table->reloadData();
+    window.show();
+
+    QCOMPARE(window.table->numberOfSections(), 3);
+    QCOMPARE(window.table->numberOfRowsInSection(1), 3);
+    QCOMPARE(window.table->numberOfRowsInSection(2), 0);
+    const QRect first = window.table->rectForRowAtIndexPath({0, 0});
+    QCOMPARE(first.top(), 50); // under the 50-point header
+    QCOMPARE(first.height(), 40);
+    QCOMPARE(window.table->rectForRowAtIndexPath({0, 1}).height(), 120);
+    QCOMPARE(first.left(), 10);
+    QCOMPARE(first.width(), window.table->viewport()->width() - 20);
+    QWidget *header = window.table->headerViewForSection(0);
+    QVERIFY(header);
+    QCOMPARE(header->geometry(), QRect(0, 0, window.table->viewport()->width(), 50));
+    QCOMPARE(window.table->headerViewForSection(1), nullptr);
+    QCOMPARE(window.table->footerTitleForSection(0), u"Footer of the first group"_s);
+    // The second group starts below the first one's footer text and gap.
+    QVERIFY(window.table->rectForRowAtIndexPath({1, 0}).top() > first.top() + 160 + 10);
+    QCOMPARE(window.table->cellForRowAtIndexPath({1, 2}), rows.cells[1][2].get());
+    QCOMPARE(rows.cells[1][2]->geometry(), window.table->rectForRowAtIndexPath({1, 2}));
+    QCOMPARE(window.table->indexPathForCell(rows.cells[1][1].get()), (ZDIndexPath{1, 1}));
+    QCOMPARE(window.table->cellForRowAtIndexPath({5, 0}), nullptr);
+
+    // A tablet's groups stand further in.
+    ZDDevice::setKind(ZDDeviceKind::Tablet);
+    window.table->reloadData();
+    QCOMPARE(window.table->rectForRowAtIndexPath({0, 0}).left(), 45);
+}
+
+void tst_Toolkit::tappingARowSelectsItAndTellsTheDelegate()
+{
+    Rows rows({2, 3});
+    Window window;
+    window.table->setDataSource(&rows);
+    window.table->setDelegate(&rows);
+    window.table->reloadData();
+    window.show();
+    window.click({1, 2});
+    QCOMPARE(rows.selected, QList<ZDIndexPath>{(ZDIndexPath{1, 2})});
+    QCOMPARE(window.table->indexPathForSelectedRow(), (ZDIndexPath{1, 2}));
+    QVERIFY(rows.cells[1][2]->isHighlighted());
+    // A label inside the cell passes the tap on to the row.
+    QTest::mouseClick(rows.cells[0][0]->textLabel(), Qt::LeftButton);
+    QCOMPARE(rows.selected.last(), (ZDIndexPath{0, 0}));
+    QVERIFY(!rows.cells[1][2]->isHighlighted());
+    QVERIFY(rows.cells[0][0]->isHighlighted());
+}
+
+void tst_Toolkit::rowsThatTakeNoTouchesAreNotSelected()
+{
+    Rows rows({2});
+    rows.cells[0][1]->setUserInteractionEnabled(false);
+    Window window;
+    window.table->setDataSource(&rows);
+    window.table->setDelegate(&rows);
+    window.table->reloadData();
+    window.show();
+    window.click({0, 1});
+    QVERIFY(rows.selected.isEmpty());
+    QVERIFY(!rows.cells[0][1]->isHighlighted());
+}
+
+void tst_Toolkit::programmaticSelectionAndAnimatedDeselection()
+{
+    Rows rows({3});
+    Window window;
+    window.table->setDataSource(&rows);
+    window.table->setDelegate(&rows);
+    window.table->reloadData();
+    window.show();
+    window.table->selectRowAtIndexPath({0, 1}, false, ZDTableView::ScrollPosition::None);
+    QVERIFY(rows.selected.isEmpty());
+    QVERIFY(rows.cells[0][1]->isHighlighted());
+    window.table->deselectRowAtIndexPath({0, 1}, true);
+    QCOMPARE(window.table->indexPathForSelectedRow(), std::nullopt);
+    QVERIFY(rows.cells[0][1]->isHighlighted()); // still fading
+    QTRY_VERIFY(!rows.cells[0][1]->isHighlighted());
+
+    // Deselecting from inside the selection callback, as forms do.
+    rows.onSelect = [](ZDTableView *table, ZDIndexPath ip) {
+        table->deselectRowAtIndexPath(ip, true);
+    };
+    window.click({0, 2});
+    QTRY_VERIFY(!rows.cells[0][2]->isHighlighted());
+}
+
+void tst_Toolkit::insertingAndDeletingRowsKeepsIndexPathsRight()
+{
+    Rows rows({2, 1});
+    Window window;
+    window.table->setDataSource(&rows);
+    window.table->setDelegate(&rows);
+    window.table->reloadData();
+    window.show();
+    window.table->selectRowAtIndexPath({0, 1}, false, ZDTableView::ScrollPosition::None);
+
+    rows.cells[0].insert(rows.cells[0].begin(), Rows::makeCell(9, 9));
+    window.table->beginUpdates();
+    window.table->insertRowsAtIndexPaths({{0, 0}}, ZDTableView::RowAnimation::Top);
+    window.table->endUpdates();
+    QCOMPARE(window.table->numberOfRowsInSection(0), 3);
+    QCOMPARE(window.table->indexPathForCell(rows.cells[0][0].get()), (ZDIndexPath{0, 0}));
+    QCOMPARE(window.table->indexPathForSelectedRow(), (ZDIndexPath{0, 2}));
+    // Rows below moved down; their frames are final at once, their widgets animate there.
+    QTRY_COMPARE(rows.cells[1][0]->geometry(), window.table->rectForRowAtIndexPath({1, 0}));
+
+    ZDTableViewCell *leaving = rows.cells[0][1].get();
+    auto kept = std::move(rows.cells[0][1]);
+    rows.cells[0].erase(rows.cells[0].begin() + 1);
+    window.table->deleteRowsAtIndexPaths({{0, 1}}, ZDTableView::RowAnimation::Bottom);
+    QCOMPARE(window.table->numberOfRowsInSection(0), 2);
+    QCOMPARE(window.table->indexPathForCell(leaving), std::nullopt);
+    QCOMPARE(window.table->indexPathForSelectedRow(), (ZDIndexPath{0, 1}));
+    QTRY_VERIFY(!leaving->isVisible());
+    QCOMPARE(leaving->parent(), nullptr);
+}
+
+void tst_Toolkit::heightsChangeThroughEmptyUpdates()
+{
+    Rows rows({2});
+    Window window;
+    window.table->setDataSource(&rows);
+    window.table->setDelegate(&rows);
+    window.table->reloadData();
+    window.show();
+    rows.tallRow = 200;
+    window.table->beginUpdates();
+    window.table->endUpdates();
+    QCOMPARE(window.table->rectForRowAtIndexPath({0, 1}).height(), 200);
+    QTRY_COMPARE(rows.cells[0][1]->height(), 200);
+}
+
+void tst_Toolkit::scrollingToAMiddleRowAndTheBottomInset()
+{
+    Rows rows({30});
+    Window window(QSize(320, 300));
+    window.table->setDataSource(&rows);
+    window.table->setDelegate(&rows);
+    window.table->reloadData();
+    window.show();
+    const int before = window.table->contentWidget()->height();
+    window.table->setContentInsetBottom(216);
+    QCOMPARE(window.table->contentWidget()->height(), before + 216);
+    window.table->scrollToRowAtIndexPath({0, 15}, ZDTableView::ScrollPosition::Middle, false);
+    const QRect row = window.table->rectForRowAtIndexPath({0, 15});
+    QCOMPARE(window.table->contentOffset(),
+             row.center().y() - window.table->viewport()->height() / 2);
+    window.table->scrollToRowAtIndexPath({0, 0}, ZDTableView::ScrollPosition::Middle, true);
+    QTRY_COMPARE(window.table->contentOffset(), 0);
+}
+
+void tst_Toolkit::draggingTheTableIsReported()
+{
+    Rows rows({30});
+    Window window(QSize(320, 300));
+    window.table->setDataSource(&rows);
+    window.table->setDelegate(&rows);
+    window.table->reloadData();
+    window.show();
+    QWidget *content = window.table->contentWidget();
+    const QPoint start = window.centerOf({0, 5});
+    QTest::mousePress(content, Qt::LeftButton, {}, start);
+    QMouseEvent move(QEvent::MouseMove, start - QPoint(0, 60),
+                     content->mapToGlobal(start - QPoint(0, 60)), Qt::NoButton, Qt::LeftButton,
+                     Qt::NoModifier);
+    QApplication::sendEvent(content, &move);
+    QTest::mouseRelease(content, Qt::LeftButton, {}, start - QPoint(0, 60));
+    QCOMPARE(rows.drags, 1);
+    QVERIFY(rows.selected.isEmpty()); // a drag is not a tap
+    QVERIFY(window.table->contentOffset() > 0);
+}
+
+void tst_Toolkit::tableNeverDeletesTheCellsItShows()
+{
+    Rows rows({2});
+    {
+        Window window;
+        window.table->setDataSource(&rows);
+        window.table->setDelegate(&rows);
+        window.table->reloadData();
+        window.show();
+        QCOMPARE(rows.cells[0][0]->parentWidget(), window.table->contentWidget());
+    }
+    // The table is gone; the cells are still ours, unparented.
+    QCOMPARE(rows.cells[0][0]->parent(), nullptr);
+    rows.cells[0][0]->textLabel()->setText(u"still alive"_s);
+}
+
+void tst_Toolkit::alertButtonsReportTheirIndexAndTheAlertGoesAway()
+{
+    QWidget window;
+    window.resize(320, 480);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    RecordingAlertDelegate delegate;
+    QPointer<ZDAlertView> alert = new ZDAlertView(u"Sign In"_s, u"Your account"_s, &delegate,
+                                                  u"Cancel"_s, {u"Sign In"_s, u"Help"_s});
+    alert->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
+    alert->show(&window);
+    QCOMPARE(alert->cancelButtonIndex(), 0);
+    QCOMPARE(alert->firstOtherButtonIndex(), 1);
+    QCOMPARE(alert->numberOfButtons(), 3);
+    QCOMPARE(alert->textFieldAtIndex(1)->echoMode(), QLineEdit::Password);
+    QCOMPARE(alert->textFieldAtIndex(0)->echoMode(), QLineEdit::Normal);
+    QCOMPARE(alert->textFieldAtIndex(2), nullptr);
+    QTest::keyClicks(alert->textFieldAtIndex(0), u"ann"_s);
+    QTest::mouseClick(alert->buttonAtIndex(2), Qt::LeftButton);
+    QCOMPARE(delegate.dismissed, QList<int>{2});
+    QCOMPARE(delegate.texts, u"ann"_s);
+    QTRY_VERIFY(!alert);
+
+    // Without a cancel button the others count from 0; a gone delegate hears nothing.
+    auto gone = std::make_unique<RecordingAlertDelegate>();
+    QPointer<ZDAlertView> plain = new ZDAlertView(u"Note"_s, {}, gone.get(), QString(), {u"OK"_s});
+    plain->show(&window);
+    QCOMPARE(plain->cancelButtonIndex(), -1);
+    QCOMPARE(plain->firstOtherButtonIndex(), 0);
+    gone.reset();
+    QTest::mouseClick(plain->buttonAtIndex(0), Qt::LeftButton);
+    QTRY_VERIFY(!plain);
+}
+
+void tst_Toolkit::alertReturnKeyRunsTheActionWhileItsTargetLives()
+{
+    QWidget window;
+    window.resize(320, 480);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    RecordingAlertDelegate delegate;
+    auto *alert = new ZDAlertView(u"Sign In"_s, {}, &delegate, u"Cancel"_s, {u"Sign In"_s});
+    alert->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
+    int returns = 0;
+    auto target = std::make_unique<QObject>();
+    alert->setReturnKeyAction(target.get(), [&] {
+        ++returns;
+        alert->dismissWithClickedButtonIndex(alert->firstOtherButtonIndex(), true);
+    });
+    alert->show(&window);
+    QTest::keyClicks(alert->textFieldAtIndex(1), u"secret"_s);
+    QTest::keyClick(alert->textFieldAtIndex(1), Qt::Key_Return);
+    QCOMPARE(returns, 1);
+    QCOMPARE(delegate.dismissed, QList<int>{1});
+
+    auto *second = new ZDAlertView(u"Sign In"_s, {}, &delegate, u"Cancel"_s, {u"Sign In"_s});
+    second->setAlertViewStyle(ZDAlertView::Style::PlainTextInput);
+    second->setReturnKeyAction(target.get(), [&] { ++returns; });
+    second->show(&window);
+    target.reset();
+    QTest::keyClick(second->textFieldAtIndex(0), Qt::Key_Return);
+    QCOMPARE(returns, 1);
+    second->dismissWithClickedButtonIndex(0, false);
+}
+
+void tst_Toolkit::deviceKindOrientationsAndURLs()
+{
+    ZDDevice::setKind(ZDDeviceKind::Tablet);
+    QVERIFY(ZDDevice::isTablet());
+    ZDDevice::setKind(ZDDeviceKind::Phone);
+    QVERIFY(!ZDDevice::isTablet());
+    QCOMPARE(ZDDevice::supportedOrientations(ZDDeviceKind::Phone),
+             ZDInterfaceOrientations(ZDInterfaceOrientation::Portrait));
+    QVERIFY(ZDDevice::supportedOrientations(ZDDeviceKind::Tablet)
+                .testFlag(ZDInterfaceOrientation::LandscapeLeft));
+    QList<QUrl> opened;
+    ZDDevice::setURLOpener([&](const QUrl &url) {
+        opened << url;
+        return true;
+    });
+    QVERIFY(ZDDevice::openURL(QUrl(u"https://example.com/terms"_s)));
+    QCOMPARE(opened, QList<QUrl>{QUrl(u"https://example.com/terms"_s)});
+}
+
+// Renders a screen the way a form uses the toolkit and saves it as
+// toolkit-phone.png next to the test binary, to be looked at.
+void tst_Toolkit::rendersAGroupedScreenWithAnAlert()
+{
+    class Screen : public ZDViewController
+    {
+    public:
+        Rows rows{{2, 2, 1}};
+        ZDTableView *table = nullptr;
+
+    protected:
+        QWidget *loadView() override
+        {
+            QWidget *view = ZDViewController::loadView();
+            table = new ZDTableView(view);
+            table->setDataSource(&rows);
+            table->setDelegate(&rows);
+            return view;
+        }
+    } screen;
+    screen.navigationItem()->setTitle(u"Publish Video"_s);
+    screen.navigationItem()->setRightBarButtonItem(
+        std::make_unique<ZDBarButtonItem>(u"Publish"_s, ZDBarButtonItem::Style::Done, [] {}));
+    screen.navigationItem()->setLeftBarButtonItem(
+        std::make_unique<ZDBarButtonItem>(ZDBarButtonItem::SystemItem::Cancel, [] {}));
+    auto value = std::make_unique<ZDTableViewCell>(ZDTableViewCell::Style::Value1);
+    value->textLabel()->setText(u"Category"_s);
+    value->detailTextLabel()->setText(u"Travel"_s);
+    screen.rows.cells[1][0] = std::move(value);
+    screen.rows.cells[1][1]->setAccessoryType(ZDTableViewCell::Accessory::Checkmark);
+    screen.rows.cells[1][1]->setTextColor(QColor(0x38, 0x54, 0x87));
+    ZDNavigationController navigation(&screen);
+    QWidget *window = navigation.view();
+    window->resize(320, 480);
+    window->show();
+    QVERIFY(QTest::qWaitForWindowExposed(window));
+    screen.table->setGeometry(screen.view()->rect());
+    screen.table->reloadData();
+    screen.table->selectRowAtIndexPath({2, 0}, false, ZDTableView::ScrollPosition::None);
+    auto *alert = new ZDAlertView(u"Sign In"_s, u"Enter your account"_s, nullptr, u"Cancel"_s,
+                                  {u"Sign In"_s});
+    alert->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
+    alert->show(window);
+    QTest::qWait(300);
+    const QString path = QCoreApplication::applicationDirPath() + u"/toolkit-phone.png"_s;
+    QVERIFY(window->grab().save(path));
+    alert->dismissWithClickedButtonIndex(0, false);
+}
+
+QTEST_MAIN(tst_Toolkit)
+#include "tst_toolkit.moc"

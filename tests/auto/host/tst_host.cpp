@@ -1,0 +1,121 @@
+#include "TestSupport.h"
+
+#include "host/EditableTextCell.h"
+#include "host/FileSizeFormatter.h"
+
+#include <QLabel>
+#include <QLineEdit>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+class Recorder : public EditableTextCellDelegate
+{
+public:
+    void textCellDidBeginEditing(EditableTextCell *) override { events << u"begin"_s; }
+    void textCellReturnPressed(EditableTextCell *) override { events << u"return"_s; }
+    void textCellTextChanged(EditableTextCell *, const QString &text) override
+    {
+        events << u"text:"_s + text;
+    }
+    void tagCellEndOfTagCharacterPressed(EditableTagCell *) override { events << u"endOfTag"_s; }
+    QStringList events;
+};
+
+struct Shown
+{
+    explicit Shown(EditableTextCell *cell)
+    {
+        window.resize(320, 200);
+        cell->setParent(&window);
+        cell->setGeometry(10, 10, 300, cell->isMultiLine() ? 120 : 40);
+        window.show();
+        QVERIFY(QTest::qWaitForWindowExposed(&window));
+        window.activateWindow();
+    }
+    QWidget window;
+};
+
+} // namespace
+
+class tst_Host : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void singleLineCellReportsEditingTypingAndReturn();
+    void multiLineCellGrowsWithItsText();
+    void tagCellReportsItsEndOfTagCharacterInsteadOfTypingIt();
+    void qualityOptionCellHasAMainAndASizeLabel();
+    void sizesAreShortTexts();
+};
+
+void tst_Host::singleLineCellReportsEditingTypingAndReturn()
+{
+    Recorder recorder;
+    auto *cell = new EditableTextCell(QRect(), false);
+    cell->setDelegate(&recorder);
+    cell->setPlaceholder(u"Title"_s);
+    cell->setTextValue(u"set"_s); // not the user's doing: no callback
+    QVERIFY(recorder.events.isEmpty());
+    cell->setTextValue(QString());
+    Shown shown(cell);
+    cell->becomeFirstResponder();
+    QTRY_VERIFY(cell->isFirstResponder());
+    QTest::keyClicks(cell->editor(), u"ab"_s);
+    QTest::keyClick(cell->editor(), Qt::Key_Return);
+    QVERIFY2(recorder.events == (QStringList{u"begin"_s, u"text:a"_s, u"text:ab"_s, u"return"_s}),
+             qPrintable(recorder.events.join(u' ')));
+    QCOMPARE(cell->textValue(), u"ab"_s);
+    QCOMPARE(cell->placeholder(), u"Title"_s);
+}
+
+void tst_Host::multiLineCellGrowsWithItsText()
+{
+    auto *cell = new EditableTextCell(QRect(), true);
+    Shown shown(cell);
+    cell->setPlaceholder(u"Description"_s);
+    const qreal empty = cell->contentSize().height();
+    cell->becomeFirstResponder();
+    for (int i = 0; i < 8; ++i) {
+        QTest::keyClicks(cell->editor(), u"line"_s);
+        QTest::keyClick(cell->editor(), Qt::Key_Return);
+    }
+    QVERIFY(cell->contentSize().height() > empty + 100);
+    QCOMPARE(cell->textValue().count(u'\n'), 8);
+}
+
+void tst_Host::tagCellReportsItsEndOfTagCharacterInsteadOfTypingIt()
+{
+    Recorder recorder;
+    auto *cell = new EditableTagCell(QRect());
+    Shown shown(cell);
+    cell->setDelegate(&recorder);
+    cell->becomeFirstResponder();
+    QTest::keyClicks(cell->editor(), u"sea,"_s);
+    QCOMPARE(cell->textValue(), u"sea"_s);
+    QCOMPARE(recorder.events.last(), u"endOfTag"_s);
+}
+
+void tst_Host::qualityOptionCellHasAMainAndASizeLabel()
+{
+    EditableTextCell cell(EditableTextCell::QualityOptionCell);
+    QVERIFY(cell.isQualityOptionCell());
+    QVERIFY(cell.mainLabel() && cell.sizeLabel());
+    QCOMPARE(cell.editor(), nullptr);
+    EditableTextCell plain(QRect(), false);
+    QCOMPARE(plain.mainLabel(), nullptr);
+}
+
+void tst_Host::sizesAreShortTexts()
+{
+    QLocale::setDefault(QLocale::c());
+    QCOMPARE(FileSizeFormatter(1572864.0f, 1), u"1.5 MB"_s);
+    QCOMPARE(FileSizeFormatter(0.0f, 1), u"0 bytes"_s);
+    QCOMPARE(FileSizeFormatter(2048.0f, 0), u"2048 bytes"_s);
+}
+
+QTEST_MAIN(tst_Host)
+#include "tst_host.moc"

@@ -7,7 +7,7 @@ install(TARGETS zdpublish EXPORT ZDPublishTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
     INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zdpublish)
 
-foreach(layer core net resources auth toolkit host)
+foreach(layer core net resources auth toolkit host publish)
     install(DIRECTORY ${PROJECT_SOURCE_DIR}/src/${layer}/
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zdpublish/${layer}
         FILES_MATCHING PATTERN "*.h" PATTERN "*_p.h" EXCLUDE)

@@ -8,8 +8,68 @@
         <translation>OK</translation>
     </message>
     <message>
+        <source>OK</source>
+        <translation>OK</translation>
+    </message>
+    <message>
         <source>PUBLISH</source>
         <translation>Veröffentlichen</translation>
+    </message>
+    <message>
+        <source>PUBLISH_VIDEO</source>
+        <translation>Video veröffentlichen</translation>
+    </message>
+    <message>
+        <source>TITLE</source>
+        <translation>Titel</translation>
+    </message>
+    <message>
+        <source>DESCRIPTION</source>
+        <translation>Beschreibung</translation>
+    </message>
+    <message>
+        <source>CATEGORY</source>
+        <translation>Kategorie</translation>
+    </message>
+    <message>
+        <source>TAGS</source>
+        <translation>Schlagwörter</translation>
+    </message>
+    <message>
+        <source>NEW_TAG</source>
+        <translation>Neues Schlagwort</translation>
+    </message>
+    <message>
+        <source>HD</source>
+        <translation>HD</translation>
+    </message>
+    <message>
+        <source>STANDARD_DEFINITION</source>
+        <translation>Standard</translation>
+    </message>
+    <message>
+        <source>SIZE_FORMAT_PARENS</source>
+        <translation>(%1)</translation>
+    </message>
+    <message>
+        <source>ACCOUNT_NAME_FORMAT</source>
+        <translation>Angemeldet als %1</translation>
+    </message>
+    <message>
+        <source>ACCOUNT_BLANK</source>
+        <translation>Nicht angemeldet</translation>
+    </message>
+    <message>
+        <source>AUTHENTICATION_FAILED_TITLE</source>
+        <translation>Anmeldung fehlgeschlagen</translation>
+    </message>
+    <message>
+        <source>AUTHENTICATION_FAILED_BODY</source>
+        <translation>Benutzername oder Passwort sind falsch. Bitte versuchen Sie es erneut.</translation>
+    </message>
+    <message>
+        <source>TERMS_OF_USE</source>
+        <translation>Nutzungsbedingungen</translation>
     </message>
 </context>
 </TS>

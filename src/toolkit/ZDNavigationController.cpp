@@ -62,16 +62,24 @@ QWidget *ZDNavigationController::loadView()
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
     layout->addWidget(bar);
-    if (m_root)
-        layout->addWidget(m_root->view(), 1);
     view->installEventFilter(this);
+    embedRootView(view);
     updateBar();
     return view;
+}
+
+// Puts the root's view under the bar, building it again if it was unloaded.
+void ZDNavigationController::embedRootView(QWidget *view)
+{
+    if (!m_root || (m_root->isViewLoaded() && m_root->view()->parentWidget() == view))
+        return;
+    static_cast<QVBoxLayout *>(view->layout())->addWidget(m_root->view(), 1);
 }
 
 bool ZDNavigationController::eventFilter(QObject *watched, QEvent *event)
 {
     if (event->type() == QEvent::Show && m_root && watched == view()) {
+        embedRootView(view());
         m_root->viewWillAppear(false);
         QTimer::singleShot(0, m_root, [root = m_root] {
             if (root)

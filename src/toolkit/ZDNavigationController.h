@@ -37,6 +37,7 @@ protected:
 
 private:
     void updateBar();
+    void embedRootView(QWidget *view);
 
     QPointer<ZDViewController> m_root;
     QPointer<QLabel> m_titleLabel;

@@ -152,15 +152,34 @@ void ZDTableView::setDelegate(ZDTableViewDelegate *delegate)
     m_delegate = delegate;
 }
 
+ZDTableViewDelegate *ZDTableView::answeringDelegate() const
+{
+    // Without a delegate the table takes the default answers.
+    static ZDTableViewDelegate defaults;
+    return m_delegate.get() ? m_delegate.get() : &defaults;
+}
+
 ZDTableView::Row ZDTableView::makeRow(ZDIndexPath indexPath)
 {
     Row row;
     if (ZDTableViewDataSource *source = m_dataSource.get())
         row.cell = source->tableViewCellForRowAtIndexPath(this, indexPath);
-    ZDTableViewDelegate fallback;
-    ZDTableViewDelegate *delegate = m_delegate.get() ? m_delegate.get() : &fallback;
+    ZDTableViewDelegate *delegate = answeringDelegate();
     row.height = delegate->tableViewHeightForRowAtIndexPath(this, indexPath);
     return row;
+}
+
+void ZDTableView::refreshHeaders()
+{
+    m_headerWidth = viewport()->width();
+    ZDTableViewDelegate *delegate = answeringDelegate();
+    for (int s = 0; s < m_sections.size(); ++s) {
+        delete m_sections[s].header;
+        m_sections[s].headerHeight = delegate->tableViewHeightForHeaderInSection(this, s);
+        m_sections[s].header = delegate->tableViewViewForHeaderInSection(this, s);
+        if (m_sections[s].header)
+            m_sections[s].header->setParent(m_content);
+    }
 }
 
 void ZDTableView::reloadData()
@@ -173,21 +192,16 @@ void ZDTableView::reloadData()
     m_sections.clear();
     m_selected.reset();
     ZDTableViewDataSource *source = m_dataSource.get();
-    ZDTableViewDelegate fallback;
-    ZDTableViewDelegate *delegate = m_delegate.get() ? m_delegate.get() : &fallback;
     const int sections = source ? source->numberOfSectionsInTableView(this) : 0;
     for (int s = 0; s < sections; ++s) {
         Section section;
-        section.headerHeight = delegate->tableViewHeightForHeaderInSection(this, s);
-        section.header = delegate->tableViewViewForHeaderInSection(this, s);
-        if (section.header)
-            section.header->setParent(m_content);
         section.footer = source->tableViewTitleForFooterInSection(this, s);
         const int rows = source->tableViewNumberOfRowsInSection(this, s);
         for (int r = 0; r < rows; ++r)
             section.rows.append(makeRow({s, r}));
         m_sections.append(section);
     }
+    refreshHeaders();
     layoutContent(false);
 }
 
@@ -254,6 +268,8 @@ void ZDTableView::release(ZDTableViewCell *cell)
 void ZDTableView::layoutContent(bool animated)
 {
     const int width = viewport()->width();
+    if (width != m_headerWidth)
+        refreshHeaders();
     const int margin = groupMargin();
     const QFontMetrics footerMetrics(zdstyle::font(kFooterFontSize));
     qreal y = 0;
@@ -440,8 +456,7 @@ void ZDTableView::endUpdates()
     if (m_updateDepth == 0 || --m_updateDepth > 0)
         return;
     // Heights are asked again, so a row that grew is shown at its new height.
-    ZDTableViewDelegate fallback;
-    ZDTableViewDelegate *delegate = m_delegate.get() ? m_delegate.get() : &fallback;
+    ZDTableViewDelegate *delegate = answeringDelegate();
     for (int s = 0; s < m_sections.size(); ++s) {
         for (int r = 0; r < m_sections[s].rows.size(); ++r)
             m_sections[s].rows[r].height = delegate->tableViewHeightForRowAtIndexPath(this, {s, r});

@@ -40,8 +40,9 @@ class ZD_EXPORT ZDTableViewDelegate : public virtual ZDWeakTarget
 public:
     virtual qreal tableViewHeightForRowAtIndexPath(ZDTableView *tableView, ZDIndexPath indexPath);
     virtual qreal tableViewHeightForHeaderInSection(ZDTableView *tableView, int section);
-    // A view to show above a section; the table takes ownership of it and
-    // deletes it when the table is laid out anew.
+    // A view to show above a section, made for the table's current width; the
+    // table takes ownership of it. It is asked again (and the old one deleted)
+    // when the data is reloaded or the table's width changes.
     virtual QWidget *tableViewViewForHeaderInSection(ZDTableView *tableView, int section);
     // The user tapped a row (programmatic selection does not call this).
     virtual void tableViewDidSelectRowAtIndexPath(ZDTableView *tableView, ZDIndexPath indexPath);
@@ -134,6 +135,8 @@ private:
     class Content;
 
     Row makeRow(ZDIndexPath indexPath);
+    void refreshHeaders();
+    ZDTableViewDelegate *answeringDelegate() const;
     void layoutContent(bool animated);
     void place(ZDTableViewCell *cell);
     void release(ZDTableViewCell *cell);
@@ -148,6 +151,7 @@ private:
     qreal m_insetBottom = 0;
     QPointer<QWidget> m_footerView;
     int m_updateDepth = 0;
+    int m_headerWidth = -1; // the width the header views were made for
     struct PendingAnimation
     {
         QPointer<ZDTableViewCell> cell;

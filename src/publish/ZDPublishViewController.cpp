@@ -1,0 +1,633 @@
+#include "publish/ZDPublishViewController.h"
+
+#include "auth/ZDAuthenticator.h"
+#include "core/ZDAssert.h"
+#include "core/ZDNotificationCenter.h"
+#include "host/FileSizeFormatter.h"
+#include "publish/ZDFooterContainerView.h"
+#include "resources/ZDLocalizedString.h"
+#include "toolkit/ZDDevice.h"
+
+#include <QApplication>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QVBoxLayout>
+
+namespace {
+
+QString L(const char *key)
+{
+    return ZDLocalizedString(QString::fromLatin1(key));
+}
+
+constexpr qreal kRowHeight = 40.0;
+constexpr qreal kAccessRowHeight = 52.0;
+constexpr qreal kInitialDescriptionHeight = 120.0;
+constexpr qreal kLogoMargin = 15.0;
+// The room the picker takes on a tablet, and the keyboard's on a phone.
+constexpr qreal kTabletPickerHeight = 216.0;
+constexpr qreal kPhoneKeyboardHeight = 216.0;
+constexpr qreal kFooterPadding = 10.0;
+
+QColor blueText()
+{
+    return QColor(0x38, 0x54, 0x87);
+}
+
+// The view above the first section. It lends the form's logo image view and
+// gives it back before it goes, so the table may delete it at will.
+class LogoHeader : public QWidget
+{
+public:
+    LogoHeader(QLabel *logo, const QRectF &frame, const QRectF &logoFrame) : m_logo(logo)
+    {
+        setGeometry(frame.toRect());
+        logo->setParent(this);
+        logo->setGeometry(logoFrame.toRect());
+        m_logoX = logoFrame.x();
+        logo->show();
+    }
+    ~LogoHeader() override
+    {
+        if (m_logo && m_logo->parent() == this)
+            m_logo->setParent(nullptr);
+    }
+    qreal logoX() const { return m_logoX; }
+
+private:
+    QPointer<QLabel> m_logo;
+    qreal m_logoX = 0;
+};
+
+} // namespace
+
+// --- construction and teardown ---------------------------------------------------
+
+ZDPublishViewController::ZDPublishViewController(QObject *parent) : ZDViewController(parent)
+{
+    navigationItem()->setTitle(L("PUBLISH_VIDEO"));
+    auto publish = std::make_unique<ZDBarButtonItem>(L("PUBLISH"), ZDBarButtonItem::Style::Done,
+                                                     [this] { _publish(); });
+    publish->setEnabled(false);
+    navigationItem()->setRightBarButtonItem(std::move(publish));
+    navigationItem()->setLeftBarButtonItem(std::make_unique<ZDBarButtonItem>(
+        ZDBarButtonItem::SystemItem::Cancel, [this] { _cancel(); }));
+}
+
+void ZDPublishViewController::_finishConstruction()
+{
+    if (m_constructed)
+        return;
+    m_constructed = true;
+    _updatePublishButton();
+    ZDAuthenticator *auth = authenticator();
+    auto &center = ZDNotificationCenter::defaultCenter();
+    center.addObserver(this, ZDAuthenticatorStateChangeNotification, auth,
+                       [this](const ZDNotification &note) { _authenticatorStateChanged(note); });
+    center.addObserver(this, ZDAuthenticatorFailureNotification, auth,
+                       [this](const ZDNotification &note) { _authenticatorFailed(note); });
+}
+
+ZDPublishViewController::~ZDPublishViewController()
+{
+    ZDNotificationCenter::defaultCenter().removeObserver(this);
+    // The cells go before the view (deleted by the base) that shows them; the
+    // table lets go of them as they go.
+}
+
+// --- the subclass's answers --------------------------------------------------------
+
+ZDAuthenticator *ZDPublishViewController::authenticator()
+{
+    ZD_ABSTRACT("ZDPublishViewController::authenticator");
+}
+
+QString ZDPublishViewController::termsOfUseString()
+{
+    ZD_ABSTRACT("ZDPublishViewController::termsOfUseString");
+}
+
+QUrl ZDPublishViewController::termsOfUseURL()
+{
+    ZD_ABSTRACT("ZDPublishViewController::termsOfUseURL");
+}
+
+QPixmap ZDPublishViewController::headerLogo()
+{
+    return QPixmap();
+}
+
+std::optional<QList<ZDCategory>> ZDPublishViewController::categories()
+{
+    return std::nullopt;
+}
+
+std::optional<ZDCellList> ZDPublishViewController::accessCells()
+{
+    return std::nullopt;
+}
+
+ZDAlertView *ZDPublishViewController::accountAlert()
+{
+    return nullptr;
+}
+
+bool ZDPublishViewController::checkParametersAndWarn()
+{
+    return true;
+}
+
+// --- the view ------------------------------------------------------------------------
+
+QWidget *ZDPublishViewController::loadView()
+{
+    _finishConstruction(); // for a form made without create()
+    QWidget *view = ZDViewController::loadView();
+    m_descriptionHeight = kInitialDescriptionHeight;
+
+    m_tableView = new ZDTableView(view);
+    auto *layout = new QVBoxLayout(view);
+    layout->setContentsMargins(0, 0, 0, 0);
+    layout->addWidget(m_tableView);
+    m_tableView->setDataSource(this);
+    m_tableView->setDelegate(this);
+
+    m_headerImageView = std::make_unique<QLabel>();
+    m_headerImageView->setPixmap(headerLogo());
+
+    m_titleCell = std::make_unique<EditableTextCell>(QRect(), false);
+    m_titleCell->setDelegate(this);
+    m_titleCell->setPlaceholder(L("TITLE"));
+    m_descriptionCell = std::make_unique<EditableTextCell>(QRect(), true);
+    m_descriptionCell->setPlaceholder(L("DESCRIPTION"));
+    m_descriptionCell->setDelegate(this);
+
+    m_categoryCell = std::make_unique<ZDCategoryCell>();
+    m_categoryCell->textLabel()->setText(L("CATEGORY"));
+    m_categoryCell->setCategoryString(QStringLiteral(" "));
+
+    m_accountCell = std::make_unique<ZDTableViewCell>(ZDTableViewCell::Style::Default);
+    _updateAccountCell();
+
+    for (auto &cell : m_optionCells)
+        cell = std::make_unique<EditableTextCell>(EditableTextCell::QualityOptionCell);
+
+    m_accessCells = accessCells();
+
+    m_tagCells.clear();
+    _addNewTagCell();
+
+    // Each present part takes the next section number.
+    qintptr next = 0;
+    m_sectionIndices = ZDSectionIndices();
+    m_sectionIndices.title = next++;
+    if (m_showHDSection)
+        m_sectionIndices.hd = next++;
+    m_sectionIndices.tags = next++;
+    if (categories())
+        m_sectionIndices.category = next++;
+    if (m_accessCells)
+        m_sectionIndices.access = next++;
+    m_sectionIndices.account = next;
+
+    m_footerContainer = std::make_unique<ZDFooterContainerView>(QRect());
+    connect(m_footerContainer->termsButton(), &QPushButton::clicked, this,
+            &ZDPublishViewController::_termsButtonPressed);
+    m_tableView->setTableFooterView(m_footerContainer.get());
+    m_tableView->reloadData();
+
+    if (m_accessCells && !m_accessCells->empty())
+        tableViewDidSelectRowAtIndexPath(m_tableView, {int(m_sectionIndices.access), 0});
+    return view;
+}
+
+void ZDPublishViewController::viewDidUnload()
+{
+    ZDViewController::viewDidUnload();
+    // What the user typed goes with the cells; selectedOption stays.
+    m_tableView = nullptr;
+    m_headerImageView.reset();
+    m_titleCell.reset();
+    m_descriptionCell.reset();
+    m_categoryCell.reset();
+    for (auto &cell : m_optionCells)
+        cell.reset();
+    m_accessCells.reset();
+    m_accountCell.reset();
+    m_tagCells.clear();
+}
+
+void ZDPublishViewController::viewWillAppear(bool animated)
+{
+    ZDViewController::viewWillAppear(animated);
+    // A desktop window has no status bar to restyle.
+    _footerFrameDidChangeWithSplitKeyboard(false);
+}
+
+void ZDPublishViewController::viewDidAppear(bool animated)
+{
+    ZDViewController::viewDidAppear(animated);
+    ZDAuthenticator *auth = authenticator();
+    if (auth->authenticatorState() != ZDAuthenticatorStateSignedIn)
+        auth->loadCredentials();
+    if (auth->authenticatorState() != ZDAuthenticatorStateSignedIn)
+        _showAuthenticationDialog();
+}
+
+// --- results -------------------------------------------------------------------------
+
+QString ZDPublishViewController::videoTitle() const
+{
+    return m_titleCell ? m_titleCell->textValue() : QString();
+}
+
+QString ZDPublishViewController::videoDescription() const
+{
+    return m_descriptionCell ? m_descriptionCell->textValue() : QString();
+}
+
+QStringList ZDPublishViewController::videoTags() const
+{
+    QStringList tags;
+    for (const auto &cell : m_tagCells) {
+        if (!cell->textValue().isEmpty())
+            tags << cell->textValue();
+    }
+    return tags;
+}
+
+std::optional<ZDCategory> ZDPublishViewController::videoCategory()
+{
+    const std::optional<QList<ZDCategory>> all = categories();
+    if (!all)
+        return std::nullopt;
+    const int row = 0; // the wheel's selected row, once the wheel exists
+    return row < all->size() ? std::optional(all->at(row)) : std::nullopt;
+}
+
+// --- publishing and cancelling ------------------------------------------------------
+
+void ZDPublishViewController::_publish()
+{
+    if (!checkParametersAndWarn())
+        return;
+    // The delegate may destroy the form: nothing of it is touched afterwards.
+    if (ZDPublishViewControllerDelegate *target = m_delegate.get())
+        target->publishViewControllerPublished(this);
+}
+
+void ZDPublishViewController::_cancel()
+{
+    if (ZDPublishViewControllerDelegate *target = m_delegate.get())
+        target->publishViewControllerCancelled(this);
+}
+
+void ZDPublishViewController::showAlertWithTitleMessage(const QString &title,
+                                                        const QString &message)
+{
+    auto *alert = new ZDAlertView(title, message, nullptr, L("OK"));
+    alert->show(isViewLoaded() ? view()->window() : nullptr);
+}
+
+// --- sign-in and account --------------------------------------------------------------
+
+bool ZDPublishViewController::_isAuthenticated()
+{
+    return authenticator()->authenticatorState() == ZDAuthenticatorStateSignedIn;
+}
+
+void ZDPublishViewController::_updatePublishButton()
+{
+    navigationItem()->rightBarButtonItem()->setEnabled(_isAuthenticated());
+}
+
+QString ZDPublishViewController::accountString()
+{
+    if (_isAuthenticated())
+        return L("ACCOUNT_NAME_FORMAT").arg(authenticator()->account());
+    return L("ACCOUNT_BLANK");
+}
+
+void ZDPublishViewController::_updateAccountCell()
+{
+    if (!m_accountCell)
+        return;
+    const bool signedIn = _isAuthenticated();
+    m_accountCell->textLabel()->setAlignment(Qt::AlignCenter);
+    m_accountCell->textLabel()->setText(accountString());
+    m_accountCell->setUserInteractionEnabled(signedIn);
+    m_accountCell->textLabel()->setEnabled(signedIn);
+}
+
+void ZDPublishViewController::_showAuthenticationDialog()
+{
+    m_authenticationAlert = authenticator()->authenticationDialogWithTargetAction(
+        this, [this] { authReturnKeyPressed(); });
+    if (!m_authenticationAlert)
+        return;
+    m_authenticationAlert->setDelegate(this);
+    m_authenticationAlert->show(isViewLoaded() ? view()->window() : nullptr);
+}
+
+void ZDPublishViewController::authReturnKeyPressed()
+{
+    if (m_authenticationAlert)
+        m_authenticationAlert->dismissWithClickedButtonIndex(
+            m_authenticationAlert->firstOtherButtonIndex(), true);
+}
+
+void ZDPublishViewController::_authenticatorStateChanged(const ZDNotification &)
+{
+    _updatePublishButton();
+    _updateAccountCell();
+}
+
+void ZDPublishViewController::_authenticatorFailed(const ZDNotification &)
+{
+    m_authenticationFailedAlert = new ZDAlertView(
+        L("AUTHENTICATION_FAILED_TITLE"), L("AUTHENTICATION_FAILED_BODY"), this, L("OK_BUTTON"));
+    m_authenticationFailedAlert->show(isViewLoaded() ? view()->window() : nullptr);
+}
+
+void ZDPublishViewController::alertViewWillDismissWithButtonIndex(ZDAlertView *alert,
+                                                                  int buttonIndex)
+{
+    // The delegate may destroy the form from inside; stop touching it then.
+    QPointer<ZDPublishViewController> self(this);
+    if (alert == m_authenticationAlert) {
+        if (buttonIndex != alert->cancelButtonIndex()) {
+            const auto text = [alert](int index) {
+                const QLineEdit *field = alert->textFieldAtIndex(index);
+                return field ? field->text() : QString();
+            };
+            authenticator()->authenticateWithUsernamePassword(text(0), text(1));
+        } else if (ZDPublishViewControllerDelegate *target = m_delegate.get()) {
+            // Cancelling the sign-in cancels the whole publication.
+            target->publishViewControllerCancelled(this);
+        }
+        if (self && m_authenticationAlert == alert)
+            m_authenticationAlert = nullptr;
+    } else if (alert == m_accountAlert) {
+        if (buttonIndex != alert->cancelButtonIndex()) {
+            authenticator()->invalidateAuthentication();
+            // Signing out from the form closes it, by design.
+            if (ZDPublishViewControllerDelegate *target = self ? m_delegate.get() : nullptr)
+                target->publishViewControllerCancelled(this);
+        }
+        if (self)
+            m_accountAlert = nullptr;
+    } else if (alert == m_authenticationFailedAlert) {
+        _showAuthenticationDialog();
+        m_authenticationFailedAlert = nullptr;
+    }
+}
+
+// --- the table -------------------------------------------------------------------------
+
+int ZDPublishViewController::numberOfSectionsInTableView(ZDTableView *)
+{
+    return int(m_sectionIndices.account + 1);
+}
+
+int ZDPublishViewController::tableViewNumberOfRowsInSection(ZDTableView *, int section)
+{
+    const ZDSectionIndices &s = m_sectionIndices;
+    if (section == s.title || section == s.hd)
+        return 2;
+    if (section == s.tags)
+        return int(m_tagCells.size());
+    if (section == s.category || section == s.account)
+        return 1;
+    if (section == s.access)
+        return m_accessCells ? int(m_accessCells->size()) : 0;
+    ZD_ABSTRACT("ZDPublishViewController::tableViewNumberOfRowsInSection");
+}
+
+ZDTableViewCell *ZDPublishViewController::tableViewCellForRowAtIndexPath(ZDTableView *,
+                                                                         ZDIndexPath indexPath)
+{
+    const ZDSectionIndices &s = m_sectionIndices;
+    const int section = indexPath.section;
+    const int row = indexPath.row;
+    if (section == s.title)
+        return row == 0 ? m_titleCell.get() : m_descriptionCell.get();
+    if (section == s.hd) {
+        prepareOptionCell(row);
+        return m_optionCells[size_t(row)].get();
+    }
+    if (section == s.tags)
+        return m_tagCells[size_t(row)].get();
+    if (section == s.category)
+        return m_categoryCell.get();
+    if (section == s.access)
+        return (*m_accessCells)[size_t(row)].get();
+    if (section == s.account)
+        return m_accountCell.get();
+    return nullptr;
+}
+
+void ZDPublishViewController::prepareOptionCell(int row)
+{
+    EditableTextCell *cell = m_optionCells[size_t(row)].get();
+    QColor colour = row == m_selectedOption ? blueText() : QColor(Qt::black);
+    const QString format = L("SIZE_FORMAT_PARENS");
+    if (row != 0) {
+        cell->mainLabel()->setText(L("HD"));
+        if (m_enableHDSection) {
+            cell->sizeLabel()->setText(format.arg(FileSizeFormatter(float(m_HDSize), 1)));
+            cell->setUserInteractionEnabled(true);
+        } else {
+            // The raw key on screen is what services expect here.
+            cell->sizeLabel()->setText(QStringLiteral("REQUIRES_WIFI"));
+            cell->setUserInteractionEnabled(false);
+            colour = QColor::fromRgbF(0.7f, 0.7f, 0.7f, 1.0f);
+        }
+    } else {
+        cell->mainLabel()->setText(L("STANDARD_DEFINITION"));
+        cell->sizeLabel()->setText(format.arg(FileSizeFormatter(float(m_SDSize), 1)));
+    }
+    cell->setTextColor(colour);
+    cell->setAccessoryType(row == m_selectedOption ? ZDTableViewCell::Accessory::Checkmark
+                                                   : ZDTableViewCell::Accessory::None);
+}
+
+QString ZDPublishViewController::tableViewTitleForFooterInSection(ZDTableView *, int section)
+{
+    return section == m_sectionIndices.account ? termsOfUseString() : QString();
+}
+
+qreal ZDPublishViewController::tableViewHeightForRowAtIndexPath(ZDTableView *,
+                                                                ZDIndexPath indexPath)
+{
+    if (indexPath.section == m_sectionIndices.title)
+        return indexPath.row == 1 ? m_descriptionHeight : kRowHeight;
+    if (indexPath.section == m_sectionIndices.access)
+        return kAccessRowHeight;
+    return kRowHeight;
+}
+
+qreal ZDPublishViewController::tableViewHeightForHeaderInSection(ZDTableView *, int section)
+{
+    if (section != 0)
+        return 0;
+    return (m_headerImageView ? m_headerImageView->pixmap().height() : 0) + 2 * kLogoMargin;
+}
+
+QWidget *ZDPublishViewController::tableViewViewForHeaderInSection(ZDTableView *tableView,
+                                                                  int section)
+{
+    if (section != 0 || !m_headerImageView)
+        return nullptr;
+    const qreal width = tableView->viewport()->width();
+    const QSizeF logo = m_headerImageView->pixmap().size();
+    return new LogoHeader(
+        m_headerImageView.get(), QRectF(0, 0, width, logo.height() + 2 * kLogoMargin),
+        QRectF((width - logo.width()) * 0.5, kLogoMargin, logo.width(), logo.height()));
+}
+
+void ZDPublishViewController::tableViewDidSelectRowAtIndexPath(ZDTableView *tableView,
+                                                               ZDIndexPath indexPath)
+{
+    const ZDSectionIndices &s = m_sectionIndices;
+    const int section = indexPath.section;
+    const int row = indexPath.row;
+    if (section != s.category)
+        _hidePicker();
+
+    if (section == s.category) {
+        orderOutKeyboard();
+        _showPicker();
+        if (QWidget *focus = tableView->window()->focusWidget())
+            focus->clearFocus();
+    } else if (section == s.tags) {
+        m_tagCells[size_t(row)]->becomeFirstResponder();
+    } else if (section == s.title) {
+        (row == 0 ? m_titleCell : m_descriptionCell)->becomeFirstResponder();
+    } else if (section == s.hd) {
+        EditableTextCell *old = m_optionCells[size_t(m_selectedOption)].get();
+        old->setAccessoryType(ZDTableViewCell::Accessory::None);
+        old->setTextColor(Qt::black);
+        tableView->deselectRowAtIndexPath(indexPath, true);
+        m_optionCells[size_t(row)]->setAccessoryType(ZDTableViewCell::Accessory::Checkmark);
+        m_optionCells[size_t(row)]->setTextColor(blueText());
+        m_selectedOption = row;
+        if (!ZDDevice::isTablet())
+            orderOutKeyboard();
+    } else if (section == s.access) {
+        if (m_accessRow < m_accessCells->size()) {
+            ZDTableViewCell *old = (*m_accessCells)[m_accessRow].get();
+            old->setAccessoryType(ZDTableViewCell::Accessory::None);
+            old->setTextColor(Qt::black);
+        }
+        tableView->deselectRowAtIndexPath(indexPath, true);
+        ZDTableViewCell *chosen = (*m_accessCells)[size_t(row)].get();
+        chosen->setAccessoryType(ZDTableViewCell::Accessory::Checkmark);
+        chosen->setTextColor(blueText());
+        m_accessRow = quintptr(row);
+        if (!ZDDevice::isTablet())
+            orderOutKeyboard();
+    } else if (section == s.account) {
+        if (_isAuthenticated()) {
+            m_accountAlert = accountAlert();
+            if (m_accountAlert) {
+                m_accountAlert->setDelegate(this);
+                m_accountAlert->show(tableView->window());
+            }
+        }
+        tableView->deselectRowAtIndexPath(indexPath, true);
+        if (!ZDDevice::isTablet())
+            orderOutKeyboard();
+    }
+}
+
+void ZDPublishViewController::scrollViewWillBeginDragging(ZDTableView *)
+{
+    _hidePicker();
+}
+
+// --- rows that grow, the picker and the keyboard's room --------------------------------
+
+void ZDPublishViewController::_addNewTagCell()
+{
+    auto cell = std::make_unique<EditableTagCell>(QRect());
+    cell->setPlaceholder(m_tagCells.empty() ? L("TAGS") : L("NEW_TAG"));
+    cell->setDelegate(this);
+    m_tagCells.push_back(std::move(cell));
+}
+
+void ZDPublishViewController::_showPicker()
+{
+    if (m_showingPicker)
+        return;
+    _shrinkView();
+    m_showingPicker = true;
+}
+
+void ZDPublishViewController::_hidePicker()
+{
+    if (!m_showingPicker)
+        return;
+    if (m_tableView)
+        m_tableView->deselectRowAtIndexPath({int(m_sectionIndices.category), 0}, true);
+    m_showingPicker = false;
+    _unshrinkView();
+}
+
+void ZDPublishViewController::_shrinkView()
+{
+    if (m_viewShrunk || !m_tableView)
+        return;
+    m_tableView->setContentInsetBottom(ZDDevice::isTablet() ? kTabletPickerHeight
+                                                            : kPhoneKeyboardHeight);
+    // Only the first tag row is looked at.
+    if (!m_tagCells.empty() && m_tagCells.front()->isFirstResponder()) {
+        if (const auto indexPath = m_tableView->indexPathForCell(m_tagCells.front().get()))
+            m_tableView->scrollToRowAtIndexPath(*indexPath, ZDTableView::ScrollPosition::Middle,
+                                                true);
+    }
+    m_viewShrunk = true;
+}
+
+void ZDPublishViewController::_unshrinkView()
+{
+    if (!m_viewShrunk)
+        return;
+    if (m_tableView)
+        m_tableView->setContentInsetBottom(0);
+    m_viewShrunk = false;
+}
+
+void ZDPublishViewController::_footerFrameDidChangeWithSplitKeyboard(bool)
+{
+    if (!m_footerContainer || !m_tableView)
+        return;
+    const QRect frame = m_footerContainer->geometry();
+    const QPushButton *button = m_footerContainer->termsButton();
+    const int height = int((button ? button->height() : 0) + kFooterPadding);
+    m_footerContainer->setFrameBypassDelegate(QRect(frame.x(), frame.y(), frame.width(), height),
+                                              true);
+    m_tableView->setTableFooterView(m_footerContainer.get());
+}
+
+void ZDPublishViewController::resignResponder()
+{
+    if (isViewLoaded()) {
+        if (QWidget *focus = view()->window()->focusWidget())
+            focus->clearFocus();
+    }
+    _unshrinkView();
+}
+
+void ZDPublishViewController::orderOutKeyboard()
+{
+    if (isViewLoaded()) {
+        if (QWidget *focus = view()->window()->focusWidget())
+            focus->clearFocus();
+    }
+}
+
+void ZDPublishViewController::_termsButtonPressed()
+{
+    ZDDevice::openURL(termsOfUseURL());
+}

@@ -1,0 +1,577 @@
+#include "TestSupport.h"
+
+#include "auth/ZDAuthenticator.h"
+#include "host/EditableTextCell.h"
+#include "publish/ZDFooterContainerView.h"
+#include "publish/ZDPublishViewController.h"
+#include "resources/ZDLocalizedString.h"
+#include "toolkit/ZDDevice.h"
+#include "toolkit/ZDNavigationController.h"
+
+#include <QDir>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPainter>
+#include <QPushButton>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QString L(const char *key)
+{
+    return ZDLocalizedString(QString::fromLatin1(key));
+}
+
+// A service's authenticator whose sign-in answers at once: "ann"/"secret" works.
+class TestAuthenticator : public ZDAuthenticator
+{
+public:
+    void authenticateWithUsernamePassword(const QString &username, const QString &password) override
+    {
+        attempts << username + u'/' + password;
+        if (username == u"ann" && password == u"secret") {
+            m_account = u"Ann"_s;
+            m_authenticatorState = ZDAuthenticatorStateSignedIn;
+            _notifyStateChange();
+        } else {
+            requestDidFailWithError(nullptr, ZDError(u"Test"_s, 1));
+        }
+    }
+    void loadCredentials() override
+    {
+        ++loads;
+        if (storedSignIn) {
+            m_account = u"Stored"_s;
+            m_authenticatorState = ZDAuthenticatorStateSignedIn;
+        }
+        ZDAuthenticator::loadCredentials();
+    }
+    ZDAlertView *authenticationDialogWithTargetAction(QObject *target,
+                                                      std::function<void()> action) override
+    {
+        ++dialogs;
+        auto *alert =
+            new ZDAlertView(u"Sign In"_s, u"Demo service"_s, nullptr, u"Cancel"_s, {u"Sign In"_s});
+        alert->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
+        alert->setReturnKeyAction(target, std::move(action));
+        return alert;
+    }
+    void setSignedIn(const QString &account)
+    {
+        m_account = account;
+        m_authenticatorState = ZDAuthenticatorStateSignedIn;
+        _notifyStateChange();
+    }
+    void setState(ZDAuthenticatorState state)
+    {
+        m_authenticatorState = state;
+        _notifyStateChange();
+    }
+
+    QStringList attempts;
+    int loads = 0;
+    int dialogs = 0;
+    bool storedSignIn = false;
+};
+
+struct FormOptions
+{
+    bool logo = true;
+    bool categories = true;
+    std::optional<int> accessRows = 2;
+    bool showHD = true;
+};
+
+class TestForm : public ZDPublishViewController
+{
+public:
+    TestForm(TestAuthenticator *auth, FormOptions options) : m_auth(auth), m_options(options)
+    {
+        setShowHDSection(options.showHD);
+    }
+
+    ZDAuthenticator *authenticator() override { return m_auth; }
+    QString termsOfUseString() override { return u"By publishing you accept the terms."_s; }
+    QUrl termsOfUseURL() override { return QUrl(u"https://video.example/terms"_s); }
+    QPixmap headerLogo() override
+    {
+        if (!m_options.logo)
+            return QPixmap();
+        QPixmap logo(120, 40);
+        logo.fill(QColor(0xcc, 0x22, 0x22));
+        QPainter painter(&logo);
+        painter.setPen(Qt::white);
+        painter.drawText(logo.rect(), Qt::AlignCenter, u"DemoTube"_s);
+        return logo;
+    }
+    std::optional<QList<ZDCategory>> categories() override
+    {
+        if (!m_options.categories)
+            return std::nullopt;
+        return QList<ZDCategory>{ZDCategory::categoryWithDisplayNameValue(u"Travel"_s, 19),
+                                 ZDCategory::categoryWithDisplayNameValue(u"Music"_s, 10)};
+    }
+    std::optional<ZDCellList> accessCells() override
+    {
+        if (!m_options.accessRows)
+            return std::nullopt;
+        ZDCellList cells;
+        const QStringList names{u"Public"_s, u"Unlisted"_s, u"Private"_s};
+        for (int i = 0; i < *m_options.accessRows; ++i) {
+            auto cell = std::make_shared<ZDTableViewCell>();
+            cell->textLabel()->setText(names.value(i));
+            cells.push_back(cell);
+        }
+        return cells;
+    }
+    ZDAlertView *accountAlert() override
+    {
+        return new ZDAlertView(u"Ann"_s, {}, nullptr, u"Cancel"_s, {u"Sign Out"_s});
+    }
+    bool checkParametersAndWarn() override { return allowPublish; }
+
+    // Fields a service subclass may read.
+    quintptr accessRow() const { return m_accessRow; }
+    ZDTableViewCell *accessCell(size_t i) const { return (*m_accessCells)[i].get(); }
+    EditableTextCell *optionCell(size_t i) const { return m_optionCells[i].get(); }
+    EditableTextCell *titleCell() const { return m_titleCell.get(); }
+    ZDTableViewCell *accountCell() const { return m_accountCell.get(); }
+    qreal descriptionHeight() const { return m_descriptionHeight; }
+
+    bool allowPublish = true;
+
+private:
+    TestAuthenticator *m_auth;
+    FormOptions m_options;
+};
+
+class FormDelegate : public ZDPublishViewControllerDelegate
+{
+public:
+    void publishViewControllerPublished(ZDPublishViewController *) override
+    {
+        events << u"published"_s;
+        if (destroyOnMessage)
+            destroyOnMessage();
+    }
+    void publishViewControllerCancelled(ZDPublishViewController *) override
+    {
+        events << u"cancelled"_s;
+        if (destroyOnMessage)
+            destroyOnMessage();
+    }
+    QStringList events;
+    std::function<void()> destroyOnMessage;
+};
+
+// A form in a navigation controller in a phone-sized window.
+struct Sheet
+{
+    Sheet(TestAuthenticator *auth, FormOptions options = {}, QSize size = QSize(320, 480))
+    {
+        form = ZDPublishViewController::create<TestForm>(auth, options);
+        form->setDelegate(&delegate);
+        form->setSDSize(12 * 1024 * 1024);
+        form->setHDSize(48 * 1024 * 1024);
+        navigation = std::make_unique<ZDNavigationController>(form.get());
+        window = navigation->view();
+        window->resize(size);
+    }
+    ~Sheet()
+    {
+        navigation.reset();
+        form.reset();
+    }
+    void show()
+    {
+        window->show();
+        QVERIFY(QTest::qWaitForWindowExposed(window));
+        QTest::qWait(50); // viewDidAppear runs on the next turn
+    }
+    ZDTableView *table() const { return form->tableView(); }
+    void tap(ZDIndexPath ip)
+    {
+        const QRect row = table()->rectForRowAtIndexPath(ip);
+        table()->scrollToRowAtIndexPath(ip, ZDTableView::ScrollPosition::Middle, false);
+        QTest::mouseClick(table()->contentWidget(), Qt::LeftButton, {},
+                          QPoint(row.left() + 4, row.center().y()));
+    }
+    QPushButton *publishButton() const { return navigation->rightButton(); }
+    void save(const QString &name) const
+    {
+        const QString dir = qEnvironmentVariable("ZD_SCREENSHOT_DIR", QDir::tempPath());
+        QDir().mkpath(dir);
+        QVERIFY(window->grab().save(dir + u'/' + name));
+    }
+
+    FormDelegate delegate;
+    std::unique_ptr<TestForm> form;
+    std::unique_ptr<ZDNavigationController> navigation;
+    QWidget *window = nullptr;
+};
+
+ZDAlertView *visibleAlert(const QPointer<ZDAlertView> &alert)
+{
+    return alert && alert->isVisibleAlert() ? alert.data() : nullptr;
+}
+
+} // namespace
+
+Q_DECLARE_METATYPE(ZDSectionIndices)
+
+class tst_PublishForm : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init() { ZDDevice::setKind(ZDDeviceKind::Phone); }
+    void cleanup() { ZDDevice::resetKind(); }
+    void sectionsAreNumberedInTheirFixedOrder_data();
+    void sectionsAreNumberedInTheirFixedOrder();
+    void rowHeightsAndTheLogoHeader();
+    void publishFollowsTheSignInStateAndReachesTheDelegate();
+    void signInDialogAppearsWhileSignedOutAndReturnSignsIn();
+    void failedSignInShowsItsAlertThenAFreshDialog();
+    void cancellingTheDialogOrSigningOutCancelsTheForm();
+    void qualityRowsFollowTheEnableFlagAndCarryOneCheckmark();
+    void accessRowsCarryOneCheckmarkStartingWithTheFirst();
+    void unloadingTheViewKeepsTheQualityAndResetsTheAccessRow();
+    void delegateMayDestroyTheFormInsideItsMessages();
+    void abstractOperationsStopTheProgram();
+    void screenshotsOfPhoneAndTablet();
+};
+
+void tst_PublishForm::sectionsAreNumberedInTheirFixedOrder_data()
+{
+    QTest::addColumn<bool>("hd");
+    QTest::addColumn<bool>("categories");
+    QTest::addColumn<bool>("access");
+    QTest::addColumn<ZDSectionIndices>("expected");
+    QTest::newRow("all") << true << true << true << ZDSectionIndices{0, 1, 2, 3, 4, 5};
+    QTest::newRow("no access") << true << true << false << ZDSectionIndices{0, 1, 2, 3, -1, 4};
+    QTest::newRow("no categories") << true << false << true << ZDSectionIndices{0, 1, 2, -1, 3, 4};
+    QTest::newRow("hd only") << true << false << false << ZDSectionIndices{0, 1, 2, -1, -1, 3};
+    QTest::newRow("no hd") << false << true << true << ZDSectionIndices{0, -1, 1, 2, 3, 4};
+    QTest::newRow("categories only")
+        << false << true << false << ZDSectionIndices{0, -1, 1, 2, -1, 3};
+    QTest::newRow("access only") << false << false << true << ZDSectionIndices{0, -1, 1, -1, 2, 3};
+    QTest::newRow("none") << false << false << false << ZDSectionIndices{0, -1, 1, -1, -1, 2};
+}
+
+void tst_PublishForm::sectionsAreNumberedInTheirFixedOrder()
+{
+    QFETCH(bool, hd);
+    QFETCH(bool, categories);
+    QFETCH(bool, access);
+    QFETCH(ZDSectionIndices, expected);
+    TestAuthenticator auth;
+    Sheet sheet(&auth, {true, categories, access ? std::optional(3) : std::nullopt, hd});
+    sheet.form->view();
+    QCOMPARE(sheet.form->sectionIndices(), expected);
+    QCOMPARE(sheet.table()->numberOfSections(), int(expected.account + 1));
+    QCOMPARE(sheet.table()->numberOfRowsInSection(0), 2);
+    QCOMPARE(sheet.table()->numberOfRowsInSection(int(expected.tags)), 1); // one blank tag row
+    QCOMPARE(sheet.table()->numberOfRowsInSection(int(expected.account)), 1);
+    if (hd)
+        QCOMPARE(sheet.table()->numberOfRowsInSection(int(expected.hd)), 2);
+    if (access)
+        QCOMPARE(sheet.table()->numberOfRowsInSection(int(expected.access)), 3);
+    QCOMPARE(sheet.table()->footerTitleForSection(int(expected.account)),
+             u"By publishing you accept the terms."_s);
+    // Set after the view was built, the quality flag moves nothing.
+    sheet.form->setShowHDSection(!hd);
+    sheet.table()->reloadData();
+    QCOMPARE(sheet.form->sectionIndices(), expected);
+}
+
+void tst_PublishForm::rowHeightsAndTheLogoHeader()
+{
+    TestAuthenticator auth;
+    Sheet sheet(&auth);
+    sheet.show();
+    ZDTableView *table = sheet.table();
+    const ZDSectionIndices s = sheet.form->sectionIndices();
+    QCOMPARE(table->rectForRowAtIndexPath({0, 0}).height(), 40);
+    QCOMPARE(table->rectForRowAtIndexPath({0, 1}).height(), 120);
+    QCOMPARE(sheet.form->descriptionHeight(), 120.0);
+    QCOMPARE(table->rectForRowAtIndexPath({int(s.hd), 1}).height(), 40);
+    QCOMPARE(table->rectForRowAtIndexPath({int(s.access), 0}).height(), 52);
+    QCOMPARE(table->rectForRowAtIndexPath({int(s.account), 0}).height(), 40);
+
+    const int width = table->viewport()->width();
+    QWidget *header = table->headerViewForSection(0);
+    QCOMPARE(header->geometry(), QRect(0, 0, width, 40 + 30));
+    auto *logo = header->findChild<QLabel *>();
+    QVERIFY(logo);
+    QCOMPARE(logo->geometry(), QRect(int((width - 120) * 0.5), 15, 120, 40));
+    QCOMPARE(table->headerViewForSection(1), nullptr);
+
+    TestAuthenticator other;
+    Sheet plain(&other, {false, false, std::nullopt, false});
+    plain.show();
+    QWidget *bare = plain.table()->headerViewForSection(0);
+    QCOMPARE(bare->height(), 30);
+    QCOMPARE(bare->findChild<QLabel *>()->geometry(),
+             QRect(plain.table()->viewport()->width() / 2, 15, 0, 0));
+}
+
+void tst_PublishForm::publishFollowsTheSignInStateAndReachesTheDelegate()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    QVERIFY(sheet.publishButton()->isEnabled());
+    QCOMPARE(sheet.form->accountCell()->textLabel()->text(),
+             L("ACCOUNT_NAME_FORMAT").arg(u"Ann"_s));
+
+    auth.setState(7); // any state but 2 is signed out, whatever the account says
+    QVERIFY(!sheet.publishButton()->isEnabled());
+    QCOMPARE(sheet.form->accountCell()->textLabel()->text(), L("ACCOUNT_BLANK"));
+    QVERIFY(!sheet.form->accountCell()->isUserInteractionEnabled());
+    QTest::mouseClick(sheet.publishButton(), Qt::LeftButton);
+    QVERIFY(sheet.delegate.events.isEmpty());
+
+    auth.setState(ZDAuthenticatorStateSignedIn);
+    sheet.form->allowPublish = false;
+    QTest::mouseClick(sheet.publishButton(), Qt::LeftButton);
+    QVERIFY(sheet.delegate.events.isEmpty());
+    sheet.form->allowPublish = true;
+    QTest::mouseClick(sheet.publishButton(), Qt::LeftButton);
+    QTest::mouseClick(sheet.navigation->leftButton(), Qt::LeftButton);
+    QCOMPARE(sheet.delegate.events, (QStringList{u"published"_s, u"cancelled"_s}));
+
+    sheet.form->setDelegate(nullptr); // a missing delegate swallows both
+    QTest::mouseClick(sheet.publishButton(), Qt::LeftButton);
+    QTest::mouseClick(sheet.navigation->leftButton(), Qt::LeftButton);
+    QCOMPARE(sheet.delegate.events.size(), 2);
+}
+
+void tst_PublishForm::signInDialogAppearsWhileSignedOutAndReturnSignsIn()
+{
+    TestAuthenticator auth;
+    Sheet sheet(&auth);
+    sheet.show();
+    QCOMPARE(auth.loads, 1); // stored credentials are tried first
+    QTRY_VERIFY(visibleAlert(sheet.form->authenticationAlert()));
+    ZDAlertView *dialog = sheet.form->authenticationAlert();
+    QTest::keyClicks(dialog->textFieldAtIndex(0), u"ann"_s);
+    QTest::keyClicks(dialog->textFieldAtIndex(1), u"secret"_s);
+    QTest::keyClick(dialog->textFieldAtIndex(1), Qt::Key_Return);
+    QCOMPARE(auth.attempts, QStringList{u"ann/secret"_s});
+    QVERIFY(sheet.publishButton()->isEnabled());
+    QCOMPARE(sheet.form->authenticationAlert(), nullptr);
+
+    // Stored credentials that sign in silently: no dialog.
+    TestAuthenticator stored;
+    stored.storedSignIn = true;
+    Sheet silent(&stored);
+    silent.show();
+    QTest::qWait(50);
+    QCOMPARE(stored.dialogs, 0);
+    QVERIFY(silent.publishButton()->isEnabled());
+}
+
+void tst_PublishForm::failedSignInShowsItsAlertThenAFreshDialog()
+{
+    TestAuthenticator auth;
+    Sheet sheet(&auth);
+    sheet.show();
+    QTRY_VERIFY(visibleAlert(sheet.form->authenticationAlert()));
+    ZDAlertView *dialog = sheet.form->authenticationAlert();
+    QTest::keyClicks(dialog->textFieldAtIndex(0), u"ann"_s);
+    QTest::keyClicks(dialog->textFieldAtIndex(1), u"wrong"_s);
+    QTest::mouseClick(dialog->buttonAtIndex(dialog->firstOtherButtonIndex()), Qt::LeftButton);
+    QCOMPARE(auth.attempts, QStringList{u"ann/wrong"_s});
+    ZDAlertView *failed = visibleAlert(sheet.form->authenticationFailedAlert());
+    QVERIFY(failed);
+    QCOMPARE(failed->title(), L("AUTHENTICATION_FAILED_TITLE"));
+    QCOMPARE(failed->numberOfButtons(), 1);
+    QCOMPARE(failed->buttonTitleAtIndex(0), L("OK_BUTTON"));
+    QVERIFY(!sheet.publishButton()->isEnabled());
+    QTest::qWait(250); // let the alert fade in
+    sheet.save(u"form-phone-signin-failed.png"_s);
+    QTest::mouseClick(failed->buttonAtIndex(0), Qt::LeftButton);
+    QCOMPARE(sheet.form->authenticationFailedAlert(), nullptr);
+    QCOMPARE(auth.dialogs, 2);
+    QVERIFY(visibleAlert(sheet.form->authenticationAlert()));
+    QVERIFY(sheet.delegate.events.isEmpty());
+}
+
+void tst_PublishForm::cancellingTheDialogOrSigningOutCancelsTheForm()
+{
+    TestAuthenticator auth;
+    {
+        Sheet sheet(&auth);
+        sheet.show();
+        QTRY_VERIFY(visibleAlert(sheet.form->authenticationAlert()));
+        ZDAlertView *dialog = sheet.form->authenticationAlert();
+        QTest::mouseClick(dialog->buttonAtIndex(dialog->cancelButtonIndex()), Qt::LeftButton);
+        QCOMPARE(sheet.delegate.events, QStringList{u"cancelled"_s});
+        QVERIFY(auth.attempts.isEmpty());
+    }
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    const int account = int(sheet.form->sectionIndices().account);
+    sheet.tap({account, 0});
+    QPointer<ZDAlertView> alert = sheet.form->shownAccountAlert();
+    QVERIFY(visibleAlert(alert));
+    QTest::mouseClick(alert->buttonAtIndex(alert->cancelButtonIndex()), Qt::LeftButton);
+    QVERIFY(sheet.delegate.events.isEmpty());
+    QCOMPARE(auth.authenticatorState(), ZDAuthenticatorStateSignedIn);
+    sheet.tap({account, 0});
+    alert = sheet.form->shownAccountAlert();
+    QTest::mouseClick(alert->buttonAtIndex(alert->firstOtherButtonIndex()), Qt::LeftButton);
+    QCOMPARE(auth.authenticatorState(), ZDAuthenticatorStateSignedOut);
+    QCOMPARE(sheet.delegate.events, QStringList{u"cancelled"_s});
+    QCOMPARE(sheet.form->shownAccountAlert(), nullptr);
+}
+
+void tst_PublishForm::qualityRowsFollowTheEnableFlagAndCarryOneCheckmark()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    const int hd = int(sheet.form->sectionIndices().hd);
+    EditableTextCell *sd = sheet.form->optionCell(0);
+    EditableTextCell *hdCell = sheet.form->optionCell(1);
+    QCOMPARE(hdCell->sizeLabel()->text(), u"REQUIRES_WIFI"_s);
+    QCOMPARE(hdCell->mainLabel()->text(), L("HD"));
+    QCOMPARE(hdCell->textColor(), QColor::fromRgbF(0.7f, 0.7f, 0.7f, 1.0f));
+    QVERIFY(!hdCell->isUserInteractionEnabled());
+    QCOMPARE(sd->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"12.0 MB"_s));
+    QCOMPARE(sd->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+    sheet.tap({hd, 1});
+    QCOMPARE(sheet.form->selectedOption(), 0);
+
+    sheet.form->setEnableHDSection(true);
+    sheet.table()->reloadData();
+    QCOMPARE(hdCell->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"48.0 MB"_s));
+    sheet.tap({hd, 1});
+    QCOMPARE(sheet.form->selectedOption(), 1);
+    QCOMPARE(hdCell->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+    QCOMPARE(sd->accessoryType(), ZDTableViewCell::Accessory::None);
+    QCOMPARE(sd->textColor(), QColor(Qt::black));
+    sheet.tap({hd, 1}); // the chosen row again: still chosen, only deselected
+    QCOMPARE(sheet.form->selectedOption(), 1);
+    QCOMPARE(hdCell->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+    QTRY_VERIFY(!hdCell->isHighlighted());
+}
+
+void tst_PublishForm::accessRowsCarryOneCheckmarkStartingWithTheFirst()
+{
+    TestAuthenticator auth;
+    Sheet sheet(&auth, {true, true, 3, true});
+    sheet.show();
+    const int access = int(sheet.form->sectionIndices().access);
+    QCOMPARE(sheet.form->accessRow(), quintptr(0));
+    QCOMPARE(sheet.form->accessCell(0)->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+    sheet.tap({access, 2});
+    QCOMPARE(sheet.form->accessRow(), quintptr(2));
+    int marked = 0;
+    for (size_t i = 0; i < 3; ++i)
+        marked +=
+            sheet.form->accessCell(i)->accessoryType() == ZDTableViewCell::Accessory::Checkmark;
+    QCOMPARE(marked, 1);
+    QCOMPARE(sheet.form->accessCell(2)->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+
+    TestAuthenticator other;
+    Sheet empty(&other, {true, true, 0, true});
+    empty.show();
+    QCOMPARE(empty.table()->numberOfRowsInSection(int(empty.form->sectionIndices().access)), 0);
+    QCOMPARE(empty.form->accessRow(), quintptr(0));
+}
+
+void tst_PublishForm::unloadingTheViewKeepsTheQualityAndResetsTheAccessRow()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth, {true, true, 3, true});
+    sheet.form->setEnableHDSection(true);
+    sheet.table()->reloadData(); // the rows read the flag when the table asks for them
+    sheet.show();
+    const ZDSectionIndices s = sheet.form->sectionIndices();
+    sheet.tap({int(s.hd), 1});
+    QCOMPARE(sheet.form->selectedOption(), 1);
+    sheet.tap({int(s.access), 1});
+    QCOMPARE(sheet.form->accessRow(), quintptr(1));
+    QTest::keyClicks(sheet.form->titleCell()->editor(), u"Lost"_s);
+    sheet.window->hide();
+    sheet.form->didReceiveMemoryWarning();
+    QVERIFY(!sheet.form->isViewLoaded());
+    QCOMPARE(sheet.form->videoTitle(), QString());
+    sheet.window->show(); // builds the form's view again
+    QVERIFY(QTest::qWaitForWindowExposed(sheet.window));
+    QCOMPARE(sheet.form->selectedOption(), 1);
+    QCOMPARE(sheet.form->optionCell(1)->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+    QCOMPARE(sheet.form->accessRow(), quintptr(0));
+    QCOMPARE(sheet.form->accessCell(0)->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+}
+
+void tst_PublishForm::delegateMayDestroyTheFormInsideItsMessages()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    for (const bool publish : {true, false}) {
+        auto sheet = std::make_unique<Sheet>(&auth);
+        sheet->show();
+        QPointer<QPushButton> button =
+            publish ? sheet->publishButton() : sheet->navigation->leftButton();
+        sheet->delegate.destroyOnMessage = [&sheet] {
+            // What a host does: drop the sheet, form and all, right away.
+            sheet->navigation.reset();
+            sheet->form.reset();
+        };
+        QTest::mouseClick(button, Qt::LeftButton);
+        QVERIFY(!sheet->form);
+        sheet.reset();
+    }
+}
+
+void tst_PublishForm::abstractOperationsStopTheProgram()
+{
+    if (inDeathChild()) {
+        ZDPublishViewController base;
+        base.authenticator();
+        return;
+    }
+    const DeathOutcome outcome = runDeathChild("abstractOperationsStopTheProgram");
+    QVERIFY(outcome.aborted);
+    QVERIFY2(outcome.stderrText.contains("ZDPublishViewController::authenticator") &&
+                 outcome.stderrText.contains("(0)"),
+             outcome.stderrText.constData());
+}
+
+void tst_PublishForm::screenshotsOfPhoneAndTablet()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    {
+        Sheet phone(&auth);
+        phone.form->setEnableHDSection(true);
+        phone.table()->reloadData();
+        phone.show();
+        QTest::keyClicks(phone.form->titleCell()->editor(), u"Summer at the sea"_s);
+        phone.save(u"form-phone-signed-in.png"_s);
+    }
+    ZDDevice::setKind(ZDDeviceKind::Tablet);
+    {
+        Sheet tablet(&auth, {}, QSize(540, 620));
+        tablet.show();
+        tablet.save(u"form-tablet-signed-in.png"_s);
+    }
+    ZDDevice::setKind(ZDDeviceKind::Phone);
+    TestAuthenticator signedOut;
+    Sheet phone(&signedOut);
+    phone.show();
+    QTRY_VERIFY(visibleAlert(phone.form->authenticationAlert()));
+    QTest::qWait(250);
+    phone.save(u"form-phone-signed-out.png"_s);
+}
+
+QTEST_MAIN(tst_PublishForm)
+#include "tst_publishform.moc"

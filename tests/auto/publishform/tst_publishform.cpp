@@ -1,6 +1,7 @@
 #include "TestSupport.h"
 
 #include "auth/ZDAuthenticator.h"
+#include "core/ZDNotificationCenter.h"
 #include "host/EditableTextCell.h"
 #include "publish/ZDFooterContainerView.h"
 #include "publish/ZDPublishViewController.h"
@@ -239,6 +240,8 @@ private Q_SLOTS:
     void accessRowsCarryOneCheckmarkStartingWithTheFirst();
     void unloadingTheViewKeepsTheQualityAndResetsTheAccessRow();
     void delegateMayDestroyTheFormInsideItsMessages();
+    void alertsOutliveTheirFormAndObserversGoWithIt();
+    void termsButtonOpensTheServiceTerms();
     void abstractOperationsStopTheProgram();
     void screenshotsOfPhoneAndTablet();
 };
@@ -532,6 +535,51 @@ void tst_PublishForm::delegateMayDestroyTheFormInsideItsMessages()
     }
 }
 
+void tst_PublishForm::alertsOutliveTheirFormAndObserversGoWithIt()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    auto sheet = std::make_unique<Sheet>(&auth);
+    sheet->show();
+    const int observers = ZDNotificationCenter::defaultCenter().observerCount();
+    sheet->tap({int(sheet->form->sectionIndices().account), 0});
+    QPointer<ZDAlertView> alert = sheet->form->shownAccountAlert();
+    QVERIFY(visibleAlert(alert));
+    alert->setParent(nullptr); // keep it while its window goes
+    sheet.reset();
+    QCOMPARE(ZDNotificationCenter::defaultCenter().observerCount(), observers - 2);
+    // Signing out through an alert whose form is gone reaches nobody.
+    alert->dismissWithClickedButtonIndex(alert->firstOtherButtonIndex(), false);
+    QCOMPARE(auth.authenticatorState(), ZDAuthenticatorStateSignedIn);
+    QTRY_VERIFY(!alert);
+    // The authenticator goes on announcing to nobody.
+    auth.invalidateAuthentication();
+    auth.authenticateWithUsernamePassword(u"ann"_s, u"wrong"_s);
+}
+
+void tst_PublishForm::termsButtonOpensTheServiceTerms()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    QList<QUrl> opened;
+    ZDDevice::setURLOpener([&](const QUrl &url) {
+        opened << url;
+        return true;
+    });
+    auto *footer = qobject_cast<ZDFooterContainerView *>(sheet.table()->tableFooterView());
+    QVERIFY(footer);
+    QCOMPARE(footer->termsButton()->text(), L("TERMS_OF_USE"));
+    QCOMPARE(footer->height(), footer->termsButton()->height() + 10);
+    QCOMPARE(footer->termsButton()->x(), (footer->width() - footer->termsButton()->width()) / 2);
+    sheet.table()->scrollToRowAtIndexPath({int(sheet.form->sectionIndices().account), 0},
+                                          ZDTableView::ScrollPosition::Top, false);
+    QTest::mouseClick(footer->termsButton(), Qt::LeftButton);
+    QCOMPARE(opened, QList<QUrl>{QUrl(u"https://video.example/terms"_s)});
+    ZDDevice::setURLOpener({});
+}
+
 void tst_PublishForm::abstractOperationsStopTheProgram()
 {
     if (inDeathChild()) {
@@ -563,6 +611,14 @@ void tst_PublishForm::screenshotsOfPhoneAndTablet()
         Sheet tablet(&auth, {}, QSize(540, 620));
         tablet.show();
         tablet.save(u"form-tablet-signed-in.png"_s);
+    }
+    {
+        TestAuthenticator signedOut;
+        Sheet tablet(&signedOut, {}, QSize(540, 620));
+        tablet.show();
+        QTRY_VERIFY(visibleAlert(tablet.form->authenticationAlert()));
+        QTest::qWait(250);
+        tablet.save(u"form-tablet-signed-out.png"_s);
     }
     ZDDevice::setKind(ZDDeviceKind::Phone);
     TestAuthenticator signedOut;

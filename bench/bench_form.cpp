@@ -37,7 +37,8 @@ public:
     QUrl termsOfUseURL() override { return QUrl(QStringLiteral("https://video.example/terms")); }
     std::optional<QList<ZDCategory>> categories() override
     {
-        return QList<ZDCategory>{ZDCategory::categoryWithDisplayNameValue(QStringLiteral("Travel"), 1)};
+        return QList<ZDCategory>{
+            ZDCategory::categoryWithDisplayNameValue(QStringLiteral("Travel"), 1)};
     }
     std::optional<ZDCellList> accessCells() override
     {
@@ -60,8 +61,8 @@ double median(std::vector<double> values)
 void click(QWidget *target, const QPoint &at)
 {
     const QPointF global = target->mapToGlobal(QPointF(at));
-    QMouseEvent press(QEvent::MouseButtonPress, QPointF(at), global, Qt::LeftButton,
-                      Qt::LeftButton, Qt::NoModifier);
+    QMouseEvent press(QEvent::MouseButtonPress, QPointF(at), global, Qt::LeftButton, Qt::LeftButton,
+                      Qt::NoModifier);
     QMouseEvent release(QEvent::MouseButtonRelease, QPointF(at), global, Qt::LeftButton,
                         Qt::NoButton, Qt::NoModifier);
     QApplication::sendEvent(target, &press);

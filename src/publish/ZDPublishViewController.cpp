@@ -7,6 +7,7 @@
 #include "publish/ZDFooterContainerView.h"
 #include "resources/ZDLocalizedString.h"
 #include "toolkit/ZDDevice.h"
+#include "toolkit/ZDKeyboard.h"
 
 #include <QApplication>
 #include <QLabel>
@@ -27,7 +28,6 @@ constexpr qreal kInitialDescriptionHeight = 120.0;
 constexpr qreal kLogoMargin = 15.0;
 // The room the picker takes on a tablet, and the keyboard's on a phone.
 constexpr qreal kTabletPickerHeight = 216.0;
-constexpr qreal kPhoneKeyboardHeight = 216.0;
 constexpr qreal kFooterPadding = 10.0;
 
 QColor blueText()
@@ -66,6 +66,11 @@ private:
 
 ZDPublishViewController::ZDPublishViewController(QObject *parent) : ZDViewController(parent)
 {
+    auto &center = ZDNotificationCenter::defaultCenter();
+    center.addObserver(this, ZDKeyboardDidShowNotification, nullptr,
+                       [this](const ZDNotification &note) { _automaticKeyboardDidShow(note); });
+    center.addObserver(this, ZDKeyboardDidHideNotification, nullptr,
+                       [this](const ZDNotification &note) { _automaticKeyboardDidHide(note); });
     navigationItem()->setTitle(L("PUBLISH_VIDEO"));
     auto publish = std::make_unique<ZDBarButtonItem>(L("PUBLISH"), ZDBarButtonItem::Style::Done,
                                                      [this] { _publish(); });
@@ -579,7 +584,7 @@ void ZDPublishViewController::_shrinkView()
     if (m_viewShrunk || !m_tableView)
         return;
     m_tableView->setContentInsetBottom(ZDDevice::isTablet() ? kTabletPickerHeight
-                                                            : kPhoneKeyboardHeight);
+                                                            : float(ZDKeyboardDefaultHeight));
     // Only the first tag row is looked at.
     if (!m_tagCells.empty() && m_tagCells.front()->isFirstResponder()) {
         if (const auto indexPath = m_tableView->indexPathForCell(m_tagCells.front().get()))
@@ -608,6 +613,25 @@ void ZDPublishViewController::_footerFrameDidChangeWithSplitKeyboard(bool)
     m_footerContainer->setFrameBypassDelegate(QRect(frame.x(), frame.y(), frame.width(), height),
                                               true);
     m_tableView->setTableFooterView(m_footerContainer.get());
+}
+
+void ZDPublishViewController::_automaticKeyboardDidShow(const ZDNotification &)
+{
+    if (ZDDevice::isTablet())
+        _footerFrameDidChangeWithSplitKeyboard(false);
+    else
+        _shrinkView();
+}
+
+void ZDPublishViewController::_automaticKeyboardDidHide(const ZDNotification &notification)
+{
+    if (ZDDevice::isTablet()) {
+        // The split flag is read under a key that no notification sets, so it is
+        // always false: the footer is sized as for a whole keyboard.
+        _footerFrameDidChangeWithSplitKeyboard(notification.userInfo.value(QString()).toBool());
+    } else if (!m_showingPicker) {
+        _unshrinkView(); // the picker still needs the room while it is up
+    }
 }
 
 void ZDPublishViewController::resignResponder()

@@ -178,6 +178,8 @@ protected:
     void _shrinkView();
     void _unshrinkView();
     void _footerFrameDidChangeWithSplitKeyboard(bool splitKeyboard);
+    void _automaticKeyboardDidShow(const ZDNotification &notification);
+    void _automaticKeyboardDidHide(const ZDNotification &notification);
     void _termsButtonPressed();
 
     // The form's fields; a service subclass may read them.

@@ -22,8 +22,12 @@ void ZDBarButtonItem::setEnabled(bool enabled)
 
 void ZDBarButtonItem::trigger()
 {
-    if (m_enabled && m_action)
-        m_action();
+    if (!m_enabled || !m_action)
+        return;
+    // The action may destroy this item (a form closed from its own button):
+    // run a copy that outlives it.
+    const std::function<void()> action = m_action;
+    action();
 }
 
 void ZDNavigationItem::setTitle(const QString &title)

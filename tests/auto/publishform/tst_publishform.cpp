@@ -7,8 +7,10 @@
 #include "publish/ZDPublishViewController.h"
 #include "resources/ZDLocalizedString.h"
 #include "toolkit/ZDDevice.h"
+#include "toolkit/ZDKeyboard.h"
 #include "toolkit/ZDNavigationController.h"
 
+#include <QApplication>
 #include <QDir>
 #include <QLabel>
 #include <QLineEdit>
@@ -240,6 +242,8 @@ private Q_SLOTS:
     void accessRowsCarryOneCheckmarkStartingWithTheFirst();
     void unloadingTheViewKeepsTheQualityAndResetsTheAccessRow();
     void delegateMayDestroyTheFormInsideItsMessages();
+    void categoryRowMakesRoomUntilAnotherRowOrADragHidesThePicker();
+    void keyboardOnAPhoneMakesRoomUnlessThePickerHoldsIt();
     void alertsOutliveTheirFormAndObserversGoWithIt();
     void termsButtonOpensTheServiceTerms();
     void abstractOperationsStopTheProgram();
@@ -345,6 +349,14 @@ void tst_PublishForm::publishFollowsTheSignInStateAndReachesTheDelegate()
     QTest::mouseClick(sheet.publishButton(), Qt::LeftButton);
     QTest::mouseClick(sheet.navigation->leftButton(), Qt::LeftButton);
     QCOMPARE(sheet.delegate.events, (QStringList{u"published"_s, u"cancelled"_s}));
+
+    sheet.form->showAlertWithTitleMessage(u"Title missing"_s, u"Please add a title."_s);
+    auto *alert = sheet.window->findChild<ZDAlertView *>();
+    QVERIFY(alert && alert->isVisibleAlert());
+    QCOMPARE(alert->title(), u"Title missing"_s);
+    QCOMPARE(alert->numberOfButtons(), 1);
+    QCOMPARE(alert->buttonTitleAtIndex(0), L("OK"));
+    QTest::mouseClick(alert->buttonAtIndex(0), Qt::LeftButton);
 
     sheet.form->setDelegate(nullptr); // a missing delegate swallows both
     QTest::mouseClick(sheet.publishButton(), Qt::LeftButton);
@@ -535,6 +547,54 @@ void tst_PublishForm::delegateMayDestroyTheFormInsideItsMessages()
     }
 }
 
+void tst_PublishForm::categoryRowMakesRoomUntilAnotherRowOrADragHidesThePicker()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
+    sheet.tap(category);
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
+    QCOMPARE(sheet.table()->indexPathForSelectedRow(), category);
+    sheet.tap(category); // again: stays up and selected
+    QCOMPARE(sheet.table()->indexPathForSelectedRow(), category);
+    sheet.tap({0, 0}); // the title row takes the focus and hides the picker
+    QTRY_VERIFY(sheet.form->titleCell()->isFirstResponder());
+    QCOMPARE(sheet.table()->contentInsetBottom(), 0.0);
+    QTRY_VERIFY(!sheet.table()->cellForRowAtIndexPath(category)->isHighlighted());
+
+    sheet.tap(category);
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
+    QWidget *content = sheet.table()->contentWidget();
+    const QPoint start = sheet.table()->rectForRowAtIndexPath({0, 0}).center();
+    QTest::mousePress(content, Qt::LeftButton, {}, start);
+    QMouseEvent move(QEvent::MouseMove, start + QPoint(0, 40),
+                     content->mapToGlobal(start + QPoint(0, 40)), Qt::NoButton, Qt::LeftButton,
+                     Qt::NoModifier);
+    QApplication::sendEvent(content, &move);
+    QTest::mouseRelease(content, Qt::LeftButton, {}, start + QPoint(0, 40));
+    QCOMPARE(sheet.table()->contentInsetBottom(), 0.0);
+}
+
+void tst_PublishForm::keyboardOnAPhoneMakesRoomUnlessThePickerHoldsIt()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    auto &center = ZDNotificationCenter::defaultCenter();
+    center.postNotification(ZDKeyboardDidShowNotification, nullptr);
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
+    center.postNotification(ZDKeyboardDidShowNotification, nullptr); // applied once
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
+    center.postNotification(ZDKeyboardDidHideNotification, nullptr);
+    QCOMPARE(sheet.table()->contentInsetBottom(), 0.0);
+    sheet.tap({int(sheet.form->sectionIndices().category), 0});
+    center.postNotification(ZDKeyboardDidHideNotification, nullptr);
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0); // kept for the picker
+}
+
 void tst_PublishForm::alertsOutliveTheirFormAndObserversGoWithIt()
 {
     TestAuthenticator auth;
@@ -547,7 +607,7 @@ void tst_PublishForm::alertsOutliveTheirFormAndObserversGoWithIt()
     QVERIFY(visibleAlert(alert));
     alert->setParent(nullptr); // keep it while its window goes
     sheet.reset();
-    QCOMPARE(ZDNotificationCenter::defaultCenter().observerCount(), observers - 2);
+    QCOMPARE(ZDNotificationCenter::defaultCenter().observerCount(), observers - 4);
     // Signing out through an alert whose form is gone reaches nobody.
     alert->dismissWithClickedButtonIndex(alert->firstOtherButtonIndex(), false);
     QCOMPARE(auth.authenticatorState(), ZDAuthenticatorStateSignedIn);

@@ -88,6 +88,14 @@ struct Window
         table = new ZDTableView(&widget);
         table->setGeometry(widget.rect());
     }
+    // A shown table whose source and delegate are `rows`.
+    explicit Window(Rows &rows, QSize size = QSize(320, 480)) : Window(size)
+    {
+        table->setDataSource(&rows);
+        table->setDelegate(&rows);
+        table->reloadData();
+        show();
+    }
     void show()
     {
         widget.show();
@@ -213,11 +221,7 @@ void tst_Toolkit::navigationBarFollowsItsItemAndRunsAppearanceHooks()
 void tst_Toolkit::groupedTableLaysOutSectionsRowsHeadersAndFooters()
 {
     Rows rows({2, 3, 0});
-    Window window;
-    window.table->setDataSource(&rows);
-    window.table->setDelegate(&rows);
-    window.table->reloadData();
-    window.show();
+    Window window(rows);
 
     QCOMPARE(window.table->numberOfSections(), 3);
     QCOMPARE(window.table->numberOfRowsInSection(1), 3);
@@ -249,11 +253,7 @@ void tst_Toolkit::groupedTableLaysOutSectionsRowsHeadersAndFooters()
 void tst_Toolkit::tappingARowSelectsItAndTellsTheDelegate()
 {
     Rows rows({2, 3});
-    Window window;
-    window.table->setDataSource(&rows);
-    window.table->setDelegate(&rows);
-    window.table->reloadData();
-    window.show();
+    Window window(rows);
     window.click({1, 2});
     QCOMPARE(rows.selected, QList<ZDIndexPath>{(ZDIndexPath{1, 2})});
     QCOMPARE(window.table->indexPathForSelectedRow(), (ZDIndexPath{1, 2}));
@@ -269,11 +269,7 @@ void tst_Toolkit::rowsThatTakeNoTouchesAreNotSelected()
 {
     Rows rows({2});
     rows.cells[0][1]->setUserInteractionEnabled(false);
-    Window window;
-    window.table->setDataSource(&rows);
-    window.table->setDelegate(&rows);
-    window.table->reloadData();
-    window.show();
+    Window window(rows);
     window.click({0, 1});
     QVERIFY(rows.selected.isEmpty());
     QVERIFY(!rows.cells[0][1]->isHighlighted());
@@ -282,11 +278,7 @@ void tst_Toolkit::rowsThatTakeNoTouchesAreNotSelected()
 void tst_Toolkit::programmaticSelectionAndAnimatedDeselection()
 {
     Rows rows({3});
-    Window window;
-    window.table->setDataSource(&rows);
-    window.table->setDelegate(&rows);
-    window.table->reloadData();
-    window.show();
+    Window window(rows);
     window.table->selectRowAtIndexPath({0, 1}, false, ZDTableView::ScrollPosition::None);
     QVERIFY(rows.selected.isEmpty());
     QVERIFY(rows.cells[0][1]->isHighlighted());
@@ -306,11 +298,7 @@ void tst_Toolkit::programmaticSelectionAndAnimatedDeselection()
 void tst_Toolkit::insertingAndDeletingRowsKeepsIndexPathsRight()
 {
     Rows rows({2, 1});
-    Window window;
-    window.table->setDataSource(&rows);
-    window.table->setDelegate(&rows);
-    window.table->reloadData();
-    window.show();
+    Window window(rows);
     window.table->selectRowAtIndexPath({0, 1}, false, ZDTableView::ScrollPosition::None);
 
     rows.cells[0].insert(rows.cells[0].begin(), Rows::makeCell(9, 9));
@@ -337,11 +325,7 @@ void tst_Toolkit::insertingAndDeletingRowsKeepsIndexPathsRight()
 void tst_Toolkit::heightsChangeThroughEmptyUpdates()
 {
     Rows rows({2});
-    Window window;
-    window.table->setDataSource(&rows);
-    window.table->setDelegate(&rows);
-    window.table->reloadData();
-    window.show();
+    Window window(rows);
     rows.tallRow = 200;
     window.table->beginUpdates();
     window.table->endUpdates();
@@ -352,11 +336,7 @@ void tst_Toolkit::heightsChangeThroughEmptyUpdates()
 void tst_Toolkit::scrollingToAMiddleRowAndTheBottomInset()
 {
     Rows rows({30});
-    Window window(QSize(320, 300));
-    window.table->setDataSource(&rows);
-    window.table->setDelegate(&rows);
-    window.table->reloadData();
-    window.show();
+    Window window(rows, QSize(320, 300));
     const int before = window.table->contentWidget()->height();
     window.table->setContentInsetBottom(216);
     QCOMPARE(window.table->contentWidget()->height(), before + 216);
@@ -371,11 +351,7 @@ void tst_Toolkit::scrollingToAMiddleRowAndTheBottomInset()
 void tst_Toolkit::draggingTheTableIsReported()
 {
     Rows rows({30});
-    Window window(QSize(320, 300));
-    window.table->setDataSource(&rows);
-    window.table->setDelegate(&rows);
-    window.table->reloadData();
-    window.show();
+    Window window(rows, QSize(320, 300));
     QWidget *content = window.table->contentWidget();
     const QPoint start = window.centerOf({0, 5});
     QTest::mousePress(content, Qt::LeftButton, {}, start);

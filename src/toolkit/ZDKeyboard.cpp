@@ -1,0 +1,4 @@
+#include "toolkit/ZDKeyboard.h"
+
+const QString ZDKeyboardDidShowNotification = QStringLiteral("ZDKeyboardDidShowNotification");
+const QString ZDKeyboardDidHideNotification = QStringLiteral("ZDKeyboardDidHideNotification");

@@ -13,7 +13,11 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QTimer>
 #include <QVBoxLayout>
+
+#include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -559,6 +563,88 @@ void ZDPublishViewController::_addNewTagCell()
     cell->setPlaceholder(m_tagCells.empty() ? L("TAGS") : L("NEW_TAG"));
     cell->setDelegate(this);
     m_tagCells.push_back(std::move(cell));
+}
+
+qint32 ZDPublishViewController::_indexOfBlankTagCellOtherThan(const EditableTagCell *other) const
+{
+    // From the end: among several blank rows the last one wins.
+    for (qint32 i = qint32(m_tagCells.size()) - 1; i >= 0; --i) {
+        const EditableTagCell *cell = m_tagCells[size_t(i)].get();
+        if (cell != other && cell->textValue().isEmpty())
+            return i;
+    }
+    return -1;
+}
+
+void ZDPublishViewController::textCellTextChanged(EditableTextCell *cell, const QString &text)
+{
+    const auto tag = std::find_if(m_tagCells.begin(), m_tagCells.end(),
+                                  [cell](const auto &tagCell) { return tagCell.get() == cell; });
+    const int tags = int(m_sectionIndices.tags);
+    if (tag != m_tagCells.end()) {
+        const qint32 blank = _indexOfBlankTagCellOtherThan(tag->get());
+        if (!text.isEmpty() && blank == -1) {
+            _addNewTagCell();
+            m_tableView->beginUpdates();
+            m_tableView->insertRowsAtIndexPaths({{tags, int(m_tagCells.size()) - 1}},
+                                                ZDTableView::RowAnimation::Top);
+            m_tableView->endUpdates();
+        } else if (text.isEmpty() && blank >= 0) {
+            // The emptied row stays; the other blank row goes. Its widget lives
+            // until the row has slid away.
+            EditableTagCell *leaving = m_tagCells[size_t(blank)].release();
+            m_tagCells.erase(m_tagCells.begin() + blank);
+            m_tableView->beginUpdates();
+            m_tableView->deleteRowsAtIndexPaths({{tags, blank}},
+                                                blank == 0 ? ZDTableView::RowAnimation::Bottom
+                                                           : ZDTableView::RowAnimation::Top);
+            m_tableView->endUpdates();
+            leaving->setDelegate(nullptr);
+            QTimer::singleShot(int(ZDDevice::kRowAnimationDuration * 1000) + 100, leaving,
+                               [leaving] { delete leaving; });
+        }
+        return;
+    }
+    if (cell != m_descriptionCell.get())
+        return;
+    // Heights are kept in single precision; a change within 5 points leaves the
+    // row alone, so the table is not laid out on every keystroke.
+    const float height = float(cell->contentSize().height()) + 20.0f;
+    const float target =
+        height < float(kInitialDescriptionHeight) ? float(kInitialDescriptionHeight) : height;
+    if (std::fabs(float(m_descriptionHeight) - target) > 5.0f) {
+        m_descriptionHeight = target;
+        cell->setKeepsFocus(true);
+        m_tableView->beginUpdates();
+        m_tableView->endUpdates();
+        cell->setKeepsFocus(false);
+    }
+}
+
+void ZDPublishViewController::textCellDidBeginEditing(EditableTextCell *cell)
+{
+    if (!m_tableView)
+        return;
+    if (const auto indexPath = m_tableView->indexPathForCell(cell))
+        m_tableView->selectRowAtIndexPath(*indexPath, true, ZDTableView::ScrollPosition::Middle);
+    if (ZDDevice::isTablet())
+        _unshrinkView();
+}
+
+void ZDPublishViewController::textCellReturnPressed(EditableTextCell *cell)
+{
+    if (cell == m_titleCell.get())
+        m_descriptionCell->becomeFirstResponder();
+}
+
+void ZDPublishViewController::tagCellEndOfTagCharacterPressed(EditableTagCell *)
+{
+    const qint32 blankCellIndex = _indexOfBlankTagCellOtherThan(nullptr);
+    ZD_ASSERT(blankCellIndex >= 0, "ZDPublishViewController::tagCellEndOfTagCharacterPressed");
+    m_tagCells[size_t(blankCellIndex)]->becomeFirstResponder();
+    if (const auto indexPath =
+            m_tableView->indexPathForCell(m_tagCells[size_t(blankCellIndex)].get()))
+        m_tableView->scrollToRowAtIndexPath(*indexPath, ZDTableView::ScrollPosition::Middle, true);
 }
 
 void ZDPublishViewController::_showPicker()

@@ -146,6 +146,17 @@ public:
 
     void alertViewWillDismissWithButtonIndex(ZDAlertView *alertView, int buttonIndex) override;
 
+    // --- editing: the cells' callbacks --------------------------------------------
+    // Typing into a tag row adds a blank row when no other exists; emptying one
+    // takes away another blank row; the description row grows with its text.
+    void textCellTextChanged(EditableTextCell *cell, const QString &text) override;
+    // Selects the edited row and scrolls it to the middle.
+    void textCellDidBeginEditing(EditableTextCell *cell) override;
+    // Return in the title moves to the description.
+    void textCellReturnPressed(EditableTextCell *cell) override;
+    // The end-of-tag character moves to the blank tag row.
+    void tagCellEndOfTagCharacterPressed(EditableTagCell *cell) override;
+
     void viewWillAppear(bool animated) override;
     void viewDidAppear(bool animated) override;
 
@@ -173,6 +184,7 @@ protected:
     void _authenticatorFailed(const ZDNotification &notification);
     void _showAuthenticationDialog();
     void _addNewTagCell();
+    qint32 _indexOfBlankTagCellOtherThan(const EditableTagCell *other) const;
     void _showPicker();
     void _hidePicker();
     void _shrinkView();

@@ -24,8 +24,9 @@ int groupMargin()
     return ZDDevice::isTablet() ? zdstyle::kGroupMarginTablet : zdstyle::kGroupMarginPhone;
 }
 
+// Animates `widget` to `to`; `done` runs at the end unless `context` is gone.
 void animateGeometry(QWidget *widget, const QRect &from, const QRect &to,
-                     std::function<void()> done = {})
+                     const QObject *context = nullptr, std::function<void()> done = {})
 {
     if (auto *running = widget->findChild<QPropertyAnimation *>(
             QLatin1StringView(kRowAnimationName), Qt::FindDirectChildrenOnly)) {
@@ -38,8 +39,8 @@ void animateGeometry(QWidget *widget, const QRect &from, const QRect &to,
     animation->setStartValue(from);
     animation->setEndValue(to);
     animation->setEasingCurve(QEasingCurve::InOutQuad);
-    if (done)
-        QObject::connect(animation, &QPropertyAnimation::finished, widget, std::move(done));
+    if (done && context)
+        QObject::connect(animation, &QPropertyAnimation::finished, context, std::move(done));
     animation->start(QAbstractAnimation::DeleteWhenStopped);
 }
 
@@ -334,7 +335,7 @@ void ZDTableView::layoutContent(bool animated)
         QPointer<ZDTableViewCell> cell = leaving.cell;
         if (animated && leaving.animation != RowAnimation::None) {
             cell->lower();
-            animateGeometry(cell, from, from.translated(0, shift), [this, cell] {
+            animateGeometry(cell, from, from.translated(0, shift), this, [this, cell] {
                 if (cell && !indexPathForCell(cell))
                     release(cell);
                 m_leaving.removeAll(cell);

@@ -393,9 +393,11 @@ void tst_Interop::jsonAgreesWithPythonOnGeneratedDocuments()
         "for item in json.load(sys.stdin):\n"
         "    flagged = False\n"
         "    try:\n"
-        "        value = json.loads(base64.b64decode(item).decode('utf-8'), parse_constant=refuse,\n"
+        "        value = json.loads(base64.b64decode(item).decode('utf-8'), "
+        "parse_constant=refuse,\n"
         "                           parse_int=lambda s: note(int(s)),\n"
-        "                           parse_float=lambda s: note(float(s)), object_pairs_hook=pairs)\n"
+        "                           parse_float=lambda s: note(float(s)), "
+        "object_pairs_hook=pairs)\n"
         "    except Exception:\n"
         "        print('invalid')\n"
         "        continue\n"
@@ -419,8 +421,7 @@ void tst_Interop::jsonAgreesWithPythonOnGeneratedDocuments()
             continue;
         }
         QVERIFY2(weAccept == pythonAccepts,
-                 QByteArray(documents[i].toPercentEncoding(" {}[]\":,.-+") +
-                            " python: " + verdict)
+                 QByteArray(documents[i].toPercentEncoding(" {}[]\":,.-+") + " python: " + verdict)
                      .constData());
         if (!weAccept)
             continue;

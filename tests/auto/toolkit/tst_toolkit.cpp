@@ -158,6 +158,7 @@ private Q_SLOTS:
     void rowsThatTakeNoTouchesAreNotSelected();
     void programmaticSelectionAndAnimatedDeselection();
     void insertingAndDeletingRowsKeepsIndexPathsRight();
+    void tableMayGoWhileRowsStillSlide();
     void heightsChangeThroughEmptyUpdates();
     void scrollingToAMiddleRowAndTheBottomInset();
     void draggingTheTableIsReported();
@@ -320,6 +321,26 @@ void tst_Toolkit::insertingAndDeletingRowsKeepsIndexPathsRight()
     QCOMPARE(window.table->indexPathForSelectedRow(), (ZDIndexPath{0, 1}));
     QTRY_VERIFY(!leaving->isVisible());
     QCOMPARE(leaving->parent(), nullptr);
+}
+
+void tst_Toolkit::tableMayGoWhileRowsStillSlide()
+{
+    Rows rows({3});
+    auto kept = std::move(rows.cells[0][1]);
+    rows.cells[0].erase(rows.cells[0].begin() + 1);
+    {
+        Window window;
+        window.table->setDataSource(&rows);
+        window.table->setDelegate(&rows);
+        rows.cells[0].insert(rows.cells[0].begin() + 1, std::move(kept));
+        window.table->reloadData();
+        window.show();
+        kept = std::move(rows.cells[0][1]);
+        rows.cells[0].erase(rows.cells[0].begin() + 1);
+        window.table->deleteRowsAtIndexPaths({{0, 1}}, ZDTableView::RowAnimation::Top);
+    } // the table goes at once, its row still sliding
+    QTest::qWait(int(ZDDevice::kRowAnimationDuration * 1000) + 100);
+    QCOMPARE(kept->parent(), nullptr);
 }
 
 void tst_Toolkit::heightsChangeThroughEmptyUpdates()

@@ -1,0 +1,206 @@
+#include "FormFixtures.h"
+#include "TestSupport.h"
+
+#include "toolkit/ZDDevice.h"
+
+#include <QLineEdit>
+#include <QTest>
+
+namespace {
+
+// Empties a tag row the way a user does: select everything, delete it.
+void emptyRow(EditableTagCell *cell)
+{
+    cell->becomeFirstResponder();
+    QTest::keyClick(cell->editor(), Qt::Key_A, Qt::ControlModifier);
+    QTest::keyClick(cell->editor(), Qt::Key_Backspace);
+}
+
+QStringList rows(TestForm *form)
+{
+    QStringList texts;
+    for (size_t i = 0; i < form->tagCount(); ++i)
+        texts << form->tagCell(i)->textValue();
+    return texts;
+}
+
+} // namespace
+
+class tst_FormEditing : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init() { ZDDevice::setKind(ZDDeviceKind::Phone); }
+    void cleanup() { ZDDevice::resetKind(); }
+    void typingIntoTheBlankTagRowAddsOneBlankRowBelow();
+    void emptyingATagRowTakesAwayAnotherBlankRow();
+    void tagsKeepRowOrderRepeatsAndInnerBlanks();
+    void returnInTheTitleMovesToTheDescription();
+    void endOfTagCharacterJumpsToTheBlankRow();
+    void descriptionRowGrowsPastItsDeadBand();
+    void beginningToEditSelectsTheRowWithoutTheSelectionHandling();
+    void noBlankTagRowIsAFault();
+};
+
+void tst_FormEditing::typingIntoTheBlankTagRowAddsOneBlankRowBelow()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    const int tags = int(sheet.form->sectionIndices().tags);
+    QCOMPARE(sheet.form->tagCell(0)->placeholder(), L("TAGS"));
+    sheet.form->tagCell(0)->becomeFirstResponder();
+    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"s"_s);
+    QCOMPARE(sheet.form->tagCount(), size_t(2));
+    QCOMPARE(sheet.table()->numberOfRowsInSection(tags), 2);
+    QCOMPARE(sheet.form->tagCell(1)->placeholder(), L("NEW_TAG"));
+    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"ea"_s);
+    QCOMPARE(sheet.form->tagCount(), size_t(2));
+    // Typing into row 0 while the last row is blank adds nothing either.
+    emptyRow(sheet.form->tagCell(0));
+    QCOMPARE(sheet.form->tagCount(), size_t(1)); // the other blank row went
+    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"x"_s);
+    QCOMPARE(rows(sheet.form.get()), (QStringList{u"x"_s, QString()}));
+}
+
+void tst_FormEditing::emptyingATagRowTakesAwayAnotherBlankRow()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    const int tags = int(sheet.form->sectionIndices().tags);
+    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"a"_s);
+    sheet.form->tagCell(1)->becomeFirstResponder();
+    QTest::keyClicks(sheet.form->tagCell(1)->editor(), u"b"_s);
+    QCOMPARE(rows(sheet.form.get()), (QStringList{u"a"_s, u"b"_s, QString()}));
+    EditableTagCell *holdingB = sheet.form->tagCell(1);
+    EditableTagCell *emptied = sheet.form->tagCell(0);
+    emptyRow(emptied);
+    // The last blank row went; the emptied row stays.
+    QCOMPARE(rows(sheet.form.get()), (QStringList{QString(), u"b"_s}));
+    QCOMPARE(sheet.form->tagCell(0), emptied);
+    QCOMPARE(sheet.table()->numberOfRowsInSection(tags), 2);
+    QCOMPARE(sheet.table()->cellForRowAtIndexPath({tags, 1}), holdingB);
+
+    // Now the first row is the other blank one: it slides away from the bottom.
+    emptyRow(holdingB);
+    QCOMPARE(sheet.form->tagCount(), size_t(1));
+    QCOMPARE(sheet.form->tagCell(0), holdingB);
+    QCOMPARE(holdingB->placeholder(), L("NEW_TAG"));
+    QCOMPARE(sheet.table()->numberOfRowsInSection(tags), 1);
+    QTest::qWait(500); // the removed row's widget goes after its animation
+}
+
+void tst_FormEditing::tagsKeepRowOrderRepeatsAndInnerBlanks()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    const QStringList typed{u" x "_s, u"x"_s, u"x"_s};
+    for (size_t i = 0; i < size_t(typed.size()); ++i) {
+        sheet.form->tagCell(i)->becomeFirstResponder();
+        QTest::keyClicks(sheet.form->tagCell(i)->editor(), typed[qsizetype(i)]);
+    }
+    QCOMPARE(sheet.form->videoTags(), typed);
+    QCOMPARE(sheet.form->tagCount(), size_t(4));
+}
+
+void tst_FormEditing::returnInTheTitleMovesToTheDescription()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    sheet.form->titleCell()->becomeFirstResponder();
+    QTest::keyClicks(sheet.form->titleCell()->editor(), u"Trip"_s);
+    QTest::keyClick(sheet.form->titleCell()->editor(), Qt::Key_Return);
+    QTRY_VERIFY(sheet.form->descriptionCell()->isFirstResponder());
+    QCOMPARE(sheet.form->videoTitle(), u"Trip"_s);
+    // Return in a tag row does nothing here.
+    sheet.form->tagCell(0)->becomeFirstResponder();
+    QTest::keyClick(sheet.form->tagCell(0)->editor(), Qt::Key_Return);
+    QVERIFY(sheet.form->tagCell(0)->isFirstResponder());
+}
+
+void tst_FormEditing::endOfTagCharacterJumpsToTheBlankRow()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    sheet.form->tagCell(0)->becomeFirstResponder();
+    // The only blank row is this one: the focus stays.
+    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u","_s);
+    QVERIFY(sheet.form->tagCell(0)->isFirstResponder());
+    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"sea,"_s);
+    QTRY_VERIFY(sheet.form->tagCell(1)->isFirstResponder());
+    QTest::keyClicks(sheet.form->tagCell(1)->editor(), u"sun"_s);
+    QCOMPARE(sheet.form->videoTags(), (QStringList{u"sea"_s, u"sun"_s}));
+}
+
+void tst_FormEditing::descriptionRowGrowsPastItsDeadBand()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    EditableTextCell *description = sheet.form->descriptionCell();
+    description->becomeFirstResponder();
+    qreal previous = sheet.form->descriptionHeight();
+    bool grew = false;
+    for (int line = 0; line < 12; ++line) {
+        QTest::keyClicks(description->editor(), u"A line of the description"_s);
+        QTest::keyClick(description->editor(), Qt::Key_Return);
+        const float target = std::max(120.0f, float(description->contentSize().height()) + 20.0f);
+        const qreal now = sheet.form->descriptionHeight();
+        // Either the row follows its text, or the change stayed within 5 points.
+        QVERIFY2(qFuzzyCompare(float(now), target) || std::fabs(float(now) - target) <= 5.0f,
+                 qPrintable(u"height %1, target %2"_s.arg(now).arg(target)));
+        QVERIFY(now >= 120.0);
+        grew |= now > previous;
+        previous = now;
+        QCOMPARE(qreal(sheet.table()->rectForRowAtIndexPath({0, 1}).height()), qreal(qRound(now)));
+    }
+    QVERIFY(grew);
+    QVERIFY(description->isFirstResponder()); // the row kept the focus while it grew
+}
+
+void tst_FormEditing::beginningToEditSelectsTheRowWithoutTheSelectionHandling()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
+    sheet.tap(category); // the picker's room is made
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
+    sheet.form->tagCell(0)->becomeFirstResponder();
+    QTRY_COMPARE(sheet.table()->indexPathForSelectedRow(),
+                 (ZDIndexPath{int(sheet.form->sectionIndices().tags), 0}));
+    // Beginning to edit does not hide the picker (no selection handling ran).
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
+}
+
+void tst_FormEditing::noBlankTagRowIsAFault()
+{
+    if (inDeathChild()) {
+        TestAuthenticator auth;
+        auto form = ZDPublishViewController::create<TestForm>(&auth, FormOptions{});
+        form->view();
+        form->tagCell(0)->setTextValue(u"full"_s); // no callback: no blank row left
+        form->tagCellEndOfTagCharacterPressed(form->tagCell(0));
+        return;
+    }
+    const DeathOutcome outcome = runDeathChild("noBlankTagRowIsAFault");
+    QVERIFY(outcome.aborted);
+    QVERIFY2(outcome.stderrText.contains("blankCellIndex >= 0") &&
+                 outcome.stderrText.contains("tagCellEndOfTagCharacterPressed"),
+             outcome.stderrText.constData());
+}
+
+QTEST_MAIN(tst_FormEditing)
+#include "tst_formediting.moc"

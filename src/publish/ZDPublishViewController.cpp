@@ -12,6 +12,7 @@
 #include <QApplication>
 #include <QLabel>
 #include <QLineEdit>
+#include <QPropertyAnimation>
 #include <QPushButton>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -101,6 +102,7 @@ void ZDPublishViewController::_finishConstruction()
 ZDPublishViewController::~ZDPublishViewController()
 {
     ZDNotificationCenter::defaultCenter().removeObserver(this);
+    delete m_pickerContainer; // the picker goes with it
     // The cells go before the view (deleted by the base) that shows them; the
     // table lets go of them as they go.
 }
@@ -154,6 +156,8 @@ QWidget *ZDPublishViewController::loadView()
     _finishConstruction(); // for a form made without create()
     QWidget *view = ZDViewController::loadView();
     m_descriptionHeight = kInitialDescriptionHeight;
+    if (m_pickerContainer) // a wheel made before an unload waits below the edge
+        m_pickerContainer->setParent(view);
 
     m_tableView = new ZDTableView(view);
     auto *layout = new QVBoxLayout(view);
@@ -209,6 +213,16 @@ QWidget *ZDPublishViewController::loadView()
     if (m_accessCells && !m_accessCells->empty())
         tableViewDidSelectRowAtIndexPath(m_tableView, {int(m_sectionIndices.access), 0});
     return view;
+}
+
+void ZDPublishViewController::didReceiveMemoryWarning()
+{
+    // The wheel outlives an unloaded view: take it out before the view goes.
+    if (isViewLoaded() && !view()->isVisible() && m_pickerContainer) {
+        m_pickerContainer->hide();
+        m_pickerContainer->setParent(nullptr);
+    }
+    ZDViewController::didReceiveMemoryWarning();
 }
 
 void ZDPublishViewController::viewDidUnload()
@@ -271,8 +285,9 @@ std::optional<ZDCategory> ZDPublishViewController::videoCategory()
     const std::optional<QList<ZDCategory>> all = categories();
     if (!all)
         return std::nullopt;
-    const int row = 0; // the wheel's selected row, once the wheel exists
-    return row < all->size() ? std::optional(all->at(row)) : std::nullopt;
+    // Before the wheel is made its selected row reads as 0.
+    const int row = m_picker ? m_picker->selectedRowInComponent(0) : 0;
+    return row >= 0 && row < all->size() ? std::optional(all->at(row)) : std::nullopt;
 }
 
 // --- publishing and cancelling ------------------------------------------------------
@@ -647,12 +662,52 @@ void ZDPublishViewController::tagCellEndOfTagCharacterPressed(EditableTagCell *)
         m_tableView->scrollToRowAtIndexPath(*indexPath, ZDTableView::ScrollPosition::Middle, true);
 }
 
+namespace {
+
+void slide(QWidget *widget, const QRect &to)
+{
+    auto *animation = new QPropertyAnimation(widget, "geometry", widget);
+    animation->setDuration(int(ZDDevice::kNavigationTransitionDuration * 1000));
+    animation->setStartValue(widget->geometry());
+    animation->setEndValue(to);
+    animation->setEasingCurve(QEasingCurve::InOutQuad);
+    animation->start(QAbstractAnimation::DeleteWhenStopped);
+}
+
+} // namespace
+
 void ZDPublishViewController::_showPicker()
 {
+    QWidget *form = view();
+    const QSize bounds = form->size();
+    // Where the keyboard would stand: the keyboard's size on a phone, 216 points
+    // high across the view on a tablet.
+    const QSize size = ZDDevice::isTablet() ? QSize(bounds.width(), int(kTabletPickerHeight))
+                                            : ZDKeyboard::defaultSize(bounds.width()).toSize();
+    const QRect resting(0, bounds.height() - size.height(), size.width(), size.height());
+    if (!m_picker) {
+        m_pickerContainer = new QWidget(form);
+        m_pickerContainer->setAutoFillBackground(true);
+        QPalette palette = m_pickerContainer->palette();
+        palette.setColor(QPalette::Window, Qt::white);
+        m_pickerContainer->setPalette(palette);
+        m_pickerContainer->setGeometry(resting);
+        m_picker = new ZDPickerView(m_pickerContainer);
+        m_picker->setGeometry(0, 0, size.width(), size.height());
+        m_picker->setDelegate(this);
+        m_picker->setShowsSelectionIndicator(true);
+        m_pickerContainer->show();
+    }
+    m_pickerContainer->raise();
     if (m_showingPicker)
         return;
+    m_pickerContainer->setGeometry(resting.translated(0, size.height()));
+    m_picker->resize(size.width(), size.height()); // follows the container's width only
     _shrinkView();
     m_showingPicker = true;
+    slide(m_pickerContainer, resting);
+    m_tableView->scrollToRowAtIndexPath({int(m_sectionIndices.category), 0},
+                                        ZDTableView::ScrollPosition::Middle, true);
 }
 
 void ZDPublishViewController::_hidePicker()
@@ -661,16 +716,60 @@ void ZDPublishViewController::_hidePicker()
         return;
     if (m_tableView)
         m_tableView->deselectRowAtIndexPath({int(m_sectionIndices.category), 0}, true);
+    if (m_pickerContainer) {
+        const QRect from = m_pickerContainer->geometry();
+        slide(m_pickerContainer, from.translated(0, from.height()));
+    }
     m_showingPicker = false;
     _unshrinkView();
+}
+
+int ZDPublishViewController::numberOfComponentsInPickerView(ZDPickerView *)
+{
+    return 1;
+}
+
+int ZDPublishViewController::pickerViewNumberOfRowsInComponent(ZDPickerView *, int)
+{
+    const std::optional<QList<ZDCategory>> all = categories();
+    return all ? int(all->size()) : 0;
+}
+
+qreal ZDPublishViewController::pickerViewRowHeightForComponent(ZDPickerView *, int)
+{
+    return kRowHeight;
+}
+
+std::optional<QString> ZDPublishViewController::pickerViewTitleForRowForComponent(ZDPickerView *,
+                                                                                  int row, int)
+{
+    const std::optional<QList<ZDCategory>> all = categories();
+    if (!all || row < 0 || row >= all->size())
+        return std::nullopt;
+    return all->at(row).displayName();
+}
+
+void ZDPublishViewController::pickerViewDidSelectRowInComponent(ZDPickerView *picker, int row, int)
+{
+    const std::optional<QList<ZDCategory>> all = categories();
+    if (row < 0 && !all) {
+        m_categoryCell->setCategoryString(QStringLiteral(" "));
+        return;
+    }
+    // The wheel is asked for its row; the argument is not used.
+    const int selected = picker->selectedRowInComponent(0);
+    const QString name = all && selected >= 0 && selected < all->size()
+                             ? all->at(selected).displayName()
+                             : QString();
+    m_categoryCell->setCategoryString(name.isEmpty() ? QStringLiteral(" ") : name);
 }
 
 void ZDPublishViewController::_shrinkView()
 {
     if (m_viewShrunk || !m_tableView)
         return;
-    m_tableView->setContentInsetBottom(ZDDevice::isTablet() ? kTabletPickerHeight
-                                                            : float(ZDKeyboardDefaultHeight));
+    m_tableView->setContentInsetBottom(
+        ZDDevice::isTablet() ? kTabletPickerHeight : float(ZDKeyboard::defaultSize(0).height()));
     // Only the first tag row is looked at.
     if (!m_tagCells.empty() && m_tagCells.front()->isFirstResponder()) {
         if (const auto indexPath = m_tableView->indexPathForCell(m_tagCells.front().get()))

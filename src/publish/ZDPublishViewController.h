@@ -5,6 +5,7 @@
 #include "host/EditableTextCell.h"
 #include "publish/ZDCategory.h"
 #include "toolkit/ZDAlertView.h"
+#include "toolkit/ZDPickerView.h"
 #include "toolkit/ZDTableView.h"
 #include "toolkit/ZDViewController.h"
 
@@ -67,6 +68,7 @@ class ZD_EXPORT ZDPublishViewController : public ZDViewController,
                                           public ZDTableViewDataSource,
                                           public ZDTableViewDelegate,
                                           public ZDAlertViewDelegate,
+                                          public ZDPickerViewDelegate,
                                           public EditableTextCellDelegate
 {
     Q_OBJECT
@@ -146,6 +148,15 @@ public:
 
     void alertViewWillDismissWithButtonIndex(ZDAlertView *alertView, int buttonIndex) override;
 
+    // --- the category wheel -----------------------------------------------------------
+    int numberOfComponentsInPickerView(ZDPickerView *pickerView) override;
+    int pickerViewNumberOfRowsInComponent(ZDPickerView *pickerView, int component) override;
+    qreal pickerViewRowHeightForComponent(ZDPickerView *pickerView, int component) override;
+    std::optional<QString> pickerViewTitleForRowForComponent(ZDPickerView *pickerView, int row,
+                                                             int component) override;
+    void pickerViewDidSelectRowInComponent(ZDPickerView *pickerView, int row,
+                                           int component) override;
+
     // --- editing: the cells' callbacks --------------------------------------------
     // Typing into a tag row adds a blank row when no other exists; emptying one
     // takes away another blank row; the description row grows with its text.
@@ -166,6 +177,9 @@ public:
     ZDAlertView *authenticationAlert() const { return m_authenticationAlert; }
     ZDAlertView *shownAccountAlert() const { return m_accountAlert; }
     ZDAlertView *authenticationFailedAlert() const { return m_authenticationFailedAlert; }
+    ZDPickerView *picker() const { return m_picker; }
+    QWidget *pickerContainer() const { return m_pickerContainer; }
+    bool isShowingPicker() const { return m_showingPicker; }
 
     void _finishConstruction();
 
@@ -173,6 +187,10 @@ protected:
     QWidget *loadView() override;
     void viewDidUnload() override;
 
+public:
+    void didReceiveMemoryWarning() override;
+
+protected:
     void _publish();
     void _cancel();
     bool _isAuthenticated();
@@ -196,8 +214,8 @@ protected:
 
     // The form's fields; a service subclass may read them.
     QPointer<ZDTableView> m_tableView;
-    QPointer<QWidget> m_picker;
-    QPointer<QWidget> m_pickerContainer;
+    QPointer<ZDPickerView> m_picker;
+    QPointer<QWidget> m_pickerContainer; // kept across view unloads
     bool m_viewShrunk = false;
     bool m_showingPicker = false;
     std::unique_ptr<QLabel> m_headerImageView;

@@ -2,6 +2,7 @@
 
 #include "core/zdglobal.h"
 
+#include <QSizeF>
 #include <QString>
 
 // Posted on ZDNotificationCenter::defaultCenter() when the on-screen keyboard
@@ -9,5 +10,8 @@
 ZD_EXPORT extern const QString ZDKeyboardDidShowNotification;
 ZD_EXPORT extern const QString ZDKeyboardDidHideNotification;
 
-// The height of the on-screen keyboard in portrait on a phone, in points.
-constexpr double ZDKeyboardDefaultHeight = 216.0;
+struct ZD_EXPORT ZDKeyboard
+{
+    // The on-screen keyboard's size in portrait across a view `width` points wide.
+    static QSizeF defaultSize(int width) { return QSizeF(width, 216.0); }
+};

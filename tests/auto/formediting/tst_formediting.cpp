@@ -3,6 +3,8 @@
 
 #include "toolkit/ZDDevice.h"
 
+#include <QApplication>
+#include <QLabel>
 #include <QLineEdit>
 #include <QTest>
 
@@ -41,6 +43,9 @@ private Q_SLOTS:
     void descriptionRowGrowsPastItsDeadBand();
     void beginningToEditSelectsTheRowWithoutTheSelectionHandling();
     void noBlankTagRowIsAFault();
+    void pickerSlidesUpWhereTheKeyboardWouldStand();
+    void turningTheWheelNamesTheCategory();
+    void pickerSlidesAwayForAnotherRowOrADrag();
 };
 
 void tst_FormEditing::typingIntoTheBlankTagRowAddsOneBlankRowBelow()
@@ -200,6 +205,105 @@ void tst_FormEditing::noBlankTagRowIsAFault()
     QVERIFY2(outcome.stderrText.contains("blankCellIndex >= 0") &&
                  outcome.stderrText.contains("tagCellEndOfTagCharacterPressed"),
              outcome.stderrText.constData());
+}
+
+void tst_FormEditing::pickerSlidesUpWhereTheKeyboardWouldStand()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    QCOMPARE(sheet.form->picker(), nullptr);
+    // Before the wheel exists the first category is the answer, yet the row is blank.
+    QCOMPARE(sheet.form->videoCategory()->displayName(), u"Travel"_s);
+    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
+    sheet.tap(category);
+    QVERIFY(sheet.form->picker());
+    QVERIFY(sheet.form->isShowingPicker());
+    const QSize view = sheet.form->view()->size();
+    const QRect resting(0, view.height() - 216, view.width(), 216);
+    QTRY_COMPARE(sheet.form->pickerContainer()->geometry(), resting);
+    QCOMPARE(sheet.table()->cellForRowAtIndexPath(category)->textLabel()->text(), L("CATEGORY"));
+    QCOMPARE(sheet.form->picker()->selectedRowInComponent(0), 0);
+    QCOMPARE(sheet.form->picker()->numberOfRowsInComponent(0), 2);
+
+    // A second tap neither moves the wheel nor scrolls.
+    const int offset = sheet.table()->contentOffset();
+    QTest::mouseClick(sheet.table()->contentWidget(), Qt::LeftButton, {},
+                      sheet.table()->rectForRowAtIndexPath(category).center());
+    QCOMPARE(sheet.form->pickerContainer()->geometry(), resting);
+    QCOMPARE(sheet.table()->contentOffset(), offset);
+    QCOMPARE(sheet.table()->indexPathForSelectedRow(), category);
+    sheet.save(u"form-phone-picker.png"_s);
+
+    // On a tablet the wheel is 216 points high across the view.
+    ZDDevice::setKind(ZDDeviceKind::Tablet);
+    Sheet tablet(&auth, {}, QSize(540, 620));
+    tablet.show();
+    tablet.tap({int(tablet.form->sectionIndices().category), 0});
+    const QSize tabletView = tablet.form->view()->size();
+    QTRY_COMPARE(tablet.form->pickerContainer()->geometry(),
+                 QRect(0, tabletView.height() - 216, tabletView.width(), 216));
+}
+
+void tst_FormEditing::turningTheWheelNamesTheCategory()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
+    sheet.tap(category);
+    QTRY_VERIFY(sheet.form->pickerContainer()->geometry().bottom() ==
+                sheet.form->view()->height() - 1);
+    ZDPickerView *wheel = sheet.form->picker();
+    // Tap the row below the middle: it comes to the middle and is chosen.
+    QTest::mouseClick(wheel, Qt::LeftButton, {},
+                      QPoint(wheel->width() / 2, wheel->height() / 2 + 40));
+    QCOMPARE(wheel->selectedRowInComponent(0), 1);
+    auto *cell = static_cast<ZDCategoryCell *>(sheet.table()->cellForRowAtIndexPath(category));
+    QCOMPARE(cell->detailTextLabel()->text(), u"Music"_s);
+    QCOMPARE(sheet.form->videoCategory()->value(), QVariant(10));
+    // Dragging the wheel back up chooses the first again.
+    const QPoint middle(wheel->width() / 2, wheel->height() / 2);
+    QTest::mousePress(wheel, Qt::LeftButton, {}, middle);
+    QMouseEvent move(QEvent::MouseMove, middle + QPoint(0, 45),
+                     wheel->mapToGlobal(middle + QPoint(0, 45)), Qt::NoButton, Qt::LeftButton,
+                     Qt::NoModifier);
+    QApplication::sendEvent(wheel, &move);
+    QTest::mouseRelease(wheel, Qt::LeftButton, {}, middle + QPoint(0, 45));
+    QCOMPARE(wheel->selectedRowInComponent(0), 0);
+    QCOMPARE(cell->detailTextLabel()->text(), u"Travel"_s);
+}
+
+void tst_FormEditing::pickerSlidesAwayForAnotherRowOrADrag()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
+    sheet.tap(category);
+    sheet.tap({0, 0});
+    QVERIFY(!sheet.form->isShowingPicker());
+    QTRY_COMPARE(sheet.form->pickerContainer()->y(), sheet.form->view()->height());
+    QTRY_VERIFY(sheet.form->titleCell()->isFirstResponder());
+
+    sheet.tap(category);
+    QVERIFY(sheet.form->isShowingPicker());
+    QWidget *content = sheet.table()->contentWidget();
+    const QPoint start = sheet.table()->rectForRowAtIndexPath({0, 0}).center();
+    QTest::mousePress(content, Qt::LeftButton, {}, start);
+    QMouseEvent move(QEvent::MouseMove, start + QPoint(0, 30),
+                     content->mapToGlobal(start + QPoint(0, 30)), Qt::NoButton, Qt::LeftButton,
+                     Qt::NoModifier);
+    QApplication::sendEvent(content, &move);
+    QTest::mouseRelease(content, Qt::LeftButton, {}, start + QPoint(0, 30));
+    QVERIFY(!sheet.form->isShowingPicker());
+    QTRY_COMPARE(sheet.form->pickerContainer()->y(), sheet.form->view()->height());
+
+    // The form may go while the wheel still slides.
+    sheet.tap(category);
 }
 
 QTEST_MAIN(tst_FormEditing)

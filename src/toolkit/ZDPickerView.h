@@ -1,0 +1,83 @@
+#pragma once
+
+#include "core/ZDWeakTarget.h"
+#include "core/zdglobal.h"
+
+#include <QList>
+#include <QWidget>
+
+#include <optional>
+
+class QVariantAnimation;
+class ZDPickerView;
+
+// Answers what a picker wheel shows and hears what the user picks.
+class ZD_EXPORT ZDPickerViewDelegate : public virtual ZDWeakTarget
+{
+public:
+    virtual int numberOfComponentsInPickerView(ZDPickerView *pickerView) = 0;
+    virtual int pickerViewNumberOfRowsInComponent(ZDPickerView *pickerView, int component) = 0;
+    virtual qreal pickerViewRowHeightForComponent(ZDPickerView *pickerView, int component);
+    // The title of a row; none leaves the row blank.
+    virtual std::optional<QString> pickerViewTitleForRowForComponent(ZDPickerView *pickerView,
+                                                                     int row, int component);
+    // The user brought `row` under the selection indicator.
+    virtual void pickerViewDidSelectRowInComponent(ZDPickerView *pickerView, int row,
+                                                   int component);
+};
+
+// A wheel of rows in one or more components: the user drags a component (or
+// turns the mouse wheel, or taps a row above or below the middle) and the row
+// that settles under the selection indicator is selected.
+//
+// Callback contract: pickerViewDidSelectRowInComponent() arrives once each time
+// a user gesture settles on a row, never for selectRowInComponent().
+class ZD_EXPORT ZDPickerView : public QWidget
+{
+    Q_OBJECT
+
+public:
+    explicit ZDPickerView(QWidget *parent = nullptr);
+    ~ZDPickerView() override;
+
+    // Not owned.
+    void setDelegate(ZDPickerViewDelegate *delegate);
+    void reloadAllComponents();
+
+    bool showsSelectionIndicator() const { return m_showsIndicator; }
+    void setShowsSelectionIndicator(bool shows);
+
+    int numberOfComponents() const { return int(m_components.size()); }
+    int numberOfRowsInComponent(int component) const;
+    // 0 for a wheel never turned; -1 for a component without rows.
+    int selectedRowInComponent(int component) const;
+    void selectRowInComponent(int row, int component, bool animated);
+
+protected:
+    void paintEvent(QPaintEvent *event) override;
+    void mousePressEvent(QMouseEvent *event) override;
+    void mouseMoveEvent(QMouseEvent *event) override;
+    void mouseReleaseEvent(QMouseEvent *event) override;
+    void wheelEvent(QWheelEvent *event) override;
+
+private:
+    struct Component
+    {
+        int rows = 0;
+        qreal rowHeight = 40;
+        int selected = 0;
+        qreal offset = 0; // scroll position in points; row r is centred at r * rowHeight
+    };
+    int componentAt(const QPoint &point) const;
+    QRect componentRect(int component) const;
+    void settle(int component, int row, bool notify);
+
+    ZDWeakRef<ZDPickerViewDelegate> m_delegate;
+    QList<Component> m_components;
+    bool m_showsIndicator = false;
+    int m_dragComponent = -1;
+    qreal m_dragStartY = 0;
+    qreal m_dragStartOffset = 0;
+    bool m_dragMoved = false;
+    QVariantAnimation *m_settle = nullptr;
+};

@@ -24,6 +24,7 @@ void ZDFooterContainerView::setFrameBypassDelegate(const QRect &frame, bool bypa
 {
     const bool changed = frame != geometry();
     setGeometry(frame);
+    layoutButton(); // a hidden view gets its resize event only when shown
     if (changed && !bypass) {
         if (ZDFooterContainerViewDelegate *delegate = m_delegate.get())
             delegate->_footerContainerFrameDidChangeWithSplitKeyboard(false);
@@ -33,6 +34,11 @@ void ZDFooterContainerView::setFrameBypassDelegate(const QRect &frame, bool bypa
 void ZDFooterContainerView::resizeEvent(QResizeEvent *event)
 {
     QWidget::resizeEvent(event);
+    layoutButton();
+}
+
+void ZDFooterContainerView::layoutButton()
+{
     if (m_termsButton) {
         const float x = std::floor(float(width() - m_termsButton->width()) * 0.5f);
         m_termsButton->move(int(x), m_termsButton->y());

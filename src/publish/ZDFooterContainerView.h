@@ -34,6 +34,9 @@ protected:
     void resizeEvent(QResizeEvent *event) override;
 
 private:
+    // Centres the button across the footer.
+    void layoutButton();
+
     QPointer<QPushButton> m_termsButton;
     ZDWeakRef<ZDFooterContainerViewDelegate> m_delegate;
 };

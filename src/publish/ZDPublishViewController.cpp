@@ -788,13 +788,24 @@ void ZDPublishViewController::_unshrinkView()
     m_viewShrunk = false;
 }
 
-void ZDPublishViewController::_footerFrameDidChangeWithSplitKeyboard(bool)
+void ZDPublishViewController::_footerFrameDidChangeWithSplitKeyboard(bool splitKeyboard)
 {
     if (!m_footerContainer || !m_tableView)
         return;
     const QRect frame = m_footerContainer->geometry();
     const QPushButton *button = m_footerContainer->termsButton();
-    const int height = int((button ? button->height() : 0) + kFooterPadding);
+    int height = int((button ? button->height() : 0) + kFooterPadding);
+    // On a tablet the footer grows by the depth the keyboard's top edge reaches
+    // into the view, so every row can still be scrolled above the keyboard.
+    const ZDKeyboard &keyboard = ZDKeyboard::shared();
+    if (ZDDevice::isTablet() && keyboard.isAutomaticKeyboardOnScreen() && !splitKeyboard) {
+        if (QWidget *keyboardView = keyboard.activeKeyboardView()) {
+            const QWidget *form = view();
+            const QPoint top = keyboardView->mapTo(keyboardView->window(), QPoint(0, 0));
+            const QPoint inForm = form->mapFrom(form->window(), top);
+            height += form->height() - inForm.y();
+        }
+    }
     m_footerContainer->setFrameBypassDelegate(QRect(frame.x(), frame.y(), frame.width(), height),
                                               true);
     m_tableView->setTableFooterView(m_footerContainer.get());
@@ -834,6 +845,7 @@ void ZDPublishViewController::orderOutKeyboard()
         if (QWidget *focus = view()->window()->focusWidget())
             focus->clearFocus();
     }
+    ZDKeyboard::shared().orderOutAutomaticKeyboard();
 }
 
 void ZDPublishViewController::_termsButtonPressed()

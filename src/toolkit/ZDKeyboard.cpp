@@ -1,4 +1,248 @@
 #include "toolkit/ZDKeyboard.h"
 
+#include "core/ZDNotificationCenter.h"
+#include "toolkit/ZDDevice.h"
+#include "toolkit/ZDStyle_p.h"
+
+#include <QApplication>
+#include <QGridLayout>
+#include <QHBoxLayout>
+#include <QKeyEvent>
+#include <QLineEdit>
+#include <QPainter>
+#include <QPlainTextEdit>
+#include <QPropertyAnimation>
+#include <QPushButton>
+#include <QTextEdit>
+#include <QTimer>
+#include <QVBoxLayout>
+
 const QString ZDKeyboardDidShowNotification = QStringLiteral("ZDKeyboardDidShowNotification");
 const QString ZDKeyboardDidHideNotification = QStringLiteral("ZDKeyboardDidHideNotification");
+
+namespace {
+
+constexpr int kTabletKeyboardHeight = 264;
+
+bool takesText(const QWidget *widget)
+{
+    if (const auto *line = qobject_cast<const QLineEdit *>(widget))
+        return !line->isReadOnly();
+    if (const auto *text = qobject_cast<const QTextEdit *>(widget))
+        return !text->isReadOnly();
+    if (const auto *plain = qobject_cast<const QPlainTextEdit *>(widget))
+        return !plain->isReadOnly();
+    return false;
+}
+
+// Types one key into the widget that has the focus.
+void type(Qt::Key key, const QString &text)
+{
+    QWidget *target = QApplication::focusWidget();
+    if (!target)
+        return;
+    QKeyEvent press(QEvent::KeyPress, key, Qt::NoModifier, text);
+    QKeyEvent release(QEvent::KeyRelease, key, Qt::NoModifier, text);
+    QApplication::sendEvent(target, &press);
+    QApplication::sendEvent(target, &release);
+}
+
+} // namespace
+
+// The keys: three rows of letters, shift, backspace, the tag separator, space
+// and return; on a tablet a key that splits the keyboard.
+class ZDKeyboardPanel : public QWidget
+{
+public:
+    explicit ZDKeyboardPanel(QWidget *window) : QWidget(window)
+    {
+        setObjectName(QStringLiteral("keyboard"));
+        auto *layout = new QVBoxLayout(this);
+        layout->setContentsMargins(3, 8, 3, 4);
+        layout->setSpacing(8);
+        const QStringList rows{QStringLiteral("qwertyuiop"), QStringLiteral("asdfghjkl"),
+                               QStringLiteral("zxcvbnm")};
+        for (qsizetype r = 0; r < rows.size(); ++r) {
+            auto *row = new QHBoxLayout;
+            row->setSpacing(4);
+            if (r == 2)
+                row->addWidget(makeKey(QStringLiteral("\u21e7"), [this] { m_shift = !m_shift; }));
+            for (const QChar letter : rows[r]) {
+                row->addWidget(makeKey(QString(letter), [this, letter] {
+                    const QString text = m_shift ? QString(letter.toUpper()) : QString(letter);
+                    type(Qt::Key(Qt::Key_A + (letter.unicode() - u'a')), text);
+                    m_shift = false;
+                }));
+            }
+            if (r == 2)
+                row->addWidget(
+                    makeKey(QStringLiteral("\u232b"), [] { type(Qt::Key_Backspace, {}); }));
+            layout->addLayout(row);
+        }
+        auto *bottom = new QHBoxLayout;
+        bottom->setSpacing(4);
+        bottom->addWidget(
+            makeKey(QStringLiteral(","), [] { type(Qt::Key_Comma, QStringLiteral(",")); }));
+        bottom->addWidget(
+            makeKey(QStringLiteral("space"), [] { type(Qt::Key_Space, QStringLiteral(" ")); }), 4);
+        if (ZDDevice::isTablet()) {
+            bottom->addWidget(makeKey(QStringLiteral("split"), [] {
+                ZDKeyboard::shared().setSplit(!ZDKeyboard::shared().isSplit());
+            }));
+        }
+        bottom->addWidget(
+            makeKey(QStringLiteral("return"), [] { type(Qt::Key_Return, QStringLiteral("\r")); }),
+            2);
+        layout->addLayout(bottom);
+    }
+
+    QPushButton *key(const QString &label) const
+    {
+        for (QPushButton *button : findChildren<QPushButton *>()) {
+            if (button->text() == label)
+                return button;
+        }
+        return nullptr;
+    }
+
+protected:
+    void paintEvent(QPaintEvent *) override
+    {
+        QPainter painter(this);
+        QLinearGradient background(0, 0, 0, height());
+        background.setColorAt(0, QColor(0x8b, 0x90, 0x9c));
+        background.setColorAt(1, QColor(0x4f, 0x55, 0x63));
+        if (!ZDKeyboard::shared().isSplit()) {
+            painter.fillRect(rect(), background);
+            return;
+        }
+        // Split: two halves with the view showing between them.
+        const int half = width() * 2 / 5;
+        painter.fillRect(QRect(0, 0, half, height()), background);
+        painter.fillRect(QRect(width() - half, 0, half, height()), background);
+    }
+
+private:
+    QPushButton *makeKey(const QString &label, std::function<void()> action)
+    {
+        auto *button = new QPushButton(label, this);
+        button->setFocusPolicy(Qt::NoFocus);
+        button->setMinimumHeight(38);
+        button->setFont(zdstyle::font(18));
+        button->setStyleSheet(QStringLiteral(
+            "QPushButton { background: qlineargradient(x1:0,y1:0,x2:0,y2:1, stop:0 #fdfdfd, "
+            "stop:1 #dcdce0); border: 1px solid #6b6f7a; border-radius: 5px; color: black; "
+            "padding: 0 2px; }"
+            "QPushButton:pressed { background: #a9b2c4; }"));
+        connect(button, &QPushButton::clicked, this, std::move(action));
+        return button;
+    }
+
+    bool m_shift = false;
+};
+
+ZDKeyboard &ZDKeyboard::shared()
+{
+    static ZDKeyboard *keyboard = new ZDKeyboard; // lives as long as the application
+    return *keyboard;
+}
+
+ZDKeyboard::ZDKeyboard()
+{
+    if (auto *app = qobject_cast<QApplication *>(QCoreApplication::instance())) {
+        setParent(app);
+        connect(app, &QApplication::focusChanged, this, &ZDKeyboard::focusChanged);
+    }
+}
+
+void ZDKeyboard::setEnabled(bool enabled)
+{
+    m_enabled = enabled;
+    if (!enabled && m_panel) {
+        delete m_panel;
+        m_onScreen = false;
+    }
+}
+
+QWidget *ZDKeyboard::activeKeyboardView() const
+{
+    return m_onScreen ? m_panel.data() : nullptr;
+}
+
+QWidget *ZDKeyboard::keyWithLabel(const QString &label) const
+{
+    return m_panel ? m_panel->key(label) : nullptr;
+}
+
+void ZDKeyboard::setSplit(bool split)
+{
+    m_split = split;
+    if (m_panel)
+        m_panel->update();
+}
+
+void ZDKeyboard::focusChanged(QWidget *, QWidget *now)
+{
+    if (!m_enabled)
+        return;
+    if (now && takesText(now)) {
+        showIn(now->window());
+        return;
+    }
+    // Focus moving between two fields passes through nothing: wait a turn.
+    QTimer::singleShot(0, this, [this] {
+        if (m_onScreen && !takesText(QApplication::focusWidget()))
+            orderOutAutomaticKeyboard();
+    });
+}
+
+void ZDKeyboard::showIn(QWidget *window)
+{
+    if (m_panel && m_panel->window() != window) {
+        delete m_panel;
+        m_onScreen = false;
+    }
+    if (!m_panel) {
+        m_panel = new ZDKeyboardPanel(window);
+        m_panel->hide();
+    }
+    if (m_onScreen)
+        return;
+    m_onScreen = true;
+    slide(true);
+}
+
+void ZDKeyboard::orderOutAutomaticKeyboard()
+{
+    if (!m_onScreen)
+        return;
+    m_onScreen = false;
+    slide(false);
+}
+
+void ZDKeyboard::slide(bool up)
+{
+    QWidget *window = m_panel->parentWidget();
+    const int height =
+        ZDDevice::isTablet() ? kTabletKeyboardHeight : int(defaultSize(window->width()).height());
+    const QRect resting(0, window->height() - height, window->width(), height);
+    const QRect below = resting.translated(0, height);
+    if (!m_animation)
+        m_panel->setGeometry(up ? below : resting);
+    m_panel->show();
+    m_panel->raise();
+    delete m_animation; // a slide under way gives way to this one
+    auto *animation = new QPropertyAnimation(m_panel, "geometry", m_panel);
+    m_animation = animation;
+    animation->setDuration(int(ZDDevice::kKeyboardAnimationDuration * 1000));
+    animation->setStartValue(m_panel->geometry());
+    animation->setEndValue(up ? resting : below);
+    connect(animation, &QPropertyAnimation::finished, this, [this, up, resting] {
+        if (!up && m_panel)
+            m_panel->hide();
+        ZDNotificationCenter::defaultCenter().postNotification(
+            up ? ZDKeyboardDidShowNotification : ZDKeyboardDidHideNotification, this,
+            {{QStringLiteral("frame"), resting}});
+    });
+    animation->start(QAbstractAnimation::DeleteWhenStopped);
+}

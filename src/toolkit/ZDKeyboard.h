@@ -2,16 +2,65 @@
 
 #include "core/zdglobal.h"
 
+#include <QObject>
+#include <QPointer>
 #include <QSizeF>
 #include <QString>
 
-// Posted on ZDNotificationCenter::defaultCenter() when the on-screen keyboard
-// has come up and when it has gone away.
+class QWidget;
+class ZDKeyboardPanel;
+
+// Posted on ZDNotificationCenter::defaultCenter() once the on-screen keyboard
+// has come up, and once it has gone away. The user info holds the keyboard's
+// frame in its window under "frame" (a QRect).
 ZD_EXPORT extern const QString ZDKeyboardDidShowNotification;
 ZD_EXPORT extern const QString ZDKeyboardDidHideNotification;
 
-struct ZD_EXPORT ZDKeyboard
+// The on-screen keyboard service: where the keyboard stands and whether it is
+// up. On a platform whose input method brings its own keyboard the service only
+// reports; where there is none (desktop Linux) the toolkit brings its own
+// keyboard panel, turned on with setEnabled(true): it slides up in the focused
+// window whenever a text field takes the focus, types into that field, and
+// slides away when no text field has the focus or when ordered out. On a tablet
+// it can be split in two halves.
+//
+// Notification contract: one did-show after each slide-up completes, one
+// did-hide after each slide-away completes, on the main thread.
+class ZD_EXPORT ZDKeyboard : public QObject
 {
-    // The on-screen keyboard's size in portrait across a view `width` points wide.
+    Q_OBJECT
+
+public:
+    static ZDKeyboard &shared();
+
+    // The key labelled `label` of the keyboard on screen, for hosts and tests.
+    QWidget *keyWithLabel(const QString &label) const;
+
+    // The keyboard's size in portrait across a view `width` points wide.
     static QSizeF defaultSize(int width) { return QSizeF(width, 216.0); }
+
+    bool isEnabled() const { return m_enabled; }
+    void setEnabled(bool enabled);
+
+    // The keyboard is up or coming up.
+    bool isAutomaticKeyboardOnScreen() const { return m_onScreen; }
+    // The keyboard's view while it is on screen, else null.
+    QWidget *activeKeyboardView() const;
+    // Slides the keyboard away.
+    void orderOutAutomaticKeyboard();
+
+    bool isSplit() const { return m_split; }
+    void setSplit(bool split);
+
+private:
+    ZDKeyboard();
+    void focusChanged(QWidget *old, QWidget *now);
+    void showIn(QWidget *window);
+    void slide(bool up);
+
+    QPointer<QObject> m_animation;
+    bool m_enabled = false;
+    bool m_onScreen = false;
+    bool m_split = false;
+    QPointer<ZDKeyboardPanel> m_panel;
 };

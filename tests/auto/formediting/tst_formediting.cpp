@@ -1,12 +1,17 @@
 #include "FormFixtures.h"
 #include "TestSupport.h"
 
+#include "core/ZDNotificationCenter.h"
+#include "publish/ZDFooterContainerView.h"
 #include "toolkit/ZDDevice.h"
+#include "toolkit/ZDKeyboard.h"
 
 #include <QApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QTest>
+
+#include <cmath>
 
 namespace {
 
@@ -46,6 +51,9 @@ private Q_SLOTS:
     void pickerSlidesUpWhereTheKeyboardWouldStand();
     void turningTheWheelNamesTheCategory();
     void pickerSlidesAwayForAnotherRowOrADrag();
+    void phoneKeyboardGivesTheTableItsRoom();
+    void tabletKeyboardGrowsTheFooter();
+    void footerAnnouncesRealFrameChangesUnlessBypassed();
 };
 
 void tst_FormEditing::typingIntoTheBlankTagRowAddsOneBlankRowBelow()
@@ -304,6 +312,118 @@ void tst_FormEditing::pickerSlidesAwayForAnotherRowOrADrag()
 
     // The form may go while the wheel still slides.
     sheet.tap(category);
+}
+
+namespace {
+
+struct KeyboardOn
+{
+    KeyboardOn() { ZDKeyboard::shared().setEnabled(true); }
+    ~KeyboardOn() { ZDKeyboard::shared().setEnabled(false); }
+};
+
+void press(const QString &label)
+{
+    QWidget *key = ZDKeyboard::shared().keyWithLabel(label);
+    QVERIFY2(key, qPrintable(label));
+    QTest::mouseClick(key, Qt::LeftButton);
+}
+
+} // namespace
+
+void tst_FormEditing::phoneKeyboardGivesTheTableItsRoom()
+{
+    KeyboardOn keyboard;
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    int shows = 0;
+    ZDWeakTarget listener;
+    ZDNotificationCenter::defaultCenter().addObserver(&listener, ZDKeyboardDidShowNotification,
+                                                      nullptr,
+                                                      [&](const ZDNotification &) { ++shows; });
+
+    sheet.form->titleCell()->becomeFirstResponder();
+    QTRY_COMPARE(shows, 1);
+    QVERIFY(ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
+    // Typing on the keyboard panel goes into the focused row.
+    for (const QString &key : {u"t"_s, u"r"_s, u"i"_s, u"p"_s})
+        press(key);
+    QCOMPARE(sheet.form->videoTitle(), u"trip"_s);
+    press(u"return"_s); // on to the description: the keyboard stays
+    QTRY_VERIFY(sheet.form->descriptionCell()->isFirstResponder());
+    QTest::qWait(100);
+    QVERIFY(ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0); // applied once
+
+    // The picker orders the keyboard out but keeps the room it needs.
+    sheet.tap({int(sheet.form->sectionIndices().category), 0});
+    QTRY_VERIFY(!ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
+    QTest::qWait(int(ZDDevice::kKeyboardAnimationDuration * 1000) + 100);
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
+    sheet.save(u"form-phone-keyboard-ordered-out-for-picker.png"_s);
+
+    // A tag row: the keyboard comes back; the first tag row scrolls into view.
+    sheet.form->tagCell(0)->becomeFirstResponder();
+    QTRY_COMPARE(shows, 2);
+    press(u"s"_s);
+    press(u"e"_s);
+    press(u"a"_s);
+    press(u","_s);
+    QTRY_VERIFY(sheet.form->tagCell(1)->isFirstResponder());
+    sheet.save(u"form-phone-keyboard.png"_s);
+    // Off the text rows, the keyboard goes and so does the room.
+    sheet.form->resignResponder();
+    QTRY_VERIFY(!ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
+    QTRY_COMPARE(sheet.table()->contentInsetBottom(), 0.0);
+    ZDNotificationCenter::defaultCenter().removeObserver(&listener);
+}
+
+void tst_FormEditing::tabletKeyboardGrowsTheFooter()
+{
+    KeyboardOn keyboard;
+    ZDDevice::setKind(ZDDeviceKind::Tablet);
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth, {}, QSize(540, 700));
+    sheet.show();
+    auto *footer = qobject_cast<ZDFooterContainerView *>(sheet.table()->tableFooterView());
+    const int bare = footer->termsButton()->height() + 10;
+    QCOMPARE(footer->height(), bare);
+    sheet.form->titleCell()->becomeFirstResponder();
+    QTRY_VERIFY(footer->height() > bare);
+    QWidget *keys = ZDKeyboard::shared().activeKeyboardView();
+    const int top = sheet.form->view()->mapFrom(sheet.window, keys->geometry().topLeft()).y();
+    QCOMPARE(footer->height(), bare + sheet.form->view()->height() - top);
+    QCOMPARE(sheet.table()->contentInsetBottom(), 0.0); // a tablet grows the footer instead
+    sheet.save(u"form-tablet-keyboard.png"_s);
+    sheet.form->resignResponder();
+    QTRY_COMPARE(footer->height(), bare);
+}
+
+void tst_FormEditing::footerAnnouncesRealFrameChangesUnlessBypassed()
+{
+    struct Listener : ZDFooterContainerViewDelegate
+    {
+        int calls = 0;
+        void _footerContainerFrameDidChangeWithSplitKeyboard(bool split) override
+        {
+            QVERIFY(!split);
+            ++calls;
+        }
+    } listener;
+    ZDFooterContainerView footer(QRect(0, 0, 300, 40));
+    footer.setDelegate(&listener);
+    footer.setFrame(QRect(0, 0, 300, 40)); // unchanged
+    QCOMPARE(listener.calls, 0);
+    footer.setFrame(QRect(0, 0, 300, 60));
+    QCOMPARE(listener.calls, 1);
+    footer.setFrameBypassDelegate(QRect(0, 0, 300, 80), true);
+    QCOMPARE(listener.calls, 1);
+    QCOMPARE(footer.termsButton()->x(),
+             int(std::floor(float(300 - footer.termsButton()->width()) * 0.5f)));
 }
 
 QTEST_MAIN(tst_FormEditing)

@@ -4,12 +4,14 @@
 #include "BenchSupport.h"
 
 #include "auth/ZDAuthenticator.h"
+#include "host/EditableTextCell.h"
 #include "publish/ZDPublishViewController.h"
 #include "toolkit/ZDDevice.h"
 #include "toolkit/ZDNavigationController.h"
 
 #include <QApplication>
 #include <QElapsedTimer>
+#include <QKeyEvent>
 #include <QMouseEvent>
 
 #include <algorithm>
@@ -115,5 +117,44 @@ int main(int argc, char **argv)
     if (form->selectedOption() != (rounds - 1) % 2)
         return 1;
     bench::report("form_row_selection_round_trip", perRound, "us");
+
+    // Typing into the blank tag row adds the next row: the 500th.
+    const auto typeInto = [](QWidget *editor, const QString &text) {
+        QKeyEvent press(QEvent::KeyPress, Qt::Key_unknown, Qt::NoModifier, text);
+        QApplication::sendEvent(editor, &press);
+    };
+    const auto blankTag = [&] {
+        // The blank row is the last row of the tags section.
+        const int tags = int(form->sectionIndices().tags);
+        const int last = table->numberOfRowsInSection(tags) - 1;
+        return static_cast<EditableTagCell *>(table->cellForRowAtIndexPath({tags, last}));
+    };
+    for (int i = 0; i < 498; ++i)
+        typeInto(blankTag()->editor(), QStringLiteral("tag%1").arg(i));
+    QElapsedTimer tagTimer;
+    tagTimer.start();
+    typeInto(blankTag()->editor(), QStringLiteral("tag498")); // adds row 500
+    const double addTag = double(tagTimer.nsecsElapsed()) / 1e6;
+    QApplication::processEvents();
+    if (table->numberOfRowsInSection(int(form->sectionIndices().tags)) != 500)
+        return 1;
+    bench::report("form_add_500th_tag_row", addTag, "ms");
+
+    // One keystroke at the end of a 10,000-character description.
+    auto *description = static_cast<EditableTextCell *>(table->cellForRowAtIndexPath({0, 1}));
+    QString text;
+    while (text.size() < 10000)
+        text += QStringLiteral("A summer evening by the sea, with friends and music. ");
+    description->setTextValue(text.left(10000));
+    description->becomeFirstResponder();
+    typeInto(description->editor(), QStringLiteral("x")); // lets the row take its height
+    std::vector<double> keystrokes;
+    for (int i = 0; i < 50; ++i) {
+        QElapsedTimer keyTimer;
+        keyTimer.start();
+        typeInto(description->editor(), QStringLiteral("y"));
+        keystrokes.push_back(double(keyTimer.nsecsElapsed()) / 1e6);
+    }
+    bench::report("form_keystroke_in_10k_description", median(keystrokes), "ms");
     return 0;
 }

@@ -67,6 +67,17 @@ private:
 
 } // namespace
 
+float ZDDescriptionRowHeight(float contentHeight)
+{
+    const float height = contentHeight + 20.0f;
+    return height < float(kInitialDescriptionHeight) ? float(kInitialDescriptionHeight) : height;
+}
+
+bool ZDDescriptionRowShouldResize(float current, float target)
+{
+    return std::fabs(current - target) > 5.0f;
+}
+
 // --- construction and teardown ---------------------------------------------------
 
 ZDPublishViewController::ZDPublishViewController(QObject *parent) : ZDViewController(parent)

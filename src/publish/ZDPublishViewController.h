@@ -48,6 +48,13 @@ struct ZD_EXPORT ZDSectionIndices
 
 using ZDCellList = std::vector<std::shared_ptr<ZDTableViewCell>>;
 
+// The description row's height for its text's content height: 20 points more
+// than the text, never below 120. Heights are single precision.
+ZD_EXPORT float ZDDescriptionRowHeight(float contentHeight);
+// Whether the row moves from `current` to `target`: only by more than 5 points,
+// so small changes do not lay out the table on every keystroke.
+ZD_EXPORT bool ZDDescriptionRowShouldResize(float current, float target);
+
 // The screen on which the user describes a video before it is published: title,
 // description, tags, an optional quality choice, an optional category, the
 // service's access rows and the account row. A service subclasses it and

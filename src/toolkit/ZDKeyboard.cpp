@@ -164,9 +164,14 @@ void ZDKeyboard::setEnabled(bool enabled)
     }
 }
 
+bool ZDKeyboard::isAutomaticKeyboardOnScreen() const
+{
+    return m_onScreen && m_panel;
+}
+
 QWidget *ZDKeyboard::activeKeyboardView() const
 {
-    return m_onScreen ? m_panel.data() : nullptr;
+    return m_onScreen ? m_panel.data() : nullptr; // null also once its window is gone
 }
 
 QWidget *ZDKeyboard::keyWithLabel(const QString &label) const
@@ -198,6 +203,8 @@ void ZDKeyboard::focusChanged(QWidget *, QWidget *now)
 
 void ZDKeyboard::showIn(QWidget *window)
 {
+    if (!m_panel)
+        m_onScreen = false; // the last one went with its window
     if (m_panel && m_panel->window() != window) {
         delete m_panel;
         m_onScreen = false;
@@ -217,7 +224,8 @@ void ZDKeyboard::orderOutAutomaticKeyboard()
     if (!m_onScreen)
         return;
     m_onScreen = false;
-    slide(false);
+    if (m_panel) // gone with its window otherwise: nothing left to slide
+        slide(false);
 }
 
 void ZDKeyboard::slide(bool up)

@@ -43,7 +43,7 @@ public:
     void setEnabled(bool enabled);
 
     // The keyboard is up or coming up.
-    bool isAutomaticKeyboardOnScreen() const { return m_onScreen; }
+    bool isAutomaticKeyboardOnScreen() const;
     // The keyboard's view while it is on screen, else null.
     QWidget *activeKeyboardView() const;
     // Slides the keyboard away.

@@ -23,6 +23,13 @@ void emptyRow(EditableTagCell *cell)
     QTest::keyClick(cell->editor(), Qt::Key_Backspace);
 }
 
+// Types any text, right-to-left and emoji included, as one key press.
+void typeText(QWidget *editor, const QString &text)
+{
+    QKeyEvent press(QEvent::KeyPress, Qt::Key_unknown, Qt::NoModifier, text);
+    QApplication::sendEvent(editor, &press);
+}
+
 QStringList rows(TestForm *form)
 {
     QStringList texts;
@@ -54,6 +61,11 @@ private Q_SLOTS:
     void phoneKeyboardGivesTheTableItsRoom();
     void tabletKeyboardGrowsTheFooter();
     void footerAnnouncesRealFrameChangesUnlessBypassed();
+    void descriptionHeightRuleAtItsBoundaries();
+    void rowsSlideInFromAboveAndTheFirstRowLeavesDownward();
+    void tabletPickerTakesAFixedRoom();
+    void hostileTextHundredsOfTagsAndOddCategories();
+    void formMayGoWhileThePickerSlidesOrTheKeyboardIsUp();
 };
 
 void tst_FormEditing::typingIntoTheBlankTagRowAddsOneBlankRowBelow()
@@ -242,6 +254,7 @@ void tst_FormEditing::pickerSlidesUpWhereTheKeyboardWouldStand()
     QCOMPARE(sheet.form->pickerContainer()->geometry(), resting);
     QCOMPARE(sheet.table()->contentOffset(), offset);
     QCOMPARE(sheet.table()->indexPathForSelectedRow(), category);
+    QTest::qWait(400);
     sheet.save(u"form-phone-picker.png"_s);
 
     // On a tablet the wheel is 216 points high across the view.
@@ -363,7 +376,6 @@ void tst_FormEditing::phoneKeyboardGivesTheTableItsRoom()
     QTRY_VERIFY(!ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
     QTest::qWait(int(ZDDevice::kKeyboardAnimationDuration * 1000) + 100);
     QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
-    sheet.save(u"form-phone-keyboard-ordered-out-for-picker.png"_s);
 
     // A tag row: the keyboard comes back; the first tag row scrolls into view.
     sheet.form->tagCell(0)->becomeFirstResponder();
@@ -373,6 +385,7 @@ void tst_FormEditing::phoneKeyboardGivesTheTableItsRoom()
     press(u"a"_s);
     press(u","_s);
     QTRY_VERIFY(sheet.form->tagCell(1)->isFirstResponder());
+    QTest::qWait(400); // rows and scrolling come to rest
     sheet.save(u"form-phone-keyboard.png"_s);
     // Off the text rows, the keyboard goes and so does the room.
     sheet.form->resignResponder();
@@ -398,6 +411,8 @@ void tst_FormEditing::tabletKeyboardGrowsTheFooter()
     const int top = sheet.form->view()->mapFrom(sheet.window, keys->geometry().topLeft()).y();
     QCOMPARE(footer->height(), bare + sheet.form->view()->height() - top);
     QCOMPARE(sheet.table()->contentInsetBottom(), 0.0); // a tablet grows the footer instead
+    QTest::keyClicks(sheet.form->titleCell()->editor(), u"Summer at the sea"_s);
+    QTest::qWait(300);
     sheet.save(u"form-tablet-keyboard.png"_s);
     sheet.form->resignResponder();
     QTRY_COMPARE(footer->height(), bare);
@@ -424,6 +439,144 @@ void tst_FormEditing::footerAnnouncesRealFrameChangesUnlessBypassed()
     QCOMPARE(listener.calls, 1);
     QCOMPARE(footer.termsButton()->x(),
              int(std::floor(float(300 - footer.termsButton()->width()) * 0.5f)));
+}
+
+void tst_FormEditing::descriptionHeightRuleAtItsBoundaries()
+{
+    QCOMPARE(ZDDescriptionRowHeight(99.0f), 120.0f);
+    QCOMPARE(ZDDescriptionRowHeight(104.0f), 124.0f);
+    QVERIFY(!ZDDescriptionRowShouldResize(120.0f, 124.0f));
+    QCOMPARE(ZDDescriptionRowHeight(110.0f), 130.0f);
+    QVERIFY(ZDDescriptionRowShouldResize(120.0f, 130.0f));
+    QVERIFY(!ZDDescriptionRowShouldResize(120.0f, 125.0f)); // exactly 5 points: no change
+    QVERIFY(ZDDescriptionRowShouldResize(130.0f, 120.0f));  // it shrinks too, to 120 at least
+    QCOMPARE(ZDDescriptionRowHeight(5000.0f), 5020.0f);     // no upper limit
+}
+
+void tst_FormEditing::rowsSlideInFromAboveAndTheFirstRowLeavesDownward()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    const int tags = int(sheet.form->sectionIndices().tags);
+    sheet.form->tagCell(0)->becomeFirstResponder();
+    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"a"_s);
+    EditableTagCell *added = sheet.form->tagCell(1);
+    const QRect frame = sheet.table()->rectForRowAtIndexPath({tags, 1});
+    QVERIFY(added->geometry().top() < frame.top()); // it comes from above
+    QTRY_COMPARE(added->geometry(), frame);
+
+    // Rows "", "a": emptying row 1 takes row 0 away, sliding down.
+    sheet.form->tagCell(1)->becomeFirstResponder();
+    QTest::keyClicks(sheet.form->tagCell(1)->editor(), u"b"_s);
+    emptyRow(sheet.form->tagCell(0));
+    QCOMPARE(rows(sheet.form.get()), (QStringList{QString(), u"b"_s}));
+    QPointer<EditableTagCell> first = sheet.form->tagCell(0);
+    const int startY = first->y();
+    emptyRow(sheet.form->tagCell(1));
+    QCOMPARE(sheet.form->tagCount(), size_t(1));
+    QTest::qWait(100);
+    QVERIFY(!first || first->y() > startY);
+    QTRY_VERIFY(!first); // and is gone once it has slid away
+}
+
+void tst_FormEditing::tabletPickerTakesAFixedRoom()
+{
+    ZDDevice::setKind(ZDDeviceKind::Tablet);
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth, {}, QSize(540, 700));
+    sheet.show();
+    sheet.tap({int(sheet.form->sectionIndices().category), 0});
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
+    sheet.tap({0, 0});
+    QCOMPARE(sheet.table()->contentInsetBottom(), 0.0);
+}
+
+void tst_FormEditing::hostileTextHundredsOfTagsAndOddCategories()
+{
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    Sheet sheet(&auth);
+    sheet.show();
+    // Long right-to-left text with emoji in every text row.
+    QString hostile;
+    for (int i = 0; i < 4000; ++i)
+        hostile += u"שלום 🎥 "_s;
+    sheet.form->titleCell()->becomeFirstResponder();
+    typeText(sheet.form->titleCell()->editor(), hostile);
+    QCOMPARE(sheet.form->videoTitle(), hostile);
+    sheet.form->descriptionCell()->setTextValue(hostile.chopped(1));
+    typeText(sheet.form->descriptionCell()->editor(), hostile.right(1) + u"x"_s);
+    QVERIFY(sheet.form->descriptionHeight() > 120);
+    QCOMPARE(sheet.form->videoDescription().size(), hostile.size() + 1);
+
+    // Three hundred tags, each typed into the blank row.
+    for (int i = 0; i < 300; ++i) {
+        EditableTagCell *blank = sheet.form->tagCell(sheet.form->tagCount() - 1);
+        blank->becomeFirstResponder();
+        typeText(blank->editor(), i == 7 ? hostile.left(60) : u"t%1"_s.arg(i));
+    }
+    QCOMPARE(sheet.form->tagCount(), size_t(301));
+    QCOMPARE(sheet.table()->numberOfRowsInSection(int(sheet.form->sectionIndices().tags)), 301);
+    const QStringList tags = sheet.form->videoTags();
+    QCOMPARE(tags.size(), 300);
+    QCOMPARE(tags[7], hostile.left(60));
+    QCOMPARE(tags.last(), u"t299"_s);
+
+    // No categories, an empty list and a nameless category.
+    TestAuthenticator other;
+    Sheet none(&other, {true, false, std::nullopt, true});
+    none.show();
+    QCOMPARE(none.form->videoCategory(), std::nullopt);
+    QCOMPARE(none.form->pickerViewNumberOfRowsInComponent(nullptr, 0), 0);
+    QCOMPARE(none.form->pickerViewTitleForRowForComponent(nullptr, 3, 0), std::nullopt);
+
+    class Odd : public TestForm
+    {
+    public:
+        using TestForm::TestForm;
+        std::optional<QList<ZDCategory>> categories() override { return list; }
+        QList<ZDCategory> list;
+    };
+    auto odd = ZDPublishViewController::create<Odd>(&other, FormOptions{});
+    odd->view()->resize(320, 480);
+    QCOMPARE(odd->videoCategory(), std::nullopt); // an empty list has no first category
+    odd->list = {ZDCategory::categoryWithDisplayNameValue(QString(), 1),
+                 ZDCategory::categoryWithDisplayNameValue(u"Named"_s, 2)};
+    odd->view()->show();
+    QVERIFY(QTest::qWaitForWindowExposed(odd->view()));
+    odd->tableView()->selectRowAtIndexPath({int(odd->sectionIndices().category), 0}, false,
+                                           ZDTableView::ScrollPosition::None);
+    odd->tableViewDidSelectRowAtIndexPath(odd->tableView(),
+                                          {int(odd->sectionIndices().category), 0});
+    odd->pickerViewDidSelectRowInComponent(odd->picker(), 0, 0);
+    auto *cell = static_cast<ZDCategoryCell *>(
+        odd->tableView()->cellForRowAtIndexPath({int(odd->sectionIndices().category), 0}));
+    QCOMPARE(cell->detailTextLabel()->text(), u" "_s); // a nameless category shows as a space
+}
+
+void tst_FormEditing::formMayGoWhileThePickerSlidesOrTheKeyboardIsUp()
+{
+    KeyboardOn keyboard;
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    {
+        Sheet sheet(&auth);
+        sheet.show();
+        sheet.tap({int(sheet.form->sectionIndices().category), 0});
+    } // the wheel still slides up
+    {
+        Sheet sheet(&auth);
+        sheet.show();
+        sheet.form->titleCell()->becomeFirstResponder();
+        QTest::keyClicks(sheet.form->titleCell()->editor(), u"kept"_s);
+        QCOMPARE(sheet.form->videoTitle(), u"kept"_s);
+    } // the keyboard still slides up
+    QTest::qWait(int(ZDDevice::kNavigationTransitionDuration * 1000) + 100);
+    QVERIFY(!ZDKeyboard::shared().activeKeyboardView() ||
+            ZDKeyboard::shared().activeKeyboardView()->window());
 }
 
 QTEST_MAIN(tst_FormEditing)

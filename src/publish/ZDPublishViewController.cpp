@@ -810,11 +810,10 @@ void ZDPublishViewController::_footerFrameDidChangeWithSplitKeyboard(bool splitK
     // into the view, so every row can still be scrolled above the keyboard.
     const ZDKeyboard &keyboard = ZDKeyboard::shared();
     if (ZDDevice::isTablet() && keyboard.isAutomaticKeyboardOnScreen() && !splitKeyboard) {
-        if (QWidget *keyboardView = keyboard.activeKeyboardView()) {
+        const QRect keys = keyboard.keyboardFrameInWindow();
+        if (keys.isValid()) {
             const QWidget *form = view();
-            const QPoint top = keyboardView->mapTo(keyboardView->window(), QPoint(0, 0));
-            const QPoint inForm = form->mapFrom(form->window(), top);
-            height += form->height() - inForm.y();
+            height += form->height() - form->mapFrom(form->window(), keys.topLeft()).y();
         }
     }
     m_footerContainer->setFrameBypassDelegate(QRect(frame.x(), frame.y(), frame.width(), height),

@@ -7,6 +7,7 @@
 #include <QApplication>
 #include <QGridLayout>
 #include <QHBoxLayout>
+#include <QInputMethod>
 #include <QKeyEvent>
 #include <QLineEdit>
 #include <QPainter>
@@ -152,7 +153,29 @@ ZDKeyboard::ZDKeyboard()
     if (auto *app = qobject_cast<QApplication *>(QCoreApplication::instance())) {
         setParent(app);
         connect(app, &QApplication::focusChanged, this, &ZDKeyboard::focusChanged);
+        // A platform keyboard, where there is one, is followed through Qt's input method.
+        connect(QGuiApplication::inputMethod(), &QInputMethod::visibleChanged, this,
+                &ZDKeyboard::platformKeyboardVisibilityChanged);
     }
+}
+
+void ZDKeyboard::platformKeyboardVisibilityChanged()
+{
+    if (m_enabled)
+        return; // our own panel speaks for the keyboard
+    const bool visible = QGuiApplication::inputMethod()->isVisible();
+    ZDNotificationCenter::defaultCenter().postNotification(
+        visible ? ZDKeyboardDidShowNotification : ZDKeyboardDidHideNotification, this,
+        {{QStringLiteral("frame"), QGuiApplication::inputMethod()->keyboardRectangle().toRect()}});
+}
+
+QRect ZDKeyboard::keyboardFrameInWindow() const
+{
+    if (m_onScreen && m_panel)
+        return m_panel->geometry();
+    if (!m_enabled && QGuiApplication::inputMethod()->isVisible())
+        return QGuiApplication::inputMethod()->keyboardRectangle().toRect();
+    return QRect();
 }
 
 void ZDKeyboard::setEnabled(bool enabled)
@@ -166,6 +189,8 @@ void ZDKeyboard::setEnabled(bool enabled)
 
 bool ZDKeyboard::isAutomaticKeyboardOnScreen() const
 {
+    if (!m_enabled)
+        return QGuiApplication::inputMethod() && QGuiApplication::inputMethod()->isVisible();
     return m_onScreen && m_panel;
 }
 
@@ -221,6 +246,10 @@ void ZDKeyboard::showIn(QWidget *window)
 
 void ZDKeyboard::orderOutAutomaticKeyboard()
 {
+    if (!m_enabled) {
+        QGuiApplication::inputMethod()->hide();
+        return;
+    }
     if (!m_onScreen)
         return;
     m_onScreen = false;

@@ -4,6 +4,7 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QRect>
 #include <QSizeF>
 #include <QString>
 
@@ -44,8 +45,11 @@ public:
 
     // The keyboard is up or coming up.
     bool isAutomaticKeyboardOnScreen() const;
-    // The keyboard's view while it is on screen, else null.
+    // The keyboard's view while it is on screen, else null (also when the
+    // platform's own keyboard is up: it has no widget).
     QWidget *activeKeyboardView() const;
+    // The keyboard's frame in its window's coordinates while it is on screen.
+    QRect keyboardFrameInWindow() const;
     // Slides the keyboard away.
     void orderOutAutomaticKeyboard();
 
@@ -57,6 +61,7 @@ private:
     void focusChanged(QWidget *old, QWidget *now);
     void showIn(QWidget *window);
     void slide(bool up);
+    void platformKeyboardVisibilityChanged();
 
     QPointer<QObject> m_animation;
     bool m_enabled = false;

@@ -9,6 +9,11 @@
 #define ZD_ASSERT(cond, operation)                                                                 \
     ((cond) ? static_cast<void>(0) : ::ZDAssertionFailed(#cond, operation, __FILE__, __LINE__))
 
+// The same with the condition's text given, where it must read as the
+// library's contract names it rather than as the code spells it.
+#define ZD_ASSERT_TEXT(cond, text, operation)                                                      \
+    ((cond) ? static_cast<void>(0) : ::ZDAssertionFailed(text, operation, __FILE__, __LINE__))
+
 #define ZD_ABSTRACT(operation) ::ZDAssertionFailed("0", operation, __FILE__, __LINE__)
 
 [[noreturn]] ZD_EXPORT void ZDAssertionFailed(const char *condition, const char *operation,

@@ -9,7 +9,9 @@
 #include "resources/ZDLocalizedString.h"
 #include "toolkit/ZDNavigationController.h"
 
+#include <QApplication>
 #include <QDir>
+#include <QMouseEvent>
 #include <QPainter>
 #include <QPushButton>
 #include <QTest>
@@ -198,6 +200,17 @@ struct Sheet
         table()->scrollToRowAtIndexPath(ip, ZDTableView::ScrollPosition::Middle, false);
         QTest::mouseClick(table()->contentWidget(), Qt::LeftButton, {},
                           QPoint(row.left() + 4, row.center().y()));
+    }
+    // Drags the table's content by `dy` points from `start`, as a finger would.
+    void drag(const QPoint &start, int dy)
+    {
+        QWidget *content = table()->contentWidget();
+        const QPoint end = start + QPoint(0, dy);
+        QTest::mousePress(content, Qt::LeftButton, {}, start);
+        QMouseEvent move(QEvent::MouseMove, end, content->mapToGlobal(end), Qt::NoButton,
+                         Qt::LeftButton, Qt::NoModifier);
+        QApplication::sendEvent(content, &move);
+        QTest::mouseRelease(content, Qt::LeftButton, {}, end);
     }
     QPushButton *publishButton() const { return navigation->rightButton(); }
     void save(const QString &name) const

@@ -70,6 +70,18 @@ struct DeathOutcome
     QByteArray stderrText;
 };
 
+// Whether the child aborted after printing every one of `needles`.
+inline bool diedSaying(const DeathOutcome &outcome, std::initializer_list<const char *> needles)
+{
+    if (!outcome.aborted)
+        return false;
+    for (const char *needle : needles) {
+        if (!outcome.stderrText.contains(needle))
+            return false;
+    }
+    return true;
+}
+
 inline DeathOutcome runDeathChild(const char *testFunction, const QString &dataTag = {})
 {
     QProcess child;

@@ -34,8 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         }
     }
     const QString boundary = QStringLiteral("7D2C1B0A-0000-4000-8000-00000000FUZZ");
-    const QByteArrayList segments = zdMultipartSegments(params, boundary);
-    const QByteArray body = "prefix" + segments.join();
+    const ZDBodySegments segments = zdMultipartSegments(params, boundary);
+    const QByteArray body = "prefix" + zdJoinSegments(segments);
     FUZZ_CHECK(zdMultipartParamData(params, boundary) == body.mid(6));
     const QByteArray delimiter = "--" + boundary.toLatin1() + "\r\n";
     FUZZ_CHECK(body.startsWith(QByteArray("prefix" + delimiter)));

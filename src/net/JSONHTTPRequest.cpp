@@ -99,19 +99,19 @@ void JSONHTTPRequestPrivate::start()
     if (unsignedPostParams && !overridePostBody) {
         // The body's pieces are extended, never copied: a video in the unsigned
         // parameters is sent from its own buffer.
-        std::optional<QByteArrayList> body = request.HTTPBodySegments();
+        std::optional<ZDBodySegments> body = request.HTTPBodySegments();
         if (method == JSONHTTPRequestMethodFormPOST) {
             if (body) {
                 // A signed part that is set but empty is followed by "~", not "&":
                 // receivers of this library's form bodies expect that marker.
-                body->append(postParams && !postParams->isEmpty() ? "&" : "~");
+                body->append(QByteArray(1, postParams && !postParams->isEmpty() ? '&' : '~'));
             }
-            body = body.value_or(QByteArrayList()) << formBody(*unsignedPostParams);
+            body = body.value_or(ZDBodySegments()) << formBody(*unsignedPostParams);
         } else if (method == JSONHTTPRequestMethodMultipartPOST) {
-            body = body.value_or(QByteArrayList())
+            body = body.value_or(ZDBodySegments())
                    << zdMultipartSegments(*unsignedPostParams, ensureBoundary());
         } else if (!body) {
-            body = QByteArrayList(); // an empty body, no longer none
+            body = ZDBodySegments(); // an empty body, no longer none
         }
         request.setHTTPBodySegments(std::move(body));
     }

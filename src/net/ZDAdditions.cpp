@@ -215,6 +215,8 @@ QString ZDAdditions::textualDescription(const QVariant &value)
     }
     if (value.metaType() == QMetaType::fromType<ZDFileUpload>())
         return value.value<ZDFileUpload>().name();
+    if (value.metaType() == QMetaType::fromType<ZDStreamedFileUpload>())
+        return value.value<ZDStreamedFileUpload>().name();
     if (value.canConvert<QString>())
         return value.toString();
     return QString::fromLatin1(value.typeName());

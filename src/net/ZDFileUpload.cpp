@@ -21,3 +21,7 @@ ZDFileUpload::ZDFileUpload(const QString &path) : m_name(QFileInfo(path).fileNam
     // readAll() of an empty file is a null array; an empty file is still readable.
     m_data = contents.isNull() ? QByteArray("") : std::move(contents);
 }
+
+ZDStreamedFileUpload::ZDStreamedFileUpload(const QString &path)
+    : m_name(QFileInfo(path).fileName()), m_path(path)
+{}

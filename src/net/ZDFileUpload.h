@@ -34,4 +34,29 @@ private:
     QByteArray m_data;
 };
 
+// A file part read from disk while the body is sent, for videos too large to
+// hold in memory: memory stays flat whatever the file's size. The body it makes
+// is byte for byte the one a ZDFileUpload of the same file makes. The file's
+// size is taken when the body is built; a file that then goes away or shrinks
+// fails the request (ZDURLErrorBodyFileUnreadable), and one that cannot be read
+// when the body is built contributes an empty content, as with ZDFileUpload.
+class ZD_EXPORT ZDStreamedFileUpload
+{
+public:
+    ZDStreamedFileUpload() = default;
+    // Takes the path's last component as name().
+    explicit ZDStreamedFileUpload(const QString &path);
+
+    QString name() const { return m_name; }
+    void setName(const QString &name) { m_name = name; }
+    QString path() const { return m_path; }
+
+    friend bool operator==(const ZDStreamedFileUpload &, const ZDStreamedFileUpload &) = default;
+
+private:
+    QString m_name;
+    QString m_path;
+};
+
 Q_DECLARE_METATYPE(ZDFileUpload)
+Q_DECLARE_METATYPE(ZDStreamedFileUpload)

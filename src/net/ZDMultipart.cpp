@@ -3,6 +3,8 @@
 #include "net/ZDAdditions.h"
 #include "net/ZDFileUpload.h"
 
+#include <QFileInfo>
+
 #include <utility>
 
 namespace {
@@ -10,7 +12,7 @@ namespace {
 struct Part
 {
     QByteArray header;
-    QByteArray content;
+    ZDBodySegment content;
 };
 
 QString escapedFileName(QString name)
@@ -23,11 +25,22 @@ QString escapedFileName(QString name)
 Part makePart(const QString &key, const QVariant &value)
 {
     const QByteArray disposition = "Content-Disposition: form-data; name=\"" + key.toUtf8() + '"';
+    const auto fileHeader = [&](const QString &name) -> QByteArray {
+        return disposition + "; filename=\"" + escapedFileName(name).toUtf8() + "\"\r\n" +
+               zdMultipartContentTypeLine(name);
+    };
     if (value.metaType() == QMetaType::fromType<ZDFileUpload>()) {
         const ZDFileUpload upload = value.value<ZDFileUpload>();
-        return {disposition + "; filename=\"" + escapedFileName(upload.name()).toUtf8() + "\"\r\n" +
-                    zdMultipartContentTypeLine(upload.name()),
-                upload.data()};
+        return {fileHeader(upload.name()), upload.data()};
+    }
+    if (value.metaType() == QMetaType::fromType<ZDStreamedFileUpload>()) {
+        const ZDStreamedFileUpload upload = value.value<ZDStreamedFileUpload>();
+        const QFileInfo file(upload.path());
+        // Unreadable now: an empty content, as an unreadable ZDFileUpload gives.
+        const bool readable = file.isFile() && file.isReadable();
+        return {fileHeader(upload.name()), readable
+                                               ? ZDBodySegment::file(upload.path(), file.size())
+                                               : ZDBodySegment(QByteArray())};
     }
     if (value.typeId() == QMetaType::QByteArray) {
         return {disposition + "\r\nContent-Type: application/octet-stream\r\n",
@@ -52,21 +65,21 @@ QByteArray zdMultipartContentTypeLine(const QString &name)
     return QByteArrayLiteral("Content-Type: application/octet-stream\r\n");
 }
 
-QByteArrayList zdMultipartSegments(const QVariantMap &params, const QString &boundary)
+ZDBodySegments zdMultipartSegments(const QVariantMap &params, const QString &boundary)
 {
     // Contents below this size are copied into the text around them; larger ones
-    // are sent from their own buffers.
+    // are sent from their own buffers or files.
     constexpr qsizetype kSharedContentSize = 64 * 1024;
     const QByteArray delimiter = "--" + boundary.toUtf8() + "\r\n";
-    QByteArrayList segments;
+    ZDBodySegments segments;
     QByteArray text;
     for (auto it = params.cbegin(); it != params.cend(); ++it) {
         const Part part = makePart(it.key(), it.value());
         text += delimiter;
         text += part.header;
         text += "\r\n";
-        if (part.content.size() < kSharedContentSize) {
-            text += part.content;
+        if (!part.content.isFile() && part.content.size() < kSharedContentSize) {
+            text += part.content.bytes();
         } else {
             segments.append(std::exchange(text, QByteArray()));
             segments.append(part.content);
@@ -78,7 +91,19 @@ QByteArrayList zdMultipartSegments(const QVariantMap &params, const QString &bou
     return segments;
 }
 
+QByteArray zdJoinSegments(const ZDBodySegments &segments)
+{
+    qint64 size = 0;
+    for (const ZDBodySegment &segment : segments)
+        size += segment.size();
+    QByteArray joined;
+    joined.reserve(size);
+    for (const ZDBodySegment &segment : segments)
+        joined += segment.isFile() ? segment.readAll() : segment.bytes();
+    return joined;
+}
+
 QByteArray zdMultipartParamData(const QVariantMap &params, const QString &boundary)
 {
-    return zdMultipartSegments(params, boundary).join(); // joins at the exact size
+    return zdJoinSegments(zdMultipartSegments(params, boundary));
 }

@@ -1,7 +1,8 @@
 #pragma once
 
+#include "net/ZDURLRequest.h"
 #include <QByteArray>
-#include <QByteArrayList>
+
 #include <QString>
 #include <QVariantMap>
 
@@ -20,9 +21,13 @@
 QByteArray zdMultipartParamData(const QVariantMap &params, const QString &boundary);
 
 // The same bytes as pieces to send back to back: large contents (file parts,
-// byte buffers) are pieces of their own that share the caller's buffers, the
-// text between them is joined into small pieces.
-QByteArrayList zdMultipartSegments(const QVariantMap &params, const QString &boundary);
+// byte buffers) are pieces of their own that share the caller's buffers, a
+// ZDStreamedFileUpload is a piece read from its file, and the text between them
+// is joined into small pieces.
+ZDBodySegments zdMultipartSegments(const QVariantMap &params, const QString &boundary);
+
+// The pieces joined into one buffer, allocated once at its exact size.
+QByteArray zdJoinSegments(const ZDBodySegments &segments);
 
 // The content-type header line of a file part named `name`.
 QByteArray zdMultipartContentTypeLine(const QString &name);

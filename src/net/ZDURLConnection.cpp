@@ -5,6 +5,7 @@
 #include <curl/curl.h>
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QNetworkInformation>
 #include <QPointer>
 #include <QSocketNotifier>
@@ -80,9 +81,12 @@ struct ZDURLConnection::Private
     void dispatchProgress();
     void dispatchDone(CURLcode result);
 
-    // Where the read callback stands in a body of several pieces.
+    // Where the read callback stands in a body of several pieces, the file of
+    // the piece being read, and the file that could not be read to its end.
     qsizetype readSegment = 0;
-    qsizetype readOffset = 0;
+    qint64 readOffset = 0;
+    std::unique_ptr<QFile> bodyFile;
+    QString bodyFileFailure;
 
     static size_t headerCallback(char *buffer, size_t size, size_t count, void *userdata);
     static size_t readCallback(char *buffer, size_t size, size_t count, void *userdata);
@@ -411,14 +415,14 @@ std::optional<ZDError> ZDURLConnection::Private::configure()
     // body of one piece is given as it is; one of several pieces (a multipart
     // body around a large file) is read piece by piece, never joined.
     const QByteArray verb = request.HTTPMethod();
-    const std::optional<QByteArrayList> &body = request.HTTPBodySegments();
+    const std::optional<ZDBodySegments> &body = request.HTTPBodySegments();
     const qint64 bodyLength = request.HTTPBodyLength();
     const auto setBody = [&] {
         curl_easy_setopt(easy, CURLOPT_POST, 1L);
         curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(bodyLength));
-        if (!body || body->size() <= 1) {
+        if (!body || body->isEmpty() || (body->size() == 1 && !body->front().isFile())) {
             curl_easy_setopt(easy, CURLOPT_POSTFIELDS,
-                             body && !body->isEmpty() ? body->front().constData() : "");
+                             body && !body->isEmpty() ? body->front().bytes().constData() : "");
             return;
         }
         curl_easy_setopt(easy, CURLOPT_READFUNCTION, &Private::readCallback);
@@ -447,18 +451,37 @@ size_t ZDURLConnection::Private::readCallback(char *buffer, size_t size, size_t 
                                               void *userdata)
 {
     auto *self = static_cast<Private *>(userdata);
-    const QByteArrayList &segments = *self->q->m_request.HTTPBodySegments();
+    const ZDBodySegments &segments = *self->q->m_request.HTTPBodySegments();
     size_t written = 0;
     const size_t room = size * count;
     while (written < room && self->readSegment < segments.size()) {
-        const QByteArray &segment = segments[self->readSegment];
-        const size_t take = std::min(room - written, size_t(segment.size() - self->readOffset));
-        std::memcpy(buffer + written, segment.constData() + self->readOffset, take);
-        written += take;
-        self->readOffset += qsizetype(take);
+        const ZDBodySegment &segment = segments[self->readSegment];
+        const qint64 want =
+            std::min<qint64>(qint64(room - written), segment.size() - self->readOffset);
+        if (!segment.isFile()) {
+            std::memcpy(buffer + written, segment.bytes().constData() + self->readOffset,
+                        size_t(want));
+        } else {
+            // The file is opened when its piece is reached and read in place.
+            if (!self->bodyFile) {
+                self->bodyFile = std::make_unique<QFile>(segment.filePath());
+                if (!self->bodyFile->open(QIODevice::ReadOnly) ||
+                    !self->bodyFile->seek(self->readOffset)) {
+                    self->bodyFileFailure = segment.filePath();
+                    return CURL_READFUNC_ABORT;
+                }
+            }
+            if (self->bodyFile->read(buffer + written, want) != want) {
+                self->bodyFileFailure = segment.filePath(); // gone or shrunk since
+                return CURL_READFUNC_ABORT;
+            }
+        }
+        written += size_t(want);
+        self->readOffset += want;
         if (self->readOffset == segment.size()) {
             ++self->readSegment;
             self->readOffset = 0;
+            self->bodyFile.reset();
         }
     }
     return written;
@@ -470,13 +493,14 @@ int ZDURLConnection::Private::seekCallback(void *userdata, curl_off_t offset, in
     auto *self = static_cast<Private *>(userdata);
     if (origin != SEEK_SET || offset < 0)
         return CURL_SEEKFUNC_CANTSEEK;
-    const QByteArrayList &segments = *self->q->m_request.HTTPBodySegments();
+    const ZDBodySegments &segments = *self->q->m_request.HTTPBodySegments();
+    self->bodyFile.reset();
     self->readSegment = 0;
     while (self->readSegment < segments.size() && offset >= segments[self->readSegment].size()) {
         offset -= segments[self->readSegment].size();
         ++self->readSegment;
     }
-    self->readOffset = qsizetype(offset);
+    self->readOffset = offset;
     return offset > 0 && self->readSegment == segments.size() ? CURL_SEEKFUNC_FAIL
                                                               : CURL_SEEKFUNC_OK;
 }
@@ -574,6 +598,14 @@ void ZDURLConnection::Private::dispatchDone(CURLcode result)
     if (result == CURLE_OK) {
         deliverPendingResponse();
         d->connectionDidFinishLoading(q);
+        return;
+    }
+    if (result == CURLE_ABORTED_BY_CALLBACK && !bodyFileFailure.isEmpty()) {
+        d->connectionDidFailWithError(
+            q, makeError(ZDURLErrorDomain, ZDURLErrorBodyFileUnreadable,
+                         QStringLiteral("The file \u201c%1\u201d could not be read to its end.")
+                             .arg(bodyFileFailure),
+                         q->m_request.URLString()));
         return;
     }
     const QString description = errorBuffer[0] ? QString::fromUtf8(errorBuffer)

@@ -1,5 +1,7 @@
 #include "net/ZDURLRequest.h"
 
+#include <QFile>
+
 const QString ZDCurlErrorDomain = QStringLiteral("CurlErrorDomain");
 const QString ZDURLErrorDomain = QStringLiteral("ZDURLErrorDomain");
 const QString ZDURLErrorURLKey = QStringLiteral("failingURL");
@@ -16,21 +18,43 @@ void ZDURLRequest::setURL(const QUrl &url)
     m_url = url.toEncoded();
 }
 
+ZDBodySegment ZDBodySegment::file(const QString &path, qint64 size)
+{
+    ZDBodySegment segment;
+    segment.m_path = path.isNull() ? QStringLiteral("") : path;
+    segment.m_size = qMax<qint64>(size, 0);
+    return segment;
+}
+
+QByteArray ZDBodySegment::readAll() const
+{
+    if (!isFile())
+        return m_bytes;
+    QFile file(m_path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QByteArray();
+    return file.read(m_size);
+}
+
 std::optional<QByteArray> ZDURLRequest::HTTPBody() const
 {
     if (!m_body)
         return std::nullopt;
     if (m_body->isEmpty())
         return QByteArray("");
-    if (m_body->size() == 1)
-        return m_body->front();
-    return m_body->join();
+    if (m_body->size() == 1 && !m_body->front().isFile())
+        return m_body->front().bytes();
+    QByteArray joined;
+    joined.reserve(HTTPBodyLength());
+    for (const ZDBodySegment &segment : *m_body)
+        joined += segment.readAll();
+    return joined;
 }
 
 void ZDURLRequest::setHTTPBody(const std::optional<QByteArray> &body)
 {
     if (body)
-        m_body = QByteArrayList{*body};
+        m_body = ZDBodySegments{ZDBodySegment(*body)};
     else
         m_body.reset();
 }
@@ -38,7 +62,7 @@ void ZDURLRequest::setHTTPBody(const std::optional<QByteArray> &body)
 qint64 ZDURLRequest::HTTPBodyLength() const
 {
     qint64 length = 0;
-    for (const QByteArray &segment : m_body.value_or(QByteArrayList()))
+    for (const ZDBodySegment &segment : m_body.value_or(ZDBodySegments()))
         length += segment.size();
     return length;
 }

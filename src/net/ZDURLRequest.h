@@ -30,7 +30,35 @@ enum ZDURLError : qint32 {
     ZDURLErrorInvalidHeaderField = 2,
     // The transport could not be set up (out of memory or handles).
     ZDURLErrorTransportUnavailable = 3,
+    // A file that the body is read from could not be read to its end (it went
+    // away or shrank after the body was built).
+    ZDURLErrorBodyFileUnreadable = 4,
 };
+
+// One piece of a request body: bytes in memory, or the first `size` bytes of a
+// file, read from disk as the transport sends them.
+class ZD_EXPORT ZDBodySegment
+{
+public:
+    ZDBodySegment(const QByteArray &bytes) : m_bytes(bytes), m_size(bytes.size()) {}
+    static ZDBodySegment file(const QString &path, qint64 size);
+
+    bool isFile() const { return !m_path.isNull(); }
+    const QByteArray &bytes() const { return m_bytes; }
+    QString filePath() const { return m_path; }
+    qint64 size() const { return m_size; }
+    // The segment's bytes, read from its file for a file segment (fewer when the
+    // file cannot give them all).
+    QByteArray readAll() const;
+
+private:
+    ZDBodySegment() = default;
+    QByteArray m_bytes;
+    QString m_path;
+    qint64 m_size = 0;
+};
+
+using ZDBodySegments = QList<ZDBodySegment>;
 
 // A URL request as the transport sends it: the URL (kept as its encoded text, so
 // that what is built is what goes on the wire), the verb, the header fields, an
@@ -65,12 +93,13 @@ public:
     // when there is one.
     //
     // A body is held as pieces sent back to back, so that a large file part is
-    // sent from the caller's own buffer and never copied into one body buffer.
-    // HTTPBody() joins the pieces (a body of one piece is shared, not copied).
+    // sent from the caller's own buffer, or straight from its file, and never
+    // copied into one body buffer. HTTPBody() joins the pieces (a body of one
+    // piece in memory is shared, not copied; file pieces are read).
     std::optional<QByteArray> HTTPBody() const;
     void setHTTPBody(const std::optional<QByteArray> &body);
-    const std::optional<QByteArrayList> &HTTPBodySegments() const { return m_body; }
-    void setHTTPBodySegments(std::optional<QByteArrayList> segments)
+    const std::optional<ZDBodySegments> &HTTPBodySegments() const { return m_body; }
+    void setHTTPBodySegments(std::optional<ZDBodySegments> segments)
     {
         m_body = std::move(segments);
     }
@@ -87,7 +116,7 @@ private:
     QByteArray m_url;
     QByteArray m_method = QByteArrayLiteral("GET");
     ZDHTTPHeaderList m_headers;
-    std::optional<QByteArrayList> m_body;
+    std::optional<ZDBodySegments> m_body;
     bool m_allowsCellularAccess = true;
 };
 

@@ -174,10 +174,10 @@ void tst_Interop::multipartBodiesParseWithIndependentParsers()
     QFETCH(QVariantMap, signedParams);
     QFETCH(QVariantMap, unsignedParams);
     const QString boundary = u"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0"_s;
-    QByteArrayList segments = zdMultipartSegments(signedParams, boundary);
+    ZDBodySegments segments = zdMultipartSegments(signedParams, boundary);
     if (!unsignedParams.isEmpty())
         segments += zdMultipartSegments(unsignedParams, boundary);
-    const QByteArray body = segments.join();
+    const QByteArray body = zdJoinSegments(segments);
 
     QJsonArray expected = expectedParts(signedParams);
     for (const auto &part : expectedParts(unsignedParams))

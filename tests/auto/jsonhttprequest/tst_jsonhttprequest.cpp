@@ -78,6 +78,8 @@ private Q_SLOTS:
     void multipartBodyHoldsSignedThenUnsignedSequences();
     void largePartsGoOutWhole_data();
     void largePartsGoOutWhole();
+    void aStreamedFileThatGoesAwayFailsTheRequest_data();
+    void aStreamedFileThatGoesAwayFailsTheRequest();
     void signerSeesPostParametersInQueryButRequestGoesToPlainURL();
     void putAndOverrideBodiesSendExactlyWhatWasGiven();
     void unknownMethodKeepsTheVerbAndBuildsNoBody();
@@ -252,13 +254,17 @@ void tst_JSONHTTPRequest::multipartBodyHoldsSignedThenUnsignedSequences()
 void tst_JSONHTTPRequest::largePartsGoOutWhole_data()
 {
     QTest::addColumn<bool>("redirected");
-    QTest::newRow("direct") << false;
-    QTest::newRow("after a 307") << true;
+    QTest::addColumn<bool>("streamed");
+    QTest::newRow("direct") << false << false;
+    QTest::newRow("after a 307") << true << false;
+    QTest::newRow("streamed from its file") << false << true;
+    QTest::newRow("streamed, after a 307") << true << true;
 }
 
 void tst_JSONHTTPRequest::largePartsGoOutWhole()
 {
     QFETCH(bool, redirected);
+    QFETCH(bool, streamed);
     m_server.setHandler([&](const RecordedRequest &request) {
         if (redirected && request.target == "/start")
             return CannedReply::redirect(307, "/final");
@@ -270,10 +276,15 @@ void tst_JSONHTTPRequest::largePartsGoOutWhole()
     ZDFileUpload upload;
     upload.setName(u"clip.mov"_s);
     upload.setData(video);
+    QTemporaryDir dir;
+    QFile file(dir.filePath(u"clip.mov"_s));
+    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(video) == video.size());
+    file.close();
+    const QVariant part = streamed ? QVariant::fromValue(ZDStreamedFileUpload(file.fileName()))
+                                   : QVariant::fromValue(upload);
     const QVariantMap signedParams{{u"title"_s, u"Trip"_s},
                                    {u"thumbnail"_s, QByteArray(200 * 1024, 't')}};
-    const QVariantMap unsignedParams{{u"a-video"_s, QVariant::fromValue(upload)},
-                                     {u"b-note"_s, u"after the video"_s}};
+    const QVariantMap unsignedParams{{u"a-video"_s, part}, {u"b-note"_s, u"after the video"_s}};
 
     RecordingDelegate delegate;
     MultipartRequest request(m_server.url(u"/start"_s), &delegate);
@@ -284,14 +295,51 @@ void tst_JSONHTTPRequest::largePartsGoOutWhole()
     QTRY_VERIFY_WITH_TIMEOUT(delegate.endings() == 1, kTimeoutMs);
     QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Object);
 
+    // The same bytes a video held in memory gives.
+    const QVariantMap inMemory{{u"a-video"_s, QVariant::fromValue(upload)},
+                               {u"b-note"_s, u"after the video"_s}};
     const QByteArray expected =
-        request._multipartParamData(signedParams) + request._multipartParamData(unsignedParams);
+        request._multipartParamData(signedParams) + request._multipartParamData(inMemory);
     QCOMPARE(m_server.requests().size(), redirected ? 2 : 1);
     for (const RecordedRequest &seen : m_server.requests()) {
         QCOMPARE(seen.method, QByteArray("POST"));
         QCOMPARE(seen.body.size(), expected.size());
         QVERIFY(seen.body == expected);
     }
+}
+
+void tst_JSONHTTPRequest::aStreamedFileThatGoesAwayFailsTheRequest_data()
+{
+    QTest::addColumn<bool>("removed");
+    QTest::newRow("removed") << true;
+    QTest::newRow("shrunk") << false;
+}
+
+void tst_JSONHTTPRequest::aStreamedFileThatGoesAwayFailsTheRequest()
+{
+    QFETCH(bool, removed);
+    QTemporaryDir dir;
+    QFile file(dir.filePath(u"clip.mov"_s));
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(QByteArray(1024 * 1024, 'v'));
+    file.close();
+    RecordingDelegate delegate;
+    JSONHTTPRequest request(m_server.url(u"/upload"_s), &delegate);
+    request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
+    request.setUnsignedPostParams(
+        QVariantMap{{u"video"_s, QVariant::fromValue(ZDStreamedFileUpload(file.fileName()))}});
+    request.start(); // the body is built with the file's size now
+    if (removed) {
+        QVERIFY(file.remove());
+    } else {
+        QVERIFY(file.resize(1000));
+    }
+    QTRY_VERIFY_WITH_TIMEOUT(delegate.endings() == 1, kTimeoutMs);
+    settle(200);
+    QCOMPARE(delegate.endings(), 1);
+    QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Failure);
+    QCOMPARE(delegate.last().error.domain(), ZDURLErrorDomain);
+    QCOMPARE(delegate.last().error.code(), qint64(ZDURLErrorBodyFileUnreadable));
 }
 
 void tst_JSONHTTPRequest::signerSeesPostParametersInQueryButRequestGoesToPlainURL()

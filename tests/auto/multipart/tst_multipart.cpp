@@ -42,6 +42,7 @@ private Q_SLOTS:
     void fileContentTypeFollowsLowerCasedExtension();
     void fileNameQuotesAndBackslashesAreEscapedButKeysAreNot();
     void fileUploadReadsWholeFileOrReportsNull();
+    void streamedFilePartMakesTheSameBytes();
 };
 
 void tst_Multipart::boundaryIsAnUpperCaseUuidKeptForTheRequest()
@@ -161,6 +162,30 @@ void tst_Multipart::fileUploadReadsWholeFileOrReportsNull()
     QCOMPARE(missing.name(), u"missing.mov"_s);
     QVERIFY(missing.data().isNull());
     QVERIFY(ZDFileUpload(dir.path()).data().isNull());
+}
+
+void tst_Multipart::streamedFilePartMakesTheSameBytes()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"a \"quoted\\ clip.MOV"_s);
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QByteArray contents;
+    for (int i = 0; i < 300000; ++i)
+        contents += char(i * 31);
+    file.write(contents);
+    file.close();
+
+    MultipartRequest request;
+    for (const QString &candidate : {path, dir.filePath(u"missing.png"_s), dir.path()}) {
+        const QByteArray inMemory = request._multipartParamData(
+            {{u"v"_s, QVariant::fromValue(ZDFileUpload(candidate))}, {u"w"_s, u"after"_s}});
+        const QByteArray streamed = request._multipartParamData(
+            {{u"v"_s, QVariant::fromValue(ZDStreamedFileUpload(candidate))}, {u"w"_s, u"after"_s}});
+        QCOMPARE(streamed.size(), inMemory.size());
+        QVERIFY(streamed == inMemory);
+    }
+    QCOMPARE(ZDStreamedFileUpload(path).name(), u"a \"quoted\\ clip.MOV"_s);
 }
 
 QTEST_GUILESS_MAIN(tst_Multipart)

@@ -202,15 +202,15 @@ struct Sheet
                           QPoint(row.left() + 4, row.center().y()));
     }
     // Drags the table's content by `dy` points from `start`, as a finger would.
-    void drag(const QPoint &start, int dy)
+    void drag(const QPoint &start, int dy) { dragOn(table()->contentWidget(), start, dy); }
+    static void dragOn(QWidget *widget, const QPoint &start, int dy)
     {
-        QWidget *content = table()->contentWidget();
         const QPoint end = start + QPoint(0, dy);
-        QTest::mousePress(content, Qt::LeftButton, {}, start);
-        QMouseEvent move(QEvent::MouseMove, end, content->mapToGlobal(end), Qt::NoButton,
+        QTest::mousePress(widget, Qt::LeftButton, {}, start);
+        QMouseEvent move(QEvent::MouseMove, end, widget->mapToGlobal(end), Qt::NoButton,
                          Qt::LeftButton, Qt::NoModifier);
-        QApplication::sendEvent(content, &move);
-        QTest::mouseRelease(content, Qt::LeftButton, {}, end);
+        QApplication::sendEvent(widget, &move);
+        QTest::mouseRelease(widget, Qt::LeftButton, {}, end);
     }
     QPushButton *publishButton() const { return navigation->rightButton(); }
     void save(const QString &name) const
@@ -224,6 +224,23 @@ struct Sheet
     std::unique_ptr<TestForm> form;
     std::unique_ptr<ZDNavigationController> navigation;
     QWidget *window = nullptr;
+};
+
+// Ann's signed-in authenticator, made before and kept after the sheet that uses it.
+struct SignedInAuthenticator
+{
+    SignedInAuthenticator() { auth.setSignedIn(u"Ann"_s); }
+    TestAuthenticator auth;
+};
+
+// A shown sheet whose authenticator is signed in.
+struct SignedInSheet : SignedInAuthenticator, Sheet
+{
+    explicit SignedInSheet(FormOptions options = {}, QSize size = QSize(320, 480))
+        : Sheet(&auth, options, size)
+    {
+        show();
+    }
 };
 
 inline ZDAlertView *visibleAlert(const QPointer<ZDAlertView> &alert)

@@ -70,10 +70,7 @@ private Q_SLOTS:
 
 void tst_FormEditing::typingIntoTheBlankTagRowAddsOneBlankRowBelow()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     const int tags = int(sheet.form->sectionIndices().tags);
     QCOMPARE(sheet.form->tagCell(0)->placeholder(), L("TAGS"));
     sheet.form->tagCell(0)->becomeFirstResponder();
@@ -92,10 +89,7 @@ void tst_FormEditing::typingIntoTheBlankTagRowAddsOneBlankRowBelow()
 
 void tst_FormEditing::emptyingATagRowTakesAwayAnotherBlankRow()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     const int tags = int(sheet.form->sectionIndices().tags);
     QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"a"_s);
     sheet.form->tagCell(1)->becomeFirstResponder();
@@ -121,10 +115,7 @@ void tst_FormEditing::emptyingATagRowTakesAwayAnotherBlankRow()
 
 void tst_FormEditing::tagsKeepRowOrderRepeatsAndInnerBlanks()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     const QStringList typed{u" x "_s, u"x"_s, u"x"_s};
     for (size_t i = 0; i < size_t(typed.size()); ++i) {
         sheet.form->tagCell(i)->becomeFirstResponder();
@@ -136,10 +127,7 @@ void tst_FormEditing::tagsKeepRowOrderRepeatsAndInnerBlanks()
 
 void tst_FormEditing::returnInTheTitleMovesToTheDescription()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     sheet.form->titleCell()->becomeFirstResponder();
     QTest::keyClicks(sheet.form->titleCell()->editor(), u"Trip"_s);
     QTest::keyClick(sheet.form->titleCell()->editor(), Qt::Key_Return);
@@ -153,10 +141,7 @@ void tst_FormEditing::returnInTheTitleMovesToTheDescription()
 
 void tst_FormEditing::endOfTagCharacterJumpsToTheBlankRow()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     sheet.form->tagCell(0)->becomeFirstResponder();
     // The only blank row is this one: the focus stays.
     QTest::keyClicks(sheet.form->tagCell(0)->editor(), u","_s);
@@ -169,10 +154,7 @@ void tst_FormEditing::endOfTagCharacterJumpsToTheBlankRow()
 
 void tst_FormEditing::descriptionRowGrowsPastItsDeadBand()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     EditableTextCell *description = sheet.form->descriptionCell();
     description->becomeFirstResponder();
     qreal previous = sheet.form->descriptionHeight();
@@ -196,10 +178,7 @@ void tst_FormEditing::descriptionRowGrowsPastItsDeadBand()
 
 void tst_FormEditing::beginningToEditSelectsTheRowWithoutTheSelectionHandling()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
     sheet.tap(category); // the picker's room is made
     QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
@@ -267,10 +246,7 @@ void tst_FormEditing::pickerSlidesUpWhereTheKeyboardWouldStand()
 
 void tst_FormEditing::turningTheWheelNamesTheCategory()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
     sheet.tap(category);
     QTRY_VERIFY(sheet.form->pickerContainer()->geometry().bottom() ==
@@ -284,23 +260,14 @@ void tst_FormEditing::turningTheWheelNamesTheCategory()
     QCOMPARE(cell->detailTextLabel()->text(), u"Music"_s);
     QCOMPARE(sheet.form->videoCategory()->value(), QVariant(10));
     // Dragging the wheel back up chooses the first again.
-    const QPoint middle(wheel->width() / 2, wheel->height() / 2);
-    QTest::mousePress(wheel, Qt::LeftButton, {}, middle);
-    QMouseEvent move(QEvent::MouseMove, middle + QPoint(0, 45),
-                     wheel->mapToGlobal(middle + QPoint(0, 45)), Qt::NoButton, Qt::LeftButton,
-                     Qt::NoModifier);
-    QApplication::sendEvent(wheel, &move);
-    QTest::mouseRelease(wheel, Qt::LeftButton, {}, middle + QPoint(0, 45));
+    Sheet::dragOn(wheel, QPoint(wheel->width() / 2, wheel->height() / 2), 45);
     QCOMPARE(wheel->selectedRowInComponent(0), 0);
     QCOMPARE(cell->detailTextLabel()->text(), u"Travel"_s);
 }
 
 void tst_FormEditing::pickerSlidesAwayForAnotherRowOrADrag()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
     sheet.tap(category);
     sheet.tap({0, 0});
@@ -338,10 +305,7 @@ void press(const QString &label)
 void tst_FormEditing::phoneKeyboardGivesTheTableItsRoom()
 {
     KeyboardOn keyboard;
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     int shows = 0;
     ZDWeakTarget listener;
     ZDNotificationCenter::defaultCenter().addObserver(&listener, ZDKeyboardDidShowNotification,
@@ -389,10 +353,7 @@ void tst_FormEditing::tabletKeyboardGrowsTheFooter()
 {
     KeyboardOn keyboard;
     ZDDevice::setKind(ZDDeviceKind::Tablet);
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth, {}, QSize(540, 700));
-    sheet.show();
+    SignedInSheet sheet({}, QSize(540, 700));
     auto *footer = qobject_cast<ZDFooterContainerView *>(sheet.table()->tableFooterView());
     const int bare = footer->termsButton()->height() + 10;
     QCOMPARE(footer->height(), bare);
@@ -450,10 +411,7 @@ void tst_FormEditing::descriptionHeightRuleAtItsBoundaries()
 
 void tst_FormEditing::rowsSlideInFromAboveAndTheFirstRowLeavesDownward()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     const int tags = int(sheet.form->sectionIndices().tags);
     sheet.form->tagCell(0)->becomeFirstResponder();
     QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"a"_s);
@@ -479,10 +437,7 @@ void tst_FormEditing::rowsSlideInFromAboveAndTheFirstRowLeavesDownward()
 void tst_FormEditing::tabletPickerTakesAFixedRoom()
 {
     ZDDevice::setKind(ZDDeviceKind::Tablet);
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth, {}, QSize(540, 700));
-    sheet.show();
+    SignedInSheet sheet({}, QSize(540, 700));
     sheet.tap({int(sheet.form->sectionIndices().category), 0});
     QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
     sheet.tap({0, 0});
@@ -491,10 +446,7 @@ void tst_FormEditing::tabletPickerTakesAFixedRoom()
 
 void tst_FormEditing::hostileTextHundredsOfTagsAndOddCategories()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     // Long right-to-left text with emoji in every text row.
     QString hostile;
     for (int i = 0; i < 4000; ++i)

@@ -246,10 +246,7 @@ void tst_PublishForm::cancellingTheDialogOrSigningOutCancelsTheForm()
 
 void tst_PublishForm::qualityRowsFollowTheEnableFlagAndCarryOneCheckmark()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     const int hd = int(sheet.form->sectionIndices().hd);
     EditableTextCell *sd = sheet.form->optionCell(0);
     EditableTextCell *hdCell = sheet.form->optionCell(1);
@@ -348,10 +345,7 @@ void tst_PublishForm::delegateMayDestroyTheFormInsideItsMessages()
 
 void tst_PublishForm::categoryRowMakesRoomUntilAnotherRowOrADragHidesThePicker()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
     sheet.tap(category);
     QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
@@ -371,10 +365,7 @@ void tst_PublishForm::categoryRowMakesRoomUntilAnotherRowOrADragHidesThePicker()
 
 void tst_PublishForm::keyboardOnAPhoneMakesRoomUnlessThePickerHoldsIt()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     auto &center = ZDNotificationCenter::defaultCenter();
     center.postNotification(ZDKeyboardDidShowNotification, nullptr);
     QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
@@ -411,10 +402,7 @@ void tst_PublishForm::alertsOutliveTheirFormAndObserversGoWithIt()
 
 void tst_PublishForm::termsButtonOpensTheServiceTerms()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
-    sheet.show();
+    SignedInSheet sheet;
     QList<QUrl> opened;
     ZDDevice::setURLOpener([&](const QUrl &url) {
         opened << url;

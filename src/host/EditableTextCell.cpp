@@ -164,6 +164,12 @@ void EditableTextCell::resizeEvent(QResizeEvent *event)
         m_placeholder->setGeometry(area.adjusted(0, 8, 0, 0));
         m_placeholder->setAlignment(Qt::AlignLeft | Qt::AlignTop);
     }
+}
+
+void EditableTextCell::layoutContents()
+{
+    ZDTableViewCell::layoutContents();
+    // The size text keeps clear of the checkmark.
     if (m_sizeLabel)
         m_sizeLabel->setGeometry(contentRect());
 }

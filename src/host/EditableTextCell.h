@@ -78,6 +78,7 @@ public:
 protected:
     bool eventFilter(QObject *watched, QEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
+    void layoutContents() override;
     // Called for every key typed into the editor before it is inserted; return
     // true to swallow it.
     virtual bool interceptKey(QKeyEvent *event);

@@ -34,7 +34,7 @@ void ZDTableViewCell::setAccessoryType(Accessory accessory)
     if (m_accessory == accessory)
         return;
     m_accessory = accessory;
-    layoutLabels();
+    layoutContents();
     update();
 }
 
@@ -112,7 +112,7 @@ QRect ZDTableViewCell::contentRect() const
     return area;
 }
 
-void ZDTableViewCell::layoutLabels()
+void ZDTableViewCell::layoutContents()
 {
     const QRect area = contentRect();
     if (!m_detailLabel) {
@@ -127,7 +127,7 @@ void ZDTableViewCell::layoutLabels()
 void ZDTableViewCell::resizeEvent(QResizeEvent *event)
 {
     QWidget::resizeEvent(event);
-    layoutLabels();
+    layoutContents();
 }
 
 void ZDTableViewCell::paintEvent(QPaintEvent *)

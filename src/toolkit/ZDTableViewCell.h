@@ -11,7 +11,7 @@ class QVariantAnimation;
 // A row of a ZDTableView: a text label, in the value style also a detail label
 // at the right, an optional checkmark, and the blue highlight of a selected row.
 // Subclasses put their own widgets into the cell and lay them out in
-// resizeEvent(), keeping clear of contentRect()'s outside.
+// layoutContents(), keeping clear of contentRect()'s outside.
 //
 // A cell belongs to whoever made it; a table only shows it.
 class ZD_EXPORT ZDTableViewCell : public QWidget
@@ -60,9 +60,11 @@ protected:
     void paintEvent(QPaintEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
     virtual void highlightChanged(bool highlighted);
+    // Places the labels (and a subclass's widgets) in contentRect(); runs when
+    // the cell's size or its accessory changes.
+    virtual void layoutContents();
 
 private:
-    void layoutLabels();
     void applyTextColors();
     void setHighlightLevel(qreal level);
 

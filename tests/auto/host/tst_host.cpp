@@ -107,6 +107,15 @@ void tst_Host::qualityOptionCellHasAMainAndASizeLabel()
     QCOMPARE(cell.editor(), nullptr);
     EditableTextCell plain(QRect(), false);
     QCOMPARE(plain.mainLabel(), nullptr);
+
+    // The size text moves out of the way when the row gets its checkmark.
+    cell.resize(300, 44);
+    cell.show();
+    const int freeRight = cell.sizeLabel()->geometry().right();
+    cell.setAccessoryType(ZDTableViewCell::Accessory::Checkmark);
+    QVERIFY(cell.sizeLabel()->geometry().right() < freeRight);
+    cell.setAccessoryType(ZDTableViewCell::Accessory::None);
+    QCOMPARE(cell.sizeLabel()->geometry().right(), freeRight);
 }
 
 void tst_Host::sizesAreShortTexts()

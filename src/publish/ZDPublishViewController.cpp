@@ -506,7 +506,9 @@ qreal ZDPublishViewController::tableViewHeightForHeaderInSection(ZDTableView *, 
 {
     if (section != 0)
         return 0;
-    return (m_headerImageView ? m_headerImageView->pixmap().height() : 0) + 2 * kLogoMargin;
+    // In points: a logo drawn for a high-density screen takes its nominal size.
+    return (m_headerImageView ? m_headerImageView->pixmap().deviceIndependentSize().height() : 0) +
+           2 * kLogoMargin;
 }
 
 QWidget *ZDPublishViewController::tableViewViewForHeaderInSection(ZDTableView *tableView,
@@ -515,7 +517,7 @@ QWidget *ZDPublishViewController::tableViewViewForHeaderInSection(ZDTableView *t
     if (section != 0 || !m_headerImageView)
         return nullptr;
     const qreal width = tableView->viewport()->width();
-    const QSizeF logo = m_headerImageView->pixmap().size();
+    const QSizeF logo = m_headerImageView->pixmap().deviceIndependentSize();
     return new LogoHeader(
         m_headerImageView.get(), QRectF(0, 0, width, logo.height() + 2 * kLogoMargin),
         QRectF((width - logo.width()) * 0.5, kLogoMargin, logo.width(), logo.height()));

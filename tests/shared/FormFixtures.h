@@ -81,6 +81,7 @@ struct FormOptions
     bool categories = true;
     std::optional<int> accessRows = 2;
     bool showHD = true;
+    qreal logoPixelRatio = 1; // 2 for a logo drawn for a high-density screen
 };
 
 class TestForm : public ZDPublishViewController
@@ -98,11 +99,12 @@ public:
     {
         if (!m_options.logo)
             return QPixmap();
-        QPixmap logo(120, 40);
+        QPixmap logo(QSize(120, 40) * m_options.logoPixelRatio);
+        logo.setDevicePixelRatio(m_options.logoPixelRatio);
         logo.fill(QColor(0xcc, 0x22, 0x22));
         QPainter painter(&logo);
         painter.setPen(Qt::white);
-        painter.drawText(logo.rect(), Qt::AlignCenter, u"DemoTube"_s);
+        painter.drawText(QRect(0, 0, 120, 40), Qt::AlignCenter, u"DemoTube"_s);
         return logo;
     }
     std::optional<QList<ZDCategory>> categories() override

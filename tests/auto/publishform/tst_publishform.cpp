@@ -114,6 +114,16 @@ void tst_PublishForm::rowHeightsAndTheLogoHeader()
     QCOMPARE(logo->geometry(), QRect(int((width - 120) * 0.5), 15, 120, 40));
     QCOMPARE(table->headerViewForSection(1), nullptr);
 
+    // A logo drawn at twice the density takes the same room, in points.
+    TestAuthenticator sharp;
+    FormOptions highDensity;
+    highDensity.logoPixelRatio = 2;
+    Sheet dense(&sharp, highDensity);
+    dense.show();
+    QCOMPARE(dense.table()->headerViewForSection(0)->height(), 40 + 30);
+    QCOMPARE(dense.table()->headerViewForSection(0)->findChild<QLabel *>()->geometry(),
+             QRect(int((width - 120) * 0.5), 15, 120, 40));
+
     TestAuthenticator other;
     Sheet plain(&other, {false, false, std::nullopt, false});
     plain.show();

@@ -1,6 +1,7 @@
 // Signs requests with the npm package oauth-1.0a. Reads a JSON array of
 // {method, url, data, consumer: [key, secret], token: [key, secret], nonce,
-// timestamp} from stdin and prints the oauth_signature of each, one a line.
+// timestamp, header} from stdin and prints, one a line, the oauth_signature of
+// each or, when "header" is true, its whole Authorization header value.
 'use strict';
 const OAuth = require('oauth-1.0a');
 const crypto = require('crypto');
@@ -18,6 +19,7 @@ process.stdin.on('end', () => {
     oauth.getTimeStamp = () => request.timestamp;
     const token = request.token ? { key: request.token[0], secret: request.token[1] } : undefined;
     const signed = oauth.authorize({ url: request.url, method: request.method, data: request.data }, token);
-    process.stdout.write(signed.oauth_signature + '\n');
+    const line = request.header ? oauth.toHeader(signed).Authorization : signed.oauth_signature;
+    process.stdout.write(line + '\n');
   }
 });

@@ -1,0 +1,462 @@
+#include "TestSupport.h"
+
+#include "net/JSONHTTPRequest.h"
+#include "net/ZDFileUpload.h"
+#include "net/ZDOAuth1Signer.h"
+
+#include <QCryptographicHash>
+#include <QDateTime>
+#include <QDirIterator>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+#include <QTest>
+#include <QUuid>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+const QString kConsumerKey = u"zd-demo-consumer"_s;
+const QString kConsumerSecret = u"zd-demo-consumer-secret"_s;
+
+struct Reply
+{
+    int status = 0;
+    QByteArray body;
+};
+
+struct Token
+{
+    QString key;
+    QString secret;
+};
+
+// The service as a child process on a free port, with its data in `dataDir`.
+class Service
+{
+public:
+    ~Service() { stop(); }
+
+    bool start(const QString &dataDir, const QStringList &options = {})
+    {
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start(qEnvironmentVariable("ZD_DEMO_SERVICE"),
+                        QStringList{u"--port"_s, u"0"_s, u"--data"_s, dataDir, u"--quiet"_s} +
+                            options);
+        while (!m_process.canReadLine()) {
+            if (!m_process.waitForReadyRead(60000))
+                return false;
+        }
+        static const QRegularExpression line(u"^listening on http://127\\.0\\.0\\.1:(\\d+)/\n$"_s);
+        const auto match = line.match(QString::fromUtf8(m_process.readLine()));
+        m_port = match.captured(1).toInt();
+        return match.hasMatch();
+    }
+    // Ends the service; whether it ended cleanly.
+    bool stop()
+    {
+        if (m_process.state() == QProcess::NotRunning)
+            return false;
+        m_process.terminate();
+        return m_process.waitForFinished(60000) && m_process.exitStatus() == QProcess::NormalExit &&
+               m_process.exitCode() == 0;
+    }
+
+    int port() const { return m_port; }
+    QString url(const QString &path) const
+    {
+        return u"http://127.0.0.1:%1%2"_s.arg(m_port).arg(path);
+    }
+    QProcess &process() { return m_process; }
+
+private:
+    QProcess m_process;
+    int m_port = 0;
+};
+
+Reply curl(const QStringList &arguments)
+{
+    QProcess process;
+    process.start(u"curl"_s, QStringList{u"-sS"_s, u"-w"_s, u"\n%{http_code}"_s} + arguments);
+    process.waitForFinished(120000);
+    const QByteArray out = process.readAllStandardOutput();
+    const qsizetype end = out.lastIndexOf('\n');
+    return {out.mid(end + 1).toInt(), out.left(end)};
+}
+
+// The Authorization header of a POST to `url` carrying `fields`, signed by the
+// npm package oauth-1.0a rather than by this library.
+QString nodeAuthorization(const QString &url, const QJsonObject &fields, const Token &token = {})
+{
+    QJsonObject request{{u"method"_s, u"POST"_s},
+                        {u"url"_s, url},
+                        {u"data"_s, fields},
+                        {u"consumer"_s, QJsonArray{kConsumerKey, kConsumerSecret}},
+                        {u"nonce"_s, QUuid::createUuid().toString(QUuid::Id128)},
+                        {u"timestamp"_s, QDateTime::currentSecsSinceEpoch()},
+                        {u"header"_s, true}};
+    if (!token.key.isEmpty())
+        request[u"token"_s] = QJsonArray{token.key, token.secret};
+    QProcess node;
+    node.start(QStandardPaths::findExecutable(u"node"_s),
+               {qEnvironmentVariable("ZD_SOURCE_DIR") + u"/tests/interop/oauth_sign.js"_s});
+    node.write(QJsonDocument(QJsonArray{request}).toJson(QJsonDocument::Compact));
+    node.closeWriteChannel();
+    node.waitForFinished(60000);
+    return u"Authorization: "_s + QString::fromUtf8(node.readAllStandardOutput().trimmed());
+}
+
+QJsonObject credentials(const QString &password)
+{
+    return {{u"x_auth_username"_s, u"demo"_s},
+            {u"x_auth_password"_s, password},
+            {u"x_auth_mode"_s, u"client_auth"_s}};
+}
+
+QString formBody(const QJsonObject &fields)
+{
+    QStringList pairs;
+    for (auto it = fields.begin(); it != fields.end(); ++it)
+        pairs << it.key() + u'=' + QString::fromLatin1(QUrl::toPercentEncoding(it->toString()));
+    return pairs.join(u'&');
+}
+
+Token exchangeToken(const Service &service)
+{
+    const QString url = service.url(u"/oauth/access_token"_s);
+    const QJsonObject form = credentials(u"demo-password"_s);
+    const Reply reply =
+        curl({u"-H"_s, nodeAuthorization(url, form), u"--data-binary"_s, formBody(form), url});
+    static const QRegularExpression answer(
+        u"^oauth_token=([A-Za-z0-9]+)&oauth_token_secret=([A-Za-z0-9]+)&screen_name=demo$"_s);
+    const auto match = answer.match(QString::fromUtf8(reply.body));
+    return {match.captured(1), match.captured(2)};
+}
+
+// An upload through curl: `fields` as text parts, the file as the video part,
+// signed over `signedFields`. Both get the file's size as "size" unless they
+// name one.
+Reply curlUpload(const Service &service, const Token &token, QJsonObject fields,
+                 const QString &videoPath, QJsonObject signedFields)
+{
+    const QString size = QString::number(QFileInfo(videoPath).size());
+    for (QJsonObject *set : {&fields, &signedFields}) {
+        if (!set->contains(u"size"))
+            set->insert(u"size"_s, size);
+    }
+    const QString url = service.url(u"/api/videos"_s);
+    QStringList arguments{u"-H"_s, nodeAuthorization(url, signedFields, token)};
+    for (auto it = fields.begin(); it != fields.end(); ++it)
+        arguments << u"--form-string"_s << it.key() + u'=' + it->toString();
+    arguments << u"-F"_s << u"video=@"_s + videoPath << url;
+    return curl(arguments);
+}
+
+QStringList entries(const QString &folder)
+{
+    return QDir(folder).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+}
+
+qint64 bytesBelow(const QString &folder)
+{
+    qint64 bytes = 0;
+    for (QDirIterator it(folder, QDir::Files, QDirIterator::Subdirectories); it.hasNext();)
+        bytes += it.nextFileInfo().size();
+    return bytes;
+}
+
+QByteArray randomBytes(qsizetype size)
+{
+    QList<quint32> words(size / 4 + 1);
+    QRandomGenerator::global()->fillRange(words.data(), words.size());
+    return QByteArray(reinterpret_cast<const char *>(words.constData()), size);
+}
+
+QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &bytes)
+{
+    QFile file(dir.filePath(name));
+    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
+        return {};
+    return file.fileName();
+}
+
+} // namespace
+
+class tst_DemoService : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase();
+    void cleanupTestCase();
+    void givesATokenOnlyForASignedRequestWithTheRightPassword();
+    void storesASignedUploadWithItsChecksumAndMetadata();
+    void acceptsTheLibrarysOwnMultipartLayout();
+    void refusesUploadsWithARevokedToken();
+    void keepsNothingOfAnUploadCutShort();
+    void keepsNothingWhenRejectingUploads();
+    void startUpClearsWhatADeadProcessLeftHalfWritten();
+
+private:
+    QString videos() const { return m_data.filePath(u"videos"_s); }
+    QString incoming() const { return m_data.filePath(u"incoming"_s); }
+
+    QTemporaryDir m_data;
+    QTemporaryDir m_files;
+    Service m_service;
+};
+
+void tst_DemoService::initTestCase()
+{
+    if (QStandardPaths::findExecutable(u"node"_s).isEmpty() ||
+        QStandardPaths::findExecutable(u"curl"_s).isEmpty() ||
+        !QFileInfo::exists(qEnvironmentVariable("ZD_SOURCE_DIR") +
+                           u"/tests/interop/node_modules/oauth-1.0a"_s))
+        QFAIL("node, curl or oauth-1.0a is missing: run tools/install-deps");
+    QVERIFY(m_data.isValid() && m_files.isValid());
+    QVERIFY(m_service.start(m_data.path()));
+}
+
+void tst_DemoService::cleanupTestCase()
+{
+    QVERIFY(m_service.stop());
+}
+
+void tst_DemoService::givesATokenOnlyForASignedRequestWithTheRightPassword()
+{
+    const QString url = m_service.url(u"/oauth/access_token"_s);
+    const QJsonObject form = credentials(u"demo-password"_s);
+    const QString authorization = nodeAuthorization(url, form);
+    const auto post = [&](const QString &header, const QJsonObject &body) {
+        return curl({u"-H"_s, header, u"--data-binary"_s, formBody(body), url});
+    };
+
+    const Reply granted = post(authorization, form);
+    QCOMPARE(granted.status, 200);
+    QVERIFY2(QRegularExpression(u"^oauth_token=[A-Za-z0-9]+&oauth_token_secret=[A-Za-z0-9]+"
+                                "&screen_name=demo$"_s)
+                 .match(QString::fromUtf8(granted.body))
+                 .hasMatch(),
+             granted.body.constData());
+
+    const Reply replayed = post(authorization, form);
+    QCOMPARE(replayed.status, 401);
+    QVERIFY(replayed.body.startsWith("error="));
+
+    const QJsonObject wrong = credentials(u"not-the-password"_s);
+    const Reply refused = post(nodeAuthorization(url, wrong), wrong);
+    QCOMPARE(refused.status, 401);
+    QCOMPARE(refused.body, QByteArray("error=invalid_credentials"));
+
+    // Signed for one password, sent with another: the body is covered.
+    const Reply tampered = post(nodeAuthorization(url, wrong), form);
+    QCOMPARE(tampered.status, 401);
+    QCOMPARE(tampered.body, QByteArray("error=invalid_signature"));
+}
+
+void tst_DemoService::storesASignedUploadWithItsChecksumAndMetadata()
+{
+    const Token token = exchangeToken(m_service);
+    QVERIFY(!token.key.isEmpty());
+    const QByteArray video = randomBytes(3 * 1024 * 1024 + 17);
+    const QString path = writeFile(m_files, u"clip.mov"_s, video);
+    const QJsonObject fields{{u"title"_s, u"Caf\u00e9 <b>& \"sea\""_s},
+                             {u"description"_s, u"Waves + wind, 100% real"_s},
+                             {u"tags"_s, u" beach, ,sun ,sea"_s},
+                             {u"category"_s, u"22"_s},
+                             {u"access"_s, u"unlisted"_s}};
+    QJsonObject altered = fields;
+    altered[u"access"_s] = u"public"_s;
+    const Reply tampered = curlUpload(m_service, token, altered, path, fields);
+    QCOMPARE(tampered.status, 401);
+    QVERIFY(entries(videos()).isEmpty());
+    QVERIFY(entries(incoming()).isEmpty());
+
+    const Reply reply = curlUpload(m_service, token, fields, path, fields);
+    QCOMPARE(reply.status, 201);
+    const QJsonObject answer = QJsonDocument::fromJson(reply.body).object();
+    const QString id = answer.value(u"id").toString();
+    const QString md5 =
+        QString::fromLatin1(QCryptographicHash::hash(video, QCryptographicHash::Md5).toHex());
+    QVERIFY(QRegularExpression(u"^[a-z0-9]{12}$"_s).match(id).hasMatch());
+    QCOMPARE(answer.value(u"md5").toString(), md5);
+    QCOMPARE(answer.value(u"bytes").toInteger(), qint64(video.size()));
+    QCOMPARE(answer.value(u"url").toString(), m_service.url(u"/videos/"_s + id));
+
+    QFile stored(videos() + u'/' + id + u"/video.mov"_s);
+    QVERIFY(stored.open(QIODevice::ReadOnly));
+    QVERIFY(stored.readAll() == video);
+    const Reply served = curl({m_service.url(u"/videos/"_s + id)});
+    QCOMPARE(served.status, 200);
+    const QJsonObject meta = QJsonDocument::fromJson(served.body).object();
+    QCOMPARE(meta.value(u"title").toString(), fields.value(u"title").toString());
+    QCOMPARE(meta.value(u"description").toString(), fields.value(u"description").toString());
+    QCOMPARE(meta.value(u"tags").toArray(), (QJsonArray{u"beach"_s, u"sun"_s, u"sea"_s}));
+    QCOMPARE(meta.value(u"category").toString(), u"22"_s);
+    QCOMPARE(meta.value(u"access").toString(), u"unlisted"_s);
+    QCOMPARE(meta.value(u"filename").toString(), u"clip.mov"_s);
+    QCOMPARE(meta.value(u"md5").toString(), md5);
+    QCOMPARE(meta.value(u"bytes").toInteger(), qint64(video.size()));
+    QCOMPARE(meta.value(u"account").toString(), u"demo"_s);
+    QVERIFY(
+        QDateTime::fromString(meta.value(u"published").toString(), Qt::ISODateWithMs).isValid());
+    QVERIFY(entries(incoming()).isEmpty());
+
+    const QString copy = m_files.filePath(u"served.mov"_s);
+    QCOMPARE(curl({u"-o"_s, copy, m_service.url(u"/videos/%1/file"_s.arg(id))}).status, 200);
+    QFile copied(copy);
+    QVERIFY(copied.open(QIODevice::ReadOnly));
+    QVERIFY(copied.readAll() == video);
+    const Reply page = curl({m_service.url(u"/"_s)});
+    QVERIFY(page.body.contains("Caf\xc3\xa9 &lt;b&gt;&amp; &quot;sea&quot;"));
+    QVERIFY(page.body.contains(QByteArray("/videos/" + id.toLatin1() + "/file")));
+}
+
+void tst_DemoService::acceptsTheLibrarysOwnMultipartLayout()
+{
+    const Token token = exchangeToken(m_service);
+    const QByteArray video = randomBytes(512 * 1024);
+    ZDFileUpload upload;
+    upload.setName(u"trip.mov"_s);
+    upload.setData(video);
+
+    RecordingDelegate delegate;
+    JSONHTTPRequest request(
+        QUrl(m_service.url(u"/api/videos"_s)), &delegate,
+        std::make_shared<ZDOAuth1Signer>(kConsumerKey, kConsumerSecret, token.key, token.secret));
+    request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
+    request.setSignsMultipartPOSTData(true);
+    request.setPostParams(QVariantMap{{u"title"_s, u"Trip & back"_s},
+                                      {u"tags"_s, u"road,trip"_s},
+                                      {u"access"_s, u"private"_s},
+                                      {u"size"_s, video.size()}});
+    request.setUnsignedPostParams(QVariantMap{{u"video"_s, QVariant::fromValue(upload)}});
+    request.start();
+    QTRY_VERIFY_WITH_TIMEOUT(delegate.endings() == 1, 120000);
+    QVERIFY2(delegate.last().kind == RecordingDelegate::Event::Object,
+             qPrintable(delegate.last().error.localizedDescription()));
+
+    const QVariantMap answer = delegate.last().object.toMap();
+    QCOMPARE(answer.value(u"md5"_s).toString(),
+             QString::fromLatin1(QCryptographicHash::hash(video, QCryptographicHash::Md5).toHex()));
+    QCOMPARE(answer.value(u"bytes"_s).toLongLong(), qint64(video.size()));
+    QFile metaFile(videos() + u'/' + answer.value(u"id"_s).toString() + u"/meta.json"_s);
+    QVERIFY(metaFile.open(QIODevice::ReadOnly));
+    const QJsonObject meta = QJsonDocument::fromJson(metaFile.readAll()).object();
+    QCOMPARE(meta.value(u"title").toString(), u"Trip & back"_s);
+    QCOMPARE(meta.value(u"tags").toArray(), (QJsonArray{u"road"_s, u"trip"_s}));
+    QCOMPARE(meta.value(u"access").toString(), u"private"_s);
+    QCOMPARE(meta.value(u"filename").toString(), u"trip.mov"_s);
+}
+
+void tst_DemoService::refusesUploadsWithARevokedToken()
+{
+    const Token token = exchangeToken(m_service);
+    const Reply revoked = curl({u"-X"_s, u"POST"_s, m_service.url(u"/admin/revoke"_s)});
+    QCOMPARE(revoked.status, 200);
+    QVERIFY(QJsonDocument::fromJson(revoked.body).object().value(u"revoked").toInt() >= 1);
+
+    const QStringList published = entries(videos());
+    const QString path = writeFile(m_files, u"refused.mov"_s, randomBytes(64 * 1024));
+    const QJsonObject fields{{u"title"_s, u"Too late"_s}};
+    const Reply reply = curlUpload(m_service, token, fields, path, fields);
+    QCOMPARE(reply.status, 401);
+    QVERIFY(QJsonDocument::fromJson(reply.body).object().contains(u"error"));
+    QCOMPARE(entries(videos()), published);
+    QVERIFY(entries(incoming()).isEmpty());
+}
+
+void tst_DemoService::keepsNothingOfAnUploadCutShort()
+{
+    const Token token = exchangeToken(m_service);
+    ZDOAuth1Signer signer(kConsumerKey, kConsumerSecret, token.key, token.secret);
+    ZDURLRequest signing;
+    signing.setURLString(m_service.url(u"/api/videos?size=4194304&title=Cut"_s).toUtf8());
+    signing.setHTTPMethod("POST");
+    const QByteArray authorization =
+        signer.signedRequestForRequest(signing).valueForHTTPHeaderField("Authorization");
+
+    // The library's layout, whose last part is only closed by an ordinary
+    // delimiter line; the connection ends inside the video.
+    const QByteArray boundary = "CUT-SHORT";
+    const QByteArray head =
+        "--" + boundary + "\r\nContent-Disposition: form-data; name=\"title\"\r\n\r\nCut\r\n--" +
+        boundary + "\r\nContent-Disposition: form-data; name=\"size\"\r\n\r\n4194304\r\n--" +
+        boundary + "\r\n--" + boundary +
+        "\r\nContent-Disposition: form-data; name=\"video\"; "
+        "filename=\"cut.mov\"\r\nContent-Type: video/quicktime\r\n\r\n";
+    const qint64 declared = head.size() + 4 * 1024 * 1024 + boundary.size() + 6;
+    const QStringList published = entries(videos());
+
+    QTcpSocket socket;
+    socket.connectToHost(u"127.0.0.1"_s, quint16(m_service.port()));
+    QVERIFY(socket.waitForConnected(30000));
+    socket.write("POST /api/videos HTTP/1.1\r\nHost: 127.0.0.1:" +
+                 QByteArray::number(m_service.port()) + "\r\nAuthorization: " + authorization +
+                 "\r\nContent-Type: multipart/form-data; boundary=" + boundary +
+                 "\r\nContent-Length: " + QByteArray::number(declared) + "\r\n\r\n" + head +
+                 QByteArray(1024 * 1024, 'v'));
+    QTRY_VERIFY_WITH_TIMEOUT(bytesBelow(incoming()) > 0, 60000);
+    socket.abort();
+    QTRY_VERIFY_WITH_TIMEOUT(entries(incoming()).isEmpty(), 60000);
+    QCOMPARE(entries(videos()), published);
+
+    // A whole body whose video falls short of its signed size is refused too:
+    // that is how the service tells a cut-off body from a complete one.
+    const QString path = writeFile(m_files, u"short.mov"_s, randomBytes(64 * 1024));
+    const QJsonObject fields{{u"title"_s, u"Short"_s}, {u"size"_s, u"65537"_s}};
+    const Reply reply = curlUpload(m_service, token, fields, path, fields);
+    QCOMPARE(reply.status, 400);
+    QVERIFY(reply.body.contains("incomplete"));
+    QCOMPARE(entries(videos()), published);
+    QVERIFY(entries(incoming()).isEmpty());
+}
+
+void tst_DemoService::keepsNothingWhenRejectingUploads()
+{
+    QTemporaryDir data;
+    Service service;
+    QVERIFY(service.start(data.path(), {u"--reject-uploads"_s}));
+    const QString path = writeFile(m_files, u"rejected.mov"_s, randomBytes(64 * 1024));
+    const QJsonObject fields{{u"title"_s, u"Rejected"_s}};
+    const Reply reply = curlUpload(service, exchangeToken(service), fields, path, fields);
+    QCOMPARE(reply.status, 422);
+    QCOMPARE(reply.body,
+             QByteArray(R"({"error":"This demo service is not accepting videos right now."})"));
+    QVERIFY(entries(data.filePath(u"videos"_s)).isEmpty());
+    QVERIFY(entries(data.filePath(u"incoming"_s)).isEmpty());
+}
+
+void tst_DemoService::startUpClearsWhatADeadProcessLeftHalfWritten()
+{
+    QTemporaryDir data;
+    const QString incomingFolder = data.filePath(u"incoming"_s);
+    const QString path = writeFile(m_files, u"doomed.mov"_s, randomBytes(2 * 1024 * 1024));
+    {
+        Service dying;
+        QVERIFY(dying.start(data.path(), {u"--die-after-bytes"_s, u"100000"_s}));
+        const QJsonObject fields{{u"title"_s, u"Doomed"_s}};
+        curlUpload(dying, exchangeToken(dying), fields, path, fields);
+        QVERIFY(dying.process().waitForFinished(60000));
+        QCOMPARE(dying.process().exitCode(), 70);
+    }
+    QCOMPARE(entries(incomingFolder).size(), 1);
+    QVERIFY(bytesBelow(incomingFolder) > 100000);
+    QVERIFY(bytesBelow(incomingFolder) < 2 * 1024 * 1024);
+    QVERIFY(entries(data.filePath(u"videos"_s)).isEmpty());
+
+    Service next;
+    QVERIFY(next.start(data.path()));
+    QVERIFY(entries(incomingFolder).isEmpty());
+}
+
+QTEST_GUILESS_MAIN(tst_DemoService)
+#include "tst_demo_service.moc"

@@ -1,0 +1,284 @@
+#include "HostSheet.h"
+
+#include <host/FileSizeFormatter.h>
+#include <toolkit/ZDNavigationController.h>
+
+#include <QCryptographicHash>
+#include <QFile>
+#include <QFileInfo>
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+#include <QStackedLayout>
+#include <QTextDocument>
+#include <QTimer>
+#include <QVBoxLayout>
+
+#include <cstdio>
+
+#include <unistd.h>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QString sizeText(qint64 bytes)
+{
+    return FileSizeFormatter(float(bytes), 1);
+}
+
+// The file's MD5, read in pieces so that a large video is not held in memory.
+QString fileMD5(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QString();
+    QCryptographicHash hash(QCryptographicHash::Md5);
+    if (!hash.addData(&file))
+        return QString();
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+} // namespace
+
+// --- the host's operations --------------------------------------------------------------
+
+qint64 DemoHostAgent::estimatedHDUploadBytes()
+{
+    // This host sends the file as it is, whichever quality is chosen.
+    return m_sheet->videoSize();
+}
+
+qint64 DemoHostAgent::estimatedSDUploadBytes()
+{
+    return m_sheet->videoSize();
+}
+
+void DemoHostAgent::setChosenOption(int option)
+{
+    m_chosenOption = option;
+}
+
+void DemoHostAgent::confirmPublishing()
+{
+    m_sheet->publishingConfirmed();
+}
+
+void DemoHostAgent::abandonPublishing()
+{
+    m_sheet->publishingAbandoned();
+}
+
+void DemoHostAgent::setPublishingInProgress(bool inProgress)
+{
+    m_inProgress = inProgress;
+}
+
+void DemoHostAgent::reportBytesWrittenOfTotal(qint64 written, qint64 total)
+{
+    m_sheet->progress(written, total);
+}
+
+// --- the sheet --------------------------------------------------------------------------
+
+HostSheet::HostSheet(const QString &videoPath, const DemoUploadOptions &uploadOptions)
+    : m_videoPath(videoPath), m_videoSize(QFileInfo(videoPath).size()),
+      m_agent(std::make_unique<DemoHostAgent>(this))
+{
+    m_onTerminal = isatty(fileno(stdout));
+    m_agent->setUploadOptions(uploadOptions);
+    m_agent->setHostDelegate(this);
+    setWindowTitle(u"Photos \u2014 Publish to Demo Video"_s);
+    m_pages = new QStackedLayout(this);
+    m_progressPage = makeProgressPage();
+    m_resultPage = makeResultPage();
+    m_pages->addWidget(m_progressPage);
+    m_pages->addWidget(m_resultPage);
+}
+
+HostSheet::~HostSheet()
+{
+    // The agent owns the form's views, which sit in this widget.
+    m_agent.reset();
+}
+
+DemoPublishViewController *HostSheet::form() const
+{
+    return static_cast<DemoPublishViewController *>(m_agent->publishViewController());
+}
+
+ZDNavigationController *HostSheet::navigation() const
+{
+    return m_agent->navigationController();
+}
+
+void HostSheet::open()
+{
+    QWidget *sheet = m_agent->navigationController()->view();
+    m_pages->insertWidget(0, sheet);
+    m_pages->setCurrentWidget(sheet);
+    show();
+}
+
+QWidget *HostSheet::makeProgressPage()
+{
+    auto *page = new QWidget;
+    auto *layout = new QVBoxLayout(page);
+    layout->setContentsMargins(24, 24, 24, 24);
+    layout->addStretch(2);
+    m_progressTitle = new QLabel;
+    m_progressTitle->setWordWrap(true);
+    m_progressTitle->setAlignment(Qt::AlignCenter);
+    QFont font = m_progressTitle->font();
+    font.setPointSizeF(font.pointSizeF() * 1.25);
+    font.setBold(true);
+    m_progressTitle->setFont(font);
+    layout->addWidget(m_progressTitle);
+    layout->addSpacing(16);
+    m_progressBar = new QProgressBar;
+    m_progressBar->setRange(0, 1000);
+    m_progressBar->setTextVisible(false);
+    layout->addWidget(m_progressBar);
+    m_progressText = new QLabel;
+    m_progressText->setAlignment(Qt::AlignCenter);
+    layout->addWidget(m_progressText);
+    layout->addSpacing(16);
+    m_cancelButton = new QPushButton(u"Cancel"_s);
+    connect(m_cancelButton, &QPushButton::clicked, this, [this] {
+        m_cancelButton->setEnabled(false);
+        m_agent->cancelUpload();
+    });
+    layout->addWidget(m_cancelButton, 0, Qt::AlignCenter);
+    layout->addStretch(3);
+    return page;
+}
+
+QWidget *HostSheet::makeResultPage()
+{
+    auto *page = new QWidget;
+    auto *layout = new QVBoxLayout(page);
+    layout->setContentsMargins(24, 24, 24, 24);
+    layout->addStretch(2);
+    m_resultTitle = new QLabel;
+    m_resultTitle->setAlignment(Qt::AlignCenter);
+    QFont font = m_resultTitle->font();
+    font.setPointSizeF(font.pointSizeF() * 1.4);
+    font.setBold(true);
+    m_resultTitle->setFont(font);
+    layout->addWidget(m_resultTitle);
+    layout->addSpacing(12);
+    m_resultMessage = new QLabel;
+    m_resultMessage->setWordWrap(true);
+    m_resultMessage->setAlignment(Qt::AlignCenter);
+    m_resultMessage->setTextFormat(Qt::RichText);
+    m_resultMessage->setOpenExternalLinks(true);
+    m_resultMessage->setTextInteractionFlags(Qt::TextBrowserInteraction);
+    layout->addWidget(m_resultMessage);
+    layout->addSpacing(16);
+    m_doneButton = new QPushButton(u"Done"_s);
+    connect(m_doneButton, &QPushButton::clicked, this, &HostSheet::done);
+    layout->addWidget(m_doneButton, 0, Qt::AlignCenter);
+    layout->addStretch(3);
+    return page;
+}
+
+void HostSheet::publishingConfirmed()
+{
+    const QString title = m_agent->mediaTitle();
+    m_progressTitle->setText(u"Publishing \u201c%1\u201d to Demo Video"_s.arg(title));
+    m_progressText->setText(u"Preparing\u2026"_s);
+    m_pages->setCurrentWidget(m_progressPage);
+    std::printf("Publishing \"%s\" (%s, %s quality) to %s\n", qPrintable(title),
+                qPrintable(sizeText(m_videoSize)),
+                m_agent->chosenOption() == 1 ? "high" : "standard",
+                qPrintable(DemoVideo::baseURL().toString()));
+    std::fflush(stdout);
+    // The host's export of the chosen quality would run here; this host sends
+    // the file as it is, once the form's button press has finished.
+    QTimer::singleShot(0, this, [this] {
+        m_uploadClock.start();
+        m_agent->uploadVideoAtPath(m_videoPath);
+    });
+}
+
+void HostSheet::publishingAbandoned()
+{
+    showResult(HostOutcome::Cancelled, u"Not Published"_s, u"You cancelled publishing."_s);
+}
+
+void HostSheet::progress(qint64 written, qint64 total)
+{
+    if (total > 0)
+        m_progressBar->setValue(int(1000 * written / total));
+    m_progressText->setText(u"%1 of %2"_s.arg(sizeText(written), sizeText(total)));
+    printProgress(written, total);
+    Q_EMIT progressed(written, total);
+}
+
+void HostSheet::printProgress(qint64 written, qint64 total)
+{
+    if (!m_terminalProgress || total <= 0)
+        return;
+    const int percent = int(100 * written / total);
+    // On a terminal the bar is redrawn in place; into a file or a pipe it is
+    // written every tenth of the way.
+    const int step = m_onTerminal ? 1 : 10;
+    if (m_printedPercent >= 0 && percent / step == m_printedPercent / step)
+        return;
+    m_printedPercent = percent;
+    constexpr int kWidth = 30;
+    const int filled = percent * kWidth / 100;
+    std::printf("%s  [%s%s] %3d%%  %s of %s%s", m_onTerminal ? "\r" : "",
+                std::string(size_t(filled), '#').c_str(),
+                std::string(size_t(kWidth - filled), '.').c_str(), percent,
+                qPrintable(sizeText(written)), qPrintable(sizeText(total)),
+                m_onTerminal ? "" : "\n");
+    std::fflush(stdout);
+}
+
+void HostSheet::agentDidFinishPublishingError(PublishingAgentBase *,
+                                              const std::optional<ZDError> &error)
+{
+    const double seconds = double(m_uploadClock.nsecsElapsed()) / 1e9;
+    if (m_printedPercent >= 0 && m_onTerminal)
+        std::printf("\n"); // below the bar
+    if (error) {
+        const bool cancelled =
+            error->domain() == DemoVideo::ErrorDomain && error->code() == DemoVideo::ErrorCancelled;
+        showResult(cancelled ? HostOutcome::Cancelled : HostOutcome::Failed, u"Not Published"_s,
+                   error->localizedDescription().toHtmlEscaped());
+        return;
+    }
+    const std::optional<DemoPublishedVideo> video = m_agent->publishedVideo();
+    std::printf("Uploaded %lld bytes in %.3f s (%.1f MiB/s)\n", static_cast<long long>(m_videoSize),
+                seconds, seconds > 0 ? double(m_videoSize) / (1024.0 * 1024.0) / seconds : 0.0);
+    const QString localMD5 = fileMD5(m_videoPath);
+    if (!video || video->md5 != localMD5 || video->bytes != m_videoSize) {
+        showResult(HostOutcome::NotIntact, u"Damaged in Transit"_s,
+                   u"The service stored %1 bytes with MD5 %2; the file has %3 bytes with MD5 %4."_s
+                       .arg(video ? video->bytes : 0)
+                       .arg(video ? video->md5 : u"?"_s, QString::number(m_videoSize), localMD5));
+        return;
+    }
+    const QString link = video->url.toString(QUrl::FullyEncoded);
+    showResult(HostOutcome::Published, u"Published"_s,
+               u"Your video is on Demo Video at<br><a href=\"%1\">%1</a><br><br>"
+               u"<small>MD5 %2 matches the file.</small>"_s.arg(link.toHtmlEscaped(), localMD5));
+}
+
+void HostSheet::showResult(HostOutcome outcome, const QString &title, const QString &message)
+{
+    m_resultTitle->setText(title);
+    m_resultMessage->setText(message);
+    m_pages->setCurrentWidget(m_resultPage);
+    std::printf("%s: %s\n", qPrintable(title), qPrintable(resultText()));
+    std::fflush(stdout);
+    Q_EMIT finished(outcome);
+}
+
+QString HostSheet::resultText() const
+{
+    QTextDocument document;
+    document.setHtml(m_resultMessage->text());
+    return document.toPlainText().replace(u'\n', u' ');
+}

@@ -1,0 +1,112 @@
+#pragma once
+
+// The demo host's publishing sheet: what a photo application shows while it
+// publishes one video through a service plug-in's agent.
+
+#include <DemoPublishAgent.h>
+#include <DemoPublishViewController.h>
+#include <DemoVideo.h>
+
+#include <QElapsedTimer>
+#include <QPointer>
+#include <QWidget>
+
+class HostSheet;
+class QLabel;
+class QProgressBar;
+class QPushButton;
+class QStackedLayout;
+
+// The photo application's side of the agent: its estimates and its publishing
+// operations, which land on the sheet.
+class DemoHostAgent : public DemoPublishAgent
+{
+public:
+    explicit DemoHostAgent(HostSheet *sheet) : m_sheet(sheet) {}
+
+    qint64 estimatedHDUploadBytes() override;
+    qint64 estimatedSDUploadBytes() override;
+    void setChosenOption(int option) override;
+    void confirmPublishing() override;
+    void abandonPublishing() override;
+    void setPublishingInProgress(bool inProgress) override;
+    void reportBytesWrittenOfTotal(qint64 written, qint64 total) override;
+
+    int chosenOption() const { return m_chosenOption; }
+    bool publishingInProgress() const { return m_inProgress; }
+
+private:
+    HostSheet *m_sheet;
+    int m_chosenOption = 0;
+    bool m_inProgress = false;
+};
+
+// How the sheet ended; the demo host's exit status.
+enum class HostOutcome : int {
+    Published = 0, // arrived, and the service's MD5 and size match the file
+    Failed = 2,    // the plug-in reported an error
+    Cancelled = 3, // the user cancelled the sheet or the upload
+    NotIntact = 4, // the service stored something other than the file
+};
+
+class HostSheet : public QWidget, public PublishingAgentHostDelegate
+{
+    Q_OBJECT
+
+public:
+    HostSheet(const QString &videoPath, const DemoUploadOptions &uploadOptions);
+    ~HostSheet() override;
+
+    // Asks the agent for its navigation controller and shows the form.
+    void open();
+
+    QString videoPath() const { return m_videoPath; }
+    qint64 videoSize() const { return m_videoSize; }
+    DemoHostAgent *agent() const { return m_agent.get(); }
+    DemoPublishViewController *form() const;
+    ZDNavigationController *navigation() const;
+    QPushButton *cancelUploadButton() const { return m_cancelButton; }
+    QPushButton *doneButton() const { return m_doneButton; }
+    QString resultText() const;
+    // Prints a progress bar on the terminal while uploading.
+    void setTerminalProgress(bool on) { m_terminalProgress = on; }
+
+    // --- the host operations the agent calls -----------------------------------------
+    void publishingConfirmed();
+    void publishingAbandoned();
+    void progress(qint64 written, qint64 total);
+
+    void agentDidFinishPublishingError(PublishingAgentBase *agent,
+                                       const std::optional<ZDError> &error) override;
+
+Q_SIGNALS:
+    void progressed(qint64 written, qint64 total);
+    // Publishing ended (or was abandoned) with this outcome.
+    void finished(HostOutcome outcome);
+    // The user closed the result.
+    void done();
+
+private:
+    QWidget *makeProgressPage();
+    QWidget *makeResultPage();
+    void showResult(HostOutcome outcome, const QString &title, const QString &message);
+    void printProgress(qint64 written, qint64 total);
+
+    QString m_videoPath;
+    qint64 m_videoSize = 0;
+    std::unique_ptr<DemoHostAgent> m_agent;
+    QStackedLayout *m_pages = nullptr;
+    QWidget *m_progressPage = nullptr;
+    QWidget *m_resultPage = nullptr;
+    QLabel *m_progressTitle = nullptr;
+    QProgressBar *m_progressBar = nullptr;
+    QLabel *m_progressText = nullptr;
+    QPushButton *m_cancelButton = nullptr;
+    QLabel *m_resultTitle = nullptr;
+    QLabel *m_resultMessage = nullptr;
+    QPushButton *m_doneButton = nullptr;
+    QElapsedTimer m_uploadClock;
+    bool m_terminalProgress = true;
+    bool m_onTerminal = false;
+    int m_printedPercent = -1;
+};

@@ -1,0 +1,213 @@
+// The demo host: a small photo application that publishes one video to the
+// Demo Video service through the example plug-in.
+//
+//   zd_demo_host [video] [--service URL] [--scripted] [--tablet] ...
+//
+// With a display it opens a phone-sized (or tablet-sized) window in which you
+// fill in the sheet yourself. Without one, or with --scripted, it runs on the
+// offscreen platform and a scripted user fills in the sheet; the terminal shows
+// what the user does, the upload's progress and the result. The exit status is
+// 0 only when the service stored the video intact (same size and MD5).
+
+#include "HostSheet.h"
+#include "SampleClip.h"
+#include "ScriptedUser.h"
+
+#include <DemoAuthenticator.h>
+#include <DemoCredentialStore.h>
+#include <DemoVideo.h>
+#include <toolkit/ZDAlertView.h>
+#include <toolkit/ZDDevice.h>
+#include <toolkit/ZDKeyboard.h>
+
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QDir>
+#include <QFileInfo>
+#include <QTimer>
+
+#include <cstdio>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+enum ExitStatus { ExitUsage = 1, ExitScriptStuck = 5 };
+
+bool hasDisplay()
+{
+    return qEnvironmentVariableIsSet("DISPLAY") || qEnvironmentVariableIsSet("WAYLAND_DISPLAY");
+}
+
+bool wantsScripted(int argc, char **argv)
+{
+    for (int i = 1; i < argc; ++i) {
+        if (qstrcmp(argv[i], "--scripted") == 0)
+            return true;
+    }
+    return !hasDisplay();
+}
+
+std::optional<qint64> byteCount(const QString &text)
+{
+    bool ok = false;
+    const qint64 value = text.toLongLong(&ok);
+    return ok && value >= 0 ? std::optional<qint64>(value) : std::nullopt;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const bool scripted = wantsScripted(argc, argv);
+    if (scripted && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+        qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(u"zd_demo_host"_s);
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(u"Publishes a video to the Demo Video service."_s);
+    parser.addHelpOption();
+    parser.addPositionalArgument(u"video"_s, u"The video to publish (a sample clip if none)."_s);
+    const QCommandLineOption service(u"service"_s, u"The service's address."_s, u"url"_s,
+                                     u"http://127.0.0.1:8765/"_s);
+    const QCommandLineOption scriptedOption(u"scripted"_s,
+                                            u"A scripted user fills in the sheet."_s);
+    const QCommandLineOption tablet(u"tablet"_s, u"A tablet-sized sheet."_s);
+    const QCommandLineOption noKeyring(u"no-keyring"_s, u"Keep the sign-in in memory only."_s);
+    const QCommandLineOption mode(u"upload-mode"_s, u"auto, memory or streamed."_s, u"mode"_s,
+                                  u"auto"_s);
+    const QCommandLineOption threshold(
+        u"stream-threshold"_s, u"Auto mode streams files from this size (bytes)."_s, u"bytes"_s);
+    const QCommandLineOption memoryLimit(
+        u"memory-limit"_s, u"Memory an in-memory upload may use (bytes)."_s, u"bytes"_s);
+    const QCommandLineOption title(u"title"_s, u"The scripted title."_s, u"text"_s,
+                                   u"Sunset at the sea"_s);
+    const QCommandLineOption description(
+        u"description"_s, u"The scripted description."_s, u"text"_s,
+        u"The sun goes down over the water, filmed from the pier."_s);
+    const QCommandLineOption tags(u"tags"_s, u"The scripted tags, comma-separated."_s, u"list"_s,
+                                  u"sea,sunset,summer"_s);
+    const QCommandLineOption category(u"category"_s, u"The scripted category."_s, u"name"_s,
+                                      u"Travel & Events"_s);
+    const QCommandLineOption access(u"access"_s, u"public, unlisted or private."_s, u"access"_s,
+                                    u"unlisted"_s);
+    const QCommandLineOption hd(u"hd"_s, u"The scripted user chooses high definition."_s);
+    const QCommandLineOption rightFirst(u"no-wrong-password"_s,
+                                        u"The scripted user signs in right the first time."_s);
+    const QCommandLineOption cancelSheet(u"cancel-sheet"_s,
+                                         u"The scripted user cancels the sheet."_s);
+    const QCommandLineOption cancelAfter(u"cancel-after-bytes"_s,
+                                         u"The scripted user cancels the upload after this much."_s,
+                                         u"bytes"_s);
+    const QCommandLineOption revoke(u"revoke-before-publish"_s,
+                                    u"The sign-in is revoked just before publishing."_s);
+    const QCommandLineOption deleteFile(u"delete-before-publish"_s,
+                                        u"The video is deleted just before publishing."_s);
+    const QCommandLineOption screenshots(u"screenshots"_s, u"Save pictures of the sheet here."_s,
+                                         u"dir"_s);
+    parser.addOptions({service, scriptedOption, tablet, noKeyring, mode, threshold, memoryLimit,
+                       title, description, tags, category, access, hd, rightFirst, cancelSheet,
+                       cancelAfter, revoke, deleteFile, screenshots});
+    parser.process(app);
+
+    DemoVideo::setBaseURL(QUrl(parser.value(service)));
+    if (parser.isSet(noKeyring))
+        DemoCredentialStore::shared().setKeyringEnabled(false);
+
+    DemoUploadOptions uploadOptions;
+    const QString modeName = parser.value(mode);
+    if (modeName == u"memory")
+        uploadOptions.mode = DemoUploadOptions::Mode::InMemory;
+    else if (modeName == u"streamed")
+        uploadOptions.mode = DemoUploadOptions::Mode::Streamed;
+    else if (modeName != u"auto")
+        parser.showHelp(ExitUsage);
+    if (parser.isSet(threshold)) {
+        const auto bytes = byteCount(parser.value(threshold));
+        if (!bytes)
+            parser.showHelp(ExitUsage);
+        uploadOptions.streamThreshold = *bytes;
+    }
+    if (parser.isSet(memoryLimit)) {
+        uploadOptions.memoryLimit = byteCount(parser.value(memoryLimit));
+        if (!uploadOptions.memoryLimit)
+            parser.showHelp(ExitUsage);
+    }
+
+    QString videoPath = parser.positionalArguments().value(0);
+    if (videoPath.isEmpty()) {
+        videoPath = QDir::temp().filePath(u"zd-demo-sample-clip.avi"_s);
+        QString error;
+        if (!writeSampleClip(videoPath, &error)) {
+            std::fprintf(stderr, "cannot write a sample clip to %s: %s\n", qPrintable(videoPath),
+                         qPrintable(error));
+            return ExitUsage;
+        }
+        std::printf("No video given: made a sample clip, %s\n", qPrintable(videoPath));
+    } else if (!QFileInfo(videoPath).isFile()) {
+        std::fprintf(stderr, "no such video file: %s\n", qPrintable(videoPath));
+        return ExitUsage;
+    }
+
+    ZDDevice::setKind(parser.isSet(tablet) ? ZDDeviceKind::Tablet : ZDDeviceKind::Phone);
+    ZDKeyboard::shared().setEnabled(true);
+
+    auto sheet = std::make_unique<HostSheet>(videoPath, uploadOptions);
+    sheet->resize(ZDDevice::screenSize(ZDDevice::kind()).toSize());
+    ZDAlertView::setDefaultWindow(sheet.get());
+    int status = 0;
+    QObject::connect(sheet.get(), &HostSheet::finished, &app, [&](HostOutcome outcome) {
+        status = int(outcome);
+        if (scripted)
+            QTimer::singleShot(0, &app, [&app] { app.exit(); });
+    });
+    QObject::connect(sheet.get(), &HostSheet::done, &app, [&app] { app.exit(); });
+
+    Script script;
+    script.wrongPasswordFirst = !parser.isSet(rightFirst);
+    script.title = parser.value(title);
+    script.description = parser.value(description);
+    script.tags = parser.value(tags).split(u',', Qt::SkipEmptyParts);
+    script.category = parser.value(category);
+    script.access = parser.value(access);
+    script.highDefinition = parser.isSet(hd);
+    script.cancelSheet = parser.isSet(cancelSheet);
+    if (parser.isSet(cancelAfter))
+        script.cancelAfterBytes = byteCount(parser.value(cancelAfter));
+    script.revokeBeforePublish = parser.isSet(revoke);
+    script.deleteFileBeforePublish = parser.isSet(deleteFile);
+    script.screenshotDir = parser.value(screenshots);
+    ScriptedUser user(*sheet, script);
+
+    // A picture of the progress page about half-way.
+    bool progressShot = false;
+    QObject::connect(sheet.get(), &HostSheet::progressed, &app, [&](qint64 written, qint64 total) {
+        if (!progressShot && total > 0 && written * 2 >= total) {
+            progressShot = true;
+            user.screenshot(u"demo-progress.png"_s);
+        }
+    });
+    QObject::connect(sheet.get(), &HostSheet::finished, &app,
+                     [&] { user.screenshot(u"demo-result.png"_s); });
+
+    if (scripted) {
+        // Every run starts signed out, so that the sign-in is part of it.
+        DemoAuthenticator::sharedAuthenticator()->invalidateAuthentication();
+    } else {
+        // Read the stored sign-in now, before the sheet appears.
+        DemoAuthenticator::sharedAuthenticator()->loadCredentials();
+    }
+    sheet->open();
+    if (scripted) {
+        QTimer::singleShot(0, &app, [&] {
+            if (!user.fillInAndPublish()) {
+                status = ExitScriptStuck;
+                app.exit();
+            }
+        });
+    }
+    app.exec();
+    sheet.reset();
+    return status;
+}

@@ -1,0 +1,92 @@
+#include "DemoAuthenticator.h"
+
+#include "DemoCredentialStore.h"
+#include "DemoVideo.h"
+
+#include <toolkit/ZDAlertView.h>
+
+using namespace Qt::StringLiterals;
+
+DemoAuthenticator *DemoAuthenticator::sharedAuthenticator()
+{
+    static DemoAuthenticator authenticator;
+    return &authenticator;
+}
+
+void DemoAuthenticator::authenticateWithUsernamePassword(const QString &username,
+                                                         const QString &password)
+{
+    auto signer =
+        std::make_shared<ZDOAuth1Signer>(DemoVideo::consumerKey(), DemoVideo::consumerSecret());
+    m_authenticationRequest = std::make_unique<JSONHTTPRequest>(
+        DemoVideo::endpoint(u"oauth/access_token"_s), this, signer);
+    m_authenticationRequest->setHTTPMethod(JSONHTTPRequestMethodFormPOST);
+    m_authenticationRequest->setResponseType(JSONHTTPResponseTypeFormString);
+    m_authenticationRequest->setPostParams(QVariantMap{{u"x_auth_username"_s, username},
+                                                       {u"x_auth_password"_s, password},
+                                                       {u"x_auth_mode"_s, u"client_auth"_s}});
+    m_authenticatorState = StateSigningIn;
+    _notifyStateChange();
+    m_authenticationRequest->start();
+}
+
+void DemoAuthenticator::requestDidReceiveObject(JSONHTTPRequest *request, const QVariant &object)
+{
+    const QVariantMap answer = object.toMap();
+    const QString token = answer.value(u"oauth_token"_s).toString();
+    const QString secret = answer.value(u"oauth_token_secret"_s).toString();
+    const QString account = answer.value(u"screen_name"_s).toString();
+    if (token.isEmpty() || secret.isEmpty()) {
+        requestDidFailWithError(request, DemoVideo::error(DemoVideo::ErrorBadAnswer,
+                                                          u"The sign-in answer holds no token."_s));
+        return;
+    }
+    m_authenticationRequest.reset();
+    signIn(account.isEmpty() ? u"Demo Video"_s : account, token, secret);
+    DemoCredentialStore::shared().save({m_account, m_token, m_tokenSecret});
+}
+
+void DemoAuthenticator::loadCredentials()
+{
+    if (const auto stored = DemoCredentialStore::shared().load())
+        signIn(stored->account, stored->token, stored->tokenSecret);
+    else
+        ZDAuthenticator::loadCredentials();
+}
+
+void DemoAuthenticator::signIn(const QString &account, const QString &token,
+                               const QString &tokenSecret)
+{
+    m_account = account;
+    m_token = token;
+    m_tokenSecret = tokenSecret;
+    m_authenticatorState = ZDAuthenticatorStateSignedIn;
+    _notifyStateChange();
+}
+
+ZDAlertView *DemoAuthenticator::authenticationDialogWithTargetAction(QObject *target,
+                                                                     std::function<void()> action)
+{
+    auto *dialog = new ZDAlertView(u"Sign in to Demo Video"_s,
+                                   u"Enter your Demo Video user name and password."_s, nullptr,
+                                   u"Cancel"_s, {u"Sign In"_s});
+    dialog->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
+    dialog->setReturnKeyAction(target, std::move(action));
+    return dialog;
+}
+
+void DemoAuthenticator::invalidateAuthentication()
+{
+    m_token.clear();
+    m_tokenSecret.clear();
+    DemoCredentialStore::shared().clear();
+    ZDAuthenticator::invalidateAuthentication();
+}
+
+std::shared_ptr<ZDOAuth1Signer> DemoAuthenticator::accountSigner() const
+{
+    if (m_authenticatorState != ZDAuthenticatorStateSignedIn || m_token.isEmpty())
+        return nullptr;
+    return std::make_shared<ZDOAuth1Signer>(DemoVideo::consumerKey(), DemoVideo::consumerSecret(),
+                                            m_token, m_tokenSecret);
+}

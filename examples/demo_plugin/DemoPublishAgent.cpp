@@ -1,0 +1,50 @@
+#include "DemoPublishAgent.h"
+
+#include "DemoPublishViewController.h"
+
+ZDPublishViewControllerClass DemoPublishAgent::publishViewControllerClass()
+{
+    return [] {
+        auto form = ZDPublishViewController::create<DemoPublishViewController>();
+        form->setShowHDSection(true);
+        form->setEnableHDSection(true);
+        return std::unique_ptr<ZDPublishViewController>(std::move(form));
+    };
+}
+
+void DemoPublishAgent::uploadVideoAtPath(const QString &path)
+{
+    auto *form = static_cast<DemoPublishViewController *>(publishViewController());
+    DemoVideoDetails details{path, QString(), QString(), {}, QString(), QString()};
+    if (form) {
+        details.title = form->videoTitle().trimmed();
+        details.description = form->videoDescription();
+        for (const QString &tag : form->videoTags()) {
+            if (!tag.trimmed().isEmpty())
+                details.tags << tag.trimmed();
+        }
+        if (const std::optional<ZDCategory> category = form->videoCategory())
+            details.category = category->value().toString();
+        details.access = form->videoAccess();
+    }
+    m_publishPost = std::make_unique<DemoPublishPost>(this, details, m_uploadOptions);
+    setPublishingInProgress(true);
+    m_publishPost->startUpload();
+}
+
+void DemoPublishAgent::cancelUpload()
+{
+    if (DemoPublishPost *post = demoPublishPost())
+        post->cancel();
+}
+
+DemoPublishPost *DemoPublishAgent::demoPublishPost() const
+{
+    return static_cast<DemoPublishPost *>(m_publishPost.get());
+}
+
+std::optional<DemoPublishedVideo> DemoPublishAgent::publishedVideo() const
+{
+    const DemoPublishPost *post = demoPublishPost();
+    return post ? post->publishedVideo() : std::nullopt;
+}

@@ -1,0 +1,34 @@
+#pragma once
+
+#include "DemoPublishPost.h"
+
+#include <publish/ZDPublishAgent.h>
+
+// The agent through which a host publishes to Demo Video.
+//
+// The host opens the form with navigationController(). Once the user has
+// published and the host has the file to send (after confirmPublishing(), when
+// its export in the chosen quality is ready), it calls uploadVideoAtPath(); the
+// agent makes the upload job, marks publishing in progress and starts it.
+// Progress and the outcome then reach the host through the base's operations
+// and its host delegate; publishedVideo() tells where the video went.
+class DemoPublishAgent : public ZDPublishAgent
+{
+public:
+    ZDPublishViewControllerClass publishViewControllerClass() override;
+
+    void uploadVideoAtPath(const QString &path);
+    // Stops a running upload; the host hears of it as a failure with
+    // DemoVideo::ErrorCancelled.
+    void cancelUpload();
+
+    void setUploadOptions(const DemoUploadOptions &options) { m_uploadOptions = options; }
+    const DemoUploadOptions &uploadOptions() const { return m_uploadOptions; }
+
+    // The service's answer once the upload succeeded.
+    std::optional<DemoPublishedVideo> publishedVideo() const;
+    DemoPublishPost *demoPublishPost() const;
+
+private:
+    DemoUploadOptions m_uploadOptions;
+};

@@ -1,0 +1,230 @@
+#include "DemoPublishPost.h"
+
+#include "DemoAuthenticator.h"
+#include "DemoVideo.h"
+
+#include <host/FileSizeFormatter.h>
+#include <net/ZDFileUpload.h>
+#include <net/ZDURLRequest.h>
+
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTimer>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// What the system says is available now (MemAvailable), or no limit when it
+// does not say.
+qint64 availableMemory()
+{
+    QFile meminfo(u"/proc/meminfo"_s);
+    if (!meminfo.open(QIODevice::ReadOnly))
+        return std::numeric_limits<qint64>::max();
+    for (const QByteArray &line : meminfo.readAll().split('\n')) {
+        if (line.startsWith("MemAvailable:")) {
+            const QList<QByteArray> fields = line.simplified().split(' ');
+            bool ok = false;
+            const qint64 kib = fields.value(1).toLongLong(&ok);
+            if (ok)
+                return kib * 1024;
+        }
+    }
+    return std::numeric_limits<qint64>::max();
+}
+
+// The request, with the body of a refusal readable: the service explains
+// itself there.
+class DemoRequest : public JSONHTTPRequest
+{
+public:
+    using JSONHTTPRequest::JSONHTTPRequest;
+    using JSONHTTPRequest::rawData;
+};
+
+// The service's explanation in a refusal's JSON body ({"error": "..."}), if any.
+QString refusalReason(const JSONHTTPRequest *request)
+{
+    const auto &body = static_cast<const DemoRequest *>(request)->rawData();
+    if (!body)
+        return QString();
+    return QJsonDocument::fromJson(*body).object().value(u"error").toString();
+}
+
+QString sizeText(qint64 bytes)
+{
+    return FileSizeFormatter(float(bytes), 1);
+}
+
+} // namespace
+
+DemoPublishPost::DemoPublishPost(ZDPublishPostDelegate *delegate, DemoVideoDetails details,
+                                 DemoUploadOptions options)
+    : ZDPublishPost(delegate), m_details(std::move(details)), m_options(options)
+{}
+
+DemoPublishPost::~DemoPublishPost() = default;
+
+std::optional<QVariant> DemoPublishPost::videoPart(ZDError &error)
+{
+    const QFileInfo info(m_details.path);
+    QFile file(m_details.path);
+    if (!info.exists()) {
+        error = DemoVideo::error(
+            DemoVideo::ErrorFileUnreadable,
+            u"The video file \"%1\" cannot be read: it no longer exists."_s.arg(info.fileName()));
+        return std::nullopt;
+    }
+    if (!info.isFile() || !file.open(QIODevice::ReadOnly)) {
+        error = DemoVideo::error(DemoVideo::ErrorFileUnreadable,
+                                 u"The video file \"%1\" cannot be read: %2."_s.arg(
+                                     info.fileName(), file.errorString()));
+        return std::nullopt;
+    }
+    const qint64 size = info.size();
+    m_videoBytes = size;
+    m_streams =
+        m_options.mode == DemoUploadOptions::Mode::Streamed ||
+        (m_options.mode == DemoUploadOptions::Mode::Automatic && size >= m_options.streamThreshold);
+    if (m_streams)
+        return QVariant::fromValue(ZDStreamedFileUpload(m_details.path));
+
+    const qint64 limit = m_options.memoryLimit.value_or(availableMemory());
+    if (size > limit / 2) {
+        error = DemoVideo::error(
+            DemoVideo::ErrorFileTooLarge,
+            u"The video (%1) is too large to upload from memory: that needs %2 and %3 is "
+            u"available."_s.arg(sizeText(size), sizeText(2 * size), sizeText(limit)));
+        return std::nullopt;
+    }
+    ZDFileUpload upload(m_details.path);
+    if (upload.data().isNull() || upload.data().size() != size) {
+        error = DemoVideo::error(
+            DemoVideo::ErrorFileUnreadable,
+            u"The video file \"%1\" could not be read to its end."_s.arg(info.fileName()));
+        return std::nullopt;
+    }
+    return QVariant::fromValue(upload);
+}
+
+void DemoPublishPost::startUpload()
+{
+    const std::shared_ptr<ZDOAuth1Signer> signer =
+        DemoAuthenticator::sharedAuthenticator()->accountSigner();
+    if (!signer) {
+        failLater(DemoVideo::error(DemoVideo::ErrorSignInExpired,
+                                   u"Sign in to Demo Video before publishing."_s));
+        return;
+    }
+    ZDError error;
+    const std::optional<QVariant> video = videoPart(error);
+    if (!video) {
+        failLater(error);
+        return;
+    }
+
+    m_request = std::make_unique<DemoRequest>(DemoVideo::endpoint(u"api/videos"_s), this, signer);
+    m_request->setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
+    m_request->setResponseType(JSONHTTPResponseTypeJSON);
+    m_request->setAllowsCellularAccess(allowsCellularAccessForUploads());
+    // Every text field is covered by the signature; the video is not.
+    m_request->setSignsMultipartPOSTData(true);
+    // The size lets the service tell a complete upload from one cut off.
+    QVariantMap fields{{u"size"_s, QString::number(m_videoBytes)},
+                       {u"title"_s, m_details.title},
+                       {u"description"_s, m_details.description},
+                       {u"tags"_s, m_details.tags.join(u',')},
+                       {u"access"_s, m_details.access}};
+    if (!m_details.category.isEmpty())
+        fields.insert(u"category"_s, m_details.category);
+    m_request->setPostParams(fields);
+    m_request->setUnsignedPostParams(QVariantMap{{u"video"_s, *video}});
+    m_request->start();
+}
+
+void DemoPublishPost::cancel()
+{
+    if (!m_request)
+        return;
+    m_request.reset();
+    failLater(DemoVideo::error(DemoVideo::ErrorCancelled, u"Publishing was cancelled."_s));
+}
+
+void DemoPublishPost::failLater(const ZDError &error)
+{
+    QTimer::singleShot(0, &m_context, [this, error] { fail(error); });
+}
+
+void DemoPublishPost::fail(const ZDError &error)
+{
+    if (ZDPublishPostDelegate *target = delegate())
+        target->publishPostDidFailWithError(this, error);
+}
+
+void DemoPublishPost::requestHasWrittenBytesExpectsToWrite(JSONHTTPRequest *, qint64 written,
+                                                           qint64 expected)
+{
+    if (ZDPublishPostDelegate *target = delegate())
+        target->publishPostHasWrittenBytesExpectsToWrite(this, written, expected);
+}
+
+void DemoPublishPost::requestDidReceiveObject(JSONHTTPRequest *request, const QVariant &object)
+{
+    const QVariantMap answer = object.toMap();
+    DemoPublishedVideo published{
+        answer.value(u"id"_s).toString(), QUrl(answer.value(u"url"_s).toString()),
+        answer.value(u"md5"_s).toString(), answer.value(u"bytes"_s).toLongLong()};
+    if (published.id.isEmpty() || !published.url.isValid() || published.md5.isEmpty()) {
+        requestDidFailWithError(request,
+                                ZDError(JSONHTTPRequestErrorDomain, JSONHTTPRequestErrorNoResult));
+        return;
+    }
+    m_published = published;
+    m_request.reset();
+    if (ZDPublishPostDelegate *target = delegate())
+        target->publishPostSucceeded(this);
+}
+
+void DemoPublishPost::requestDidFailWithError(JSONHTTPRequest *request, const ZDError &error)
+{
+    const QString reason = request ? refusalReason(request) : QString();
+    m_request.reset();
+    ZDError reported;
+    if (error.domain() == JSONHTTPRequestErrorDomain &&
+        error.code() == JSONHTTPRequestErrorBadStatus) {
+        const int status =
+            error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode();
+        if (status == 401) {
+            // The token was revoked or expired: the user has to sign in again.
+            DemoAuthenticator::sharedAuthenticator()->invalidateAuthentication();
+            reported = DemoVideo::error(
+                DemoVideo::ErrorSignInExpired,
+                u"Demo Video no longer accepts your sign-in. Sign in again and publish once more."_s,
+                error);
+        } else {
+            reported = DemoVideo::error(
+                DemoVideo::ErrorRefused,
+                reason.isEmpty()
+                    ? u"Demo Video refused the video (HTTP status %1)."_s.arg(status)
+                    : u"Demo Video refused the video: %1 (HTTP status %2)"_s.arg(reason).arg(
+                          status),
+                error);
+        }
+    } else if (error.domain() == ZDURLErrorDomain && error.code() == ZDURLErrorBodyFileUnreadable) {
+        reported = DemoVideo::error(
+            DemoVideo::ErrorFileUnreadable,
+            u"The video file changed or went away while it was being sent."_s, error);
+    } else if (error.domain() == JSONHTTPRequestErrorDomain ||
+               error.domain() == ZDJSONErrorDomain) {
+        reported = DemoVideo::error(DemoVideo::ErrorBadAnswer,
+                                    u"Demo Video sent an answer that could not be read."_s, error);
+    } else {
+        reported = DemoVideo::error(
+            DemoVideo::ErrorConnection,
+            u"The connection to Demo Video failed: %1"_s.arg(error.localizedDescription()), error);
+    }
+    fail(reported);
+}

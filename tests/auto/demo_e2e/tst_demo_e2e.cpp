@@ -1,0 +1,295 @@
+// The main job end to end: the demo host, driven by its scripted user, publishes
+// through the example plug-in to the demo video service, and what the service
+// stored is compared with what was typed and with the file.
+
+#include <QCryptographicHash>
+#include <QDir>
+#include <QFile>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRandomGenerator>
+#include <QRegularExpression>
+#include <QTemporaryDir>
+#include <QTest>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// Exit statuses of the demo host.
+constexpr int kPublished = 0;
+constexpr int kFailed = 2;
+constexpr int kCancelled = 3;
+
+QString md5Of(const QString &path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly))
+        return QString();
+    QCryptographicHash hash(QCryptographicHash::Md5);
+    hash.addData(&file);
+    return QString::fromLatin1(hash.result().toHex());
+}
+
+void writeRandomFile(const QString &path, qint64 size)
+{
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    QByteArray block(1 << 20, Qt::Uninitialized);
+    for (qint64 left = size; left > 0; left -= block.size()) {
+        QRandomGenerator::global()->fillRange(reinterpret_cast<quint32 *>(block.data()),
+                                              block.size() / 4);
+        QVERIFY(file.write(block.constData(), std::min<qint64>(left, block.size())) > 0);
+    }
+}
+
+// The demo service in a child process, on a port of its choosing.
+class Service
+{
+public:
+    explicit Service(const QString &dataDir) : m_dataDir(dataDir) {}
+    ~Service() { stop(); }
+
+    bool start(const QStringList &extra = {})
+    {
+        m_process.setProgram(qEnvironmentVariable("ZD_DEMO_SERVICE"));
+        m_process.setArguments(
+            QStringList{u"--port"_s, u"0"_s, u"--data"_s, m_dataDir, u"--quiet"_s} + extra);
+        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.start();
+        if (!m_process.waitForStarted(30000))
+            return false;
+        const QRegularExpression listening(u"listening on (http://127\\.0\\.0\\.1:\\d+/)"_s);
+        QByteArray out;
+        while (m_process.waitForReadyRead(30000)) {
+            out += m_process.readAll();
+            const QRegularExpressionMatch match = listening.match(QString::fromUtf8(out));
+            if (match.hasMatch()) {
+                m_url = match.captured(1);
+                return true;
+            }
+        }
+        return false;
+    }
+    void stop()
+    {
+        if (m_process.state() == QProcess::NotRunning)
+            return;
+        m_process.terminate();
+        if (!m_process.waitForFinished(10000))
+            m_process.kill();
+        m_process.waitForFinished(10000);
+    }
+    bool waitForExit() { return m_process.waitForFinished(30000); }
+    QString url() const { return m_url; }
+
+    QStringList published() const
+    {
+        return QDir(m_dataDir + u"/videos"_s).entryList(QDir::Dirs | QDir::NoDotAndDotDot);
+    }
+    QStringList incoming() const
+    {
+        return QDir(m_dataDir + u"/incoming"_s).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+    }
+    QJsonObject meta(const QString &id) const
+    {
+        QFile file(m_dataDir + u"/videos/"_s + id + u"/meta.json"_s);
+        if (!file.open(QIODevice::ReadOnly))
+            return {};
+        return QJsonDocument::fromJson(file.readAll()).object();
+    }
+    QString storedVideo(const QString &id) const
+    {
+        const QDir dir(m_dataDir + u"/videos/"_s + id);
+        const QStringList videos = dir.entryList({u"video*"_s}, QDir::Files);
+        return videos.isEmpty() ? QString() : dir.filePath(videos.first());
+    }
+
+private:
+    QString m_dataDir;
+    QString m_url;
+    QProcess m_process;
+};
+
+struct HostRun
+{
+    int exitCode = -1;
+    QString output;
+};
+
+HostRun runHost(const Service &service, const QString &video, const QStringList &extra)
+{
+    QProcess host;
+    host.setProgram(qEnvironmentVariable("ZD_DEMO_HOST"));
+    host.setArguments(
+        QStringList{video, u"--scripted"_s, u"--no-keyring"_s, u"--service"_s, service.url()} +
+        extra);
+    host.setProcessChannelMode(QProcess::MergedChannels);
+    host.start();
+    HostRun run;
+    if (!host.waitForFinished(300000)) {
+        host.kill();
+        host.waitForFinished();
+    }
+    run.exitCode = host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -1;
+    run.output = QString::fromUtf8(host.readAll());
+    return run;
+}
+
+} // namespace
+
+class tst_DemoE2E : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QVERIFY2(QFile::exists(qEnvironmentVariable("ZD_DEMO_SERVICE")), "ZD_DEMO_SERVICE");
+        QVERIFY2(QFile::exists(qEnvironmentVariable("ZD_DEMO_HOST")), "ZD_DEMO_HOST");
+        QVERIFY(m_files.isValid());
+    }
+
+    void publishedVideoArrivesIntactWithWhatWasTyped_data()
+    {
+        QTest::addColumn<QString>("mode");
+        QTest::newRow("in memory") << u"memory"_s;
+        QTest::newRow("streamed from disk") << u"streamed"_s;
+    }
+    void publishedVideoArrivesIntactWithWhatWasTyped()
+    {
+        QFETCH(QString, mode);
+        QTemporaryDir data;
+        Service service(data.path());
+        QVERIFY(service.start());
+        const QString video = m_files.filePath(u"holiday.mp4"_s);
+        writeRandomFile(video, 3 * 1024 * 1024 + 17);
+
+        // The scripted user tries a wrong password first, then the right one.
+        const HostRun run =
+            runHost(service, video,
+                    {u"--upload-mode"_s, mode, u"--title"_s, u"Abend am Meer \u2014 \u6D77"_s,
+                     u"--description"_s, u"Filmed from the pier, ten minutes before dark."_s,
+                     u"--tags"_s, u"sea,sunset,Z\u00FCrich"_s, u"--category"_s, u"Pets & Animals"_s,
+                     u"--access"_s, u"private"_s, u"--hd"_s});
+        QVERIFY2(run.exitCode == kPublished, qPrintable(run.output));
+        QVERIFY2(run.output.contains(u"reads \"Sign-In Failed\""_s), qPrintable(run.output));
+
+        const QStringList published = service.published();
+        QCOMPARE(published.size(), 1);
+        const QJsonObject meta = service.meta(published.first());
+        QCOMPARE(meta.value(u"title").toString(), u"Abend am Meer \u2014 \u6D77"_s);
+        QCOMPARE(meta.value(u"description").toString(),
+                 u"Filmed from the pier, ten minutes before dark."_s);
+        QCOMPARE(meta.value(u"tags").toArray().toVariantList(),
+                 QVariantList({u"sea"_s, u"sunset"_s, u"Z\u00FCrich"_s}));
+        QCOMPARE(meta.value(u"category").toString(), u"animals"_s);
+        QCOMPARE(meta.value(u"access").toString(), u"private"_s);
+        QCOMPARE(meta.value(u"account").toString(), u"demo"_s);
+        QCOMPARE(meta.value(u"filename").toString(), u"holiday.mp4"_s);
+        QCOMPARE(md5Of(service.storedVideo(published.first())), md5Of(video));
+        QCOMPARE(meta.value(u"md5").toString(), md5Of(video));
+        QVERIFY(service.incoming().isEmpty());
+        QVERIFY2(run.output.contains(service.url() + u"videos/"_s + published.first()),
+                 qPrintable(run.output));
+    }
+
+    void refusalReachesTheHostSheetWithTheServicesReason()
+    {
+        QTemporaryDir data;
+        Service service(data.path());
+        QVERIFY(service.start({u"--reject-uploads"_s}));
+        const QString video = m_files.filePath(u"refused.mp4"_s);
+        writeRandomFile(video, 256 * 1024);
+        const HostRun run = runHost(service, video, {u"--no-wrong-password"_s});
+        QVERIFY2(run.exitCode == kFailed, qPrintable(run.output));
+        QVERIFY2(run.output.contains(u"Not Published: Demo Video refused the video: This demo "
+                                     u"service is not accepting videos right now."_s),
+                 qPrintable(run.output));
+        QVERIFY2(run.output.contains(u"HTTP status 422"_s), qPrintable(run.output));
+        QVERIFY(service.published().isEmpty());
+        QVERIFY(service.incoming().isEmpty());
+    }
+
+    void cancelledPublicationLeavesNothingOnTheService_data()
+    {
+        QTest::addColumn<QStringList>("how");
+        QTest::newRow("the sheet") << QStringList{u"--cancel-sheet"_s};
+        QTest::newRow("the upload, once under way")
+            << QStringList{u"--upload-mode"_s, u"streamed"_s, u"--cancel-after-bytes"_s, u"1"_s};
+    }
+    void cancelledPublicationLeavesNothingOnTheService()
+    {
+        QFETCH(QStringList, how);
+        QTemporaryDir data;
+        Service service(data.path());
+        QVERIFY(service.start());
+        const QString video = m_files.filePath(u"cancelled.mp4"_s);
+        writeRandomFile(video, 64 * 1024 * 1024);
+        const HostRun run = runHost(service, video, QStringList{u"--no-wrong-password"_s} + how);
+        QVERIFY2(run.exitCode == kCancelled, qPrintable(run.output));
+        // The service notices the dropped connection and clears its half-upload.
+        QTRY_VERIFY_WITH_TIMEOUT(service.incoming().isEmpty(), 30000);
+        QVERIFY(service.published().isEmpty());
+    }
+
+    // Faults: each ends in a clear message on the sheet, a failure status for the
+    // host, nothing half-written on the service and the file untouched.
+    void faultsEndInAClearErrorAndLeaveNothingBehind_data()
+    {
+        QTest::addColumn<QStringList>("hostOptions");
+        QTest::addColumn<QStringList>("serviceOptions");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("revoked token") << QStringList{u"--revoke-before-publish"_s} << QStringList()
+                                       << u"Demo Video no longer accepts your sign-in"_s;
+        QTest::newRow("file deleted before upload")
+            << QStringList{u"--delete-before-publish"_s} << QStringList() << u"cannot be read"_s;
+        QTest::newRow("too large for memory")
+            << QStringList{u"--upload-mode"_s, u"memory"_s, u"--memory-limit"_s, u"4000000"_s}
+            << QStringList() << u"too large to upload from memory"_s;
+        QTest::newRow("service dies mid-upload")
+            << QStringList{u"--upload-mode"_s, u"streamed"_s}
+            << QStringList{u"--die-after-bytes"_s, u"1000000"_s}
+            << u"The connection to Demo Video failed"_s;
+    }
+    void faultsEndInAClearErrorAndLeaveNothingBehind()
+    {
+        QFETCH(QStringList, hostOptions);
+        QFETCH(QStringList, serviceOptions);
+        QFETCH(QString, message);
+        QTemporaryDir data;
+        Service service(data.path());
+        QVERIFY(service.start(serviceOptions));
+        const QString video = m_files.filePath(u"fault.mp4"_s);
+        writeRandomFile(video, 8 * 1024 * 1024);
+        const QString before = md5Of(video);
+
+        const HostRun run =
+            runHost(service, video, QStringList{u"--no-wrong-password"_s} + hostOptions);
+        QVERIFY2(run.exitCode == kFailed, qPrintable(run.output));
+        QVERIFY2(run.output.contains(u"\nNot Published: "_s), qPrintable(run.output));
+        QVERIFY2(run.output.contains(message), qPrintable(run.output));
+        if (QFile::exists(video))
+            QCOMPARE(md5Of(video), before);
+
+        if (serviceOptions.contains(u"--die-after-bytes"_s)) {
+            QVERIFY(service.waitForExit());
+            // A service that starts again clears what its predecessor left half-written.
+            Service again(data.path());
+            QVERIFY(again.start());
+            QVERIFY(again.incoming().isEmpty());
+            QVERIFY(again.published().isEmpty());
+            return;
+        }
+        QTRY_VERIFY_WITH_TIMEOUT(service.incoming().isEmpty(), 30000);
+        QVERIFY(service.published().isEmpty());
+    }
+
+private:
+    QTemporaryDir m_files;
+};
+
+QTEST_GUILESS_MAIN(tst_DemoE2E)
+#include "tst_demo_e2e.moc"

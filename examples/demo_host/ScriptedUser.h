@@ -44,6 +44,7 @@ public:
 
 private:
     bool signIn(const QString &password, bool pressReturn);
+    bool signInAsScripted();
     bool fail(const char *what) const;
 
     HostSheet &m_sheet;

@@ -55,6 +55,17 @@ std::optional<qint64> byteCount(const QString &text)
     return ok && value >= 0 ? std::optional<qint64>(value) : std::nullopt;
 }
 
+// The offscreen platform's remarks about what it cannot do for a window say
+// nothing to the person watching the terminal; everything else goes through.
+QtMessageHandler defaultHandler = nullptr;
+void quietOffscreenRemarks(QtMsgType type, const QMessageLogContext &context,
+                           const QString &message)
+{
+    if (message.contains(u"propagateSizeHints") || message.contains(u"XDG_RUNTIME_DIR"))
+        return;
+    defaultHandler(type, context, message);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -62,6 +73,8 @@ int main(int argc, char **argv)
     const bool scripted = wantsScripted(argc, argv);
     if (scripted && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
         qputenv("QT_QPA_PLATFORM", "offscreen");
+    if (scripted)
+        defaultHandler = qInstallMessageHandler(quietOffscreenRemarks);
     QApplication app(argc, argv);
     QApplication::setApplicationName(u"zd_demo_host"_s);
 
@@ -104,11 +117,14 @@ int main(int argc, char **argv)
                                     u"The sign-in is revoked just before publishing."_s);
     const QCommandLineOption deleteFile(u"delete-before-publish"_s,
                                         u"The video is deleted just before publishing."_s);
+    const QCommandLineOption staySignedIn(u"stay-signed-in"_s,
+                                          u"The scripted run keeps a stored sign-in."_s);
     const QCommandLineOption screenshots(u"screenshots"_s, u"Save pictures of the sheet here."_s,
                                          u"dir"_s);
-    parser.addOptions({service, scriptedOption, tablet, noKeyring, mode, threshold, memoryLimit,
-                       title, description, tags, category, access, hd, rightFirst, cancelSheet,
-                       cancelAfter, revoke, deleteFile, screenshots});
+    parser.addOptions({service,     scriptedOption, tablet,     noKeyring,    mode,
+                       threshold,   memoryLimit,    title,      description,  tags,
+                       category,    access,         hd,         rightFirst,   cancelSheet,
+                       cancelAfter, revoke,         deleteFile, staySignedIn, screenshots});
     parser.process(app);
 
     DemoVideo::setBaseURL(QUrl(parser.value(service)));
@@ -191,7 +207,7 @@ int main(int argc, char **argv)
     QObject::connect(sheet.get(), &HostSheet::finished, &app,
                      [&] { user.screenshot(u"demo-result.png"_s); });
 
-    if (scripted) {
+    if (scripted && !parser.isSet(staySignedIn)) {
         // Every run starts signed out, so that the sign-in is part of it.
         DemoAuthenticator::sharedAuthenticator()->invalidateAuthentication();
     } else {

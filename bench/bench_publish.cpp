@@ -165,7 +165,12 @@ int main(int argc, char **argv)
     }
     if (url.isEmpty())
         return 1;
-    const auto clearService = [&] { QDir(data + u"/videos"_s).removeRecursively(); };
+    // Each run stores a copy of the video; the next one does not need it.
+    const auto clearService = [&] {
+        const QDir videos(data + u"/videos"_s);
+        for (const QString &id : videos.entryList(QDir::Dirs | QDir::NoDotAndDotDot))
+            QDir(videos.filePath(id)).removeRecursively();
+    };
 
     const auto baseline = publishWithHost(url, small, u"streamed"_s, work.path());
     clearService();

@@ -69,11 +69,6 @@ void DemoHostAgent::abandonPublishing()
     m_sheet->publishingAbandoned();
 }
 
-void DemoHostAgent::setPublishingInProgress(bool inProgress)
-{
-    m_inProgress = inProgress;
-}
-
 void DemoHostAgent::reportBytesWrittenOfTotal(qint64 written, qint64 total)
 {
     m_sheet->progress(written, total);
@@ -217,7 +212,7 @@ void HostSheet::progress(qint64 written, qint64 total)
 
 void HostSheet::printProgress(qint64 written, qint64 total)
 {
-    if (!m_terminalProgress || total <= 0)
+    if (total <= 0)
         return;
     const int percent = int(100 * written / total);
     // On a terminal the bar is redrawn in place; into a file or a pipe it is

@@ -29,16 +29,13 @@ public:
     void setChosenOption(int option) override;
     void confirmPublishing() override;
     void abandonPublishing() override;
-    void setPublishingInProgress(bool inProgress) override;
     void reportBytesWrittenOfTotal(qint64 written, qint64 total) override;
 
     int chosenOption() const { return m_chosenOption; }
-    bool publishingInProgress() const { return m_inProgress; }
 
 private:
     HostSheet *m_sheet;
     int m_chosenOption = 0;
-    bool m_inProgress = false;
 };
 
 // How the sheet ended; the demo host's exit status.
@@ -66,10 +63,7 @@ public:
     DemoPublishViewController *form() const;
     ZDNavigationController *navigation() const;
     QPushButton *cancelUploadButton() const { return m_cancelButton; }
-    QPushButton *doneButton() const { return m_doneButton; }
     QString resultText() const;
-    // Prints a progress bar on the terminal while uploading.
-    void setTerminalProgress(bool on) { m_terminalProgress = on; }
 
     // --- the host operations the agent calls -----------------------------------------
     void publishingConfirmed();
@@ -106,7 +100,6 @@ private:
     QLabel *m_resultMessage = nullptr;
     QPushButton *m_doneButton = nullptr;
     QElapsedTimer m_uploadClock;
-    bool m_terminalProgress = true;
     bool m_onTerminal = false;
     int m_printedPercent = -1;
 };

@@ -30,9 +30,6 @@ public:
 
     // Hosts and tests may keep the keyring out of it.
     void setKeyringEnabled(bool enabled) { m_keyringEnabled = enabled; }
-    bool keyringEnabled() const { return m_keyringEnabled; }
-    // Whether the last keyring operation found a keyring service.
-    bool keyringAvailable() const { return m_keyringAvailable; }
 
 private:
     void keyringUnavailable(const QString &reason);

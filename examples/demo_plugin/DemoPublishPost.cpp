@@ -86,10 +86,10 @@ std::optional<QVariant> DemoPublishPost::videoPart(ZDError &error)
     }
     const qint64 size = info.size();
     m_videoBytes = size;
-    m_streams =
+    const bool streams =
         m_options.mode == DemoUploadOptions::Mode::Streamed ||
         (m_options.mode == DemoUploadOptions::Mode::Automatic && size >= m_options.streamThreshold);
-    if (m_streams)
+    if (streams)
         return QVariant::fromValue(ZDStreamedFileUpload(m_details.path));
 
     const qint64 limit = m_options.memoryLimit.value_or(availableMemory());

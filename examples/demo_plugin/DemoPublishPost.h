@@ -57,9 +57,6 @@ public:
     // Stops the upload; the delegate hears a DemoVideo::ErrorCancelled failure.
     void cancel();
 
-    const DemoVideoDetails &details() const { return m_details; }
-    // Whether the video is read from disk while it is sent (known once started).
-    bool streams() const { return m_streams; }
     std::optional<DemoPublishedVideo> publishedVideo() const { return m_published; }
 
     void requestDidReceiveObject(JSONHTTPRequest *request, const QVariant &object) override;
@@ -76,7 +73,6 @@ private:
 
     DemoVideoDetails m_details;
     DemoUploadOptions m_options;
-    bool m_streams = false;
     qint64 m_videoBytes = 0;
     std::unique_ptr<JSONHTTPRequest> m_request;
     std::optional<DemoPublishedVideo> m_published;

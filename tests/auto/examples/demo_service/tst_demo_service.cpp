@@ -107,7 +107,7 @@ QString nodeAuthorization(const QString &url, const QJsonObject &fields, const T
         request[u"token"_s] = QJsonArray{token.key, token.secret};
     QProcess node;
     node.start(QStandardPaths::findExecutable(u"node"_s),
-               {qEnvironmentVariable("ZD_SOURCE_DIR") + u"/tests/interop/oauth_sign.js"_s});
+               {qEnvironmentVariable("ZD_SOURCE_DIR") + u"/tests/peers/oauth_sign.js"_s});
     node.write(QJsonDocument(QJsonArray{request}).toJson(QJsonDocument::Compact));
     node.closeWriteChannel();
     node.waitForFinished(60000);
@@ -219,7 +219,7 @@ void tst_DemoService::initTestCase()
     if (QStandardPaths::findExecutable(u"node"_s).isEmpty() ||
         QStandardPaths::findExecutable(u"curl"_s).isEmpty() ||
         !QFileInfo::exists(qEnvironmentVariable("ZD_SOURCE_DIR") +
-                           u"/tests/interop/node_modules/oauth-1.0a"_s))
+                           u"/tests/peers/node_modules/oauth-1.0a"_s))
         QFAIL("node, curl or oauth-1.0a is missing: run tools/install-deps");
     QVERIFY(m_data.isValid() && m_files.isValid());
     QVERIFY(m_service.start(m_data.path()));

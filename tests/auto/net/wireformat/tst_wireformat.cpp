@@ -110,7 +110,7 @@ QJsonArray expectedParts(const QVariantMap &params)
 
 } // namespace
 
-class tst_Interop : public QObject
+class tst_WireFormat : public QObject
 {
     Q_OBJECT
 
@@ -127,18 +127,18 @@ private:
     QString m_node;
 };
 
-void tst_Interop::initTestCase()
+void tst_WireFormat::initTestCase()
 {
     m_python = python();
     m_node = QStandardPaths::findExecutable(u"node"_s);
     if (m_python.isEmpty())
         QFAIL("python3 is missing: run tools/install-deps");
     if (m_node.isEmpty() ||
-        !QFileInfo::exists(sourceDir() + u"/tests/interop/node_modules/busboy"_s))
+        !QFileInfo::exists(sourceDir() + u"/tests/peers/node_modules/busboy"_s))
         QFAIL("node or busboy is missing: run tools/install-deps");
 }
 
-void tst_Interop::multipartBodiesParseWithIndependentParsers_data()
+void tst_WireFormat::multipartBodiesParseWithIndependentParsers_data()
 {
     QTest::addColumn<QVariantMap>("signedParams");
     QTest::addColumn<QVariantMap>("unsignedParams");
@@ -169,7 +169,7 @@ void tst_Interop::multipartBodiesParseWithIndependentParsers_data()
 // Each parser prints the parts it found as JSON; we compare them with what we
 // put in. The body joins two sequences with an empty part between them when
 // both are present; parsers report it or skip it, and we record which.
-void tst_Interop::multipartBodiesParseWithIndependentParsers()
+void tst_WireFormat::multipartBodiesParseWithIndependentParsers()
 {
     QFETCH(QVariantMap, signedParams);
     QFETCH(QVariantMap, unsignedParams);
@@ -184,7 +184,7 @@ void tst_Interop::multipartBodiesParseWithIndependentParsers()
         expected.append(part);
 
     const QString contentType = u"multipart/form-data; boundary="_s + boundary;
-    const QString script = sourceDir() + u"/tests/interop/"_s;
+    const QString script = sourceDir() + u"/tests/peers/"_s;
     const struct
     {
         QString program;
@@ -214,7 +214,7 @@ void tst_Interop::multipartBodiesParseWithIndependentParsers()
     }
 }
 
-void tst_Interop::escapingAgreesWithPythonOverRandomStrings()
+void tst_WireFormat::escapingAgreesWithPythonOverRandomStrings()
 {
     QRandomGenerator rng(20261122);
     QStringList inputs;
@@ -237,7 +237,7 @@ void tst_Interop::escapingAgreesWithPythonOverRandomStrings()
     }
 }
 
-void tst_Interop::md5AgreesWithMd5sumOverRandomBuffers()
+void tst_WireFormat::md5AgreesWithMd5sumOverRandomBuffers()
 {
     const QString md5sum = QStandardPaths::findExecutable(u"md5sum"_s);
     QVERIFY(!md5sum.isEmpty());
@@ -359,7 +359,7 @@ QByteArray mutated(QRandomGenerator &rng, QByteArray text)
 // infinity; our parser refuses them, as RFC 8259 allows), and lone surrogate
 // escapes (Python reads them into strings that have no UTF-8 form, our parser
 // refuses them).
-void tst_Interop::jsonAgreesWithPythonOnGeneratedDocuments()
+void tst_WireFormat::jsonAgreesWithPythonOnGeneratedDocuments()
 {
     QRandomGenerator rng(quint32(qEnvironmentVariableIntValue("ZD_JSON_SEED")) + 8259);
     QList<QByteArray> documents;
@@ -440,5 +440,5 @@ void tst_Interop::jsonAgreesWithPythonOnGeneratedDocuments()
     QVERIFY2(check.out.isEmpty(), check.out.left(2000).constData());
 }
 
-QTEST_GUILESS_MAIN(tst_Interop)
-#include "tst_interop.moc"
+QTEST_GUILESS_MAIN(tst_WireFormat)
+#include "tst_wireformat.moc"

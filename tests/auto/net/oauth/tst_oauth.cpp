@@ -84,9 +84,9 @@ void tst_OAuth::agreesWithAnIndependentImplementation()
 {
     const QString node = QStandardPaths::findExecutable(u"node"_s);
     const QString script =
-        qEnvironmentVariable("ZD_SOURCE_DIR") + u"/tests/interop/oauth_sign.js"_s;
+        qEnvironmentVariable("ZD_SOURCE_DIR") + u"/tests/peers/oauth_sign.js"_s;
     if (node.isEmpty() || !QFileInfo::exists(qEnvironmentVariable("ZD_SOURCE_DIR") +
-                                             u"/tests/interop/node_modules/oauth-1.0a"_s))
+                                             u"/tests/peers/node_modules/oauth-1.0a"_s))
         QFAIL("node or oauth-1.0a is missing: run tools/install-deps");
 
     struct Case

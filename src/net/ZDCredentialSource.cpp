@@ -1,0 +1,3 @@
+#include "net/ZDCredentialSource.h"
+
+ZDCredentialSource::~ZDCredentialSource() = default;

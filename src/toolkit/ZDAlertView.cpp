@@ -9,6 +9,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPainter>
+#include <QPixmap>
 #include <QPropertyAnimation>
 #include <QPushButton>
 #include <QVBoxLayout>
@@ -53,6 +54,14 @@ ZDAlertView::~ZDAlertView() = default;
 void ZDAlertView::setAlertViewStyle(Style style)
 {
     m_style = style;
+    if (m_shown)
+        rebuild();
+}
+
+void ZDAlertView::setImage(const QImage &image, const QString &description)
+{
+    m_image = image;
+    m_imageDescription = description;
     if (m_shown)
         rebuild();
 }
@@ -111,6 +120,14 @@ void ZDAlertView::rebuild()
     };
     addLabel(m_title, 18, QFont::Bold);
     addLabel(m_message, 15, QFont::Normal);
+    if (!m_image.isNull()) {
+        auto *picture = new QLabel(m_box);
+        picture->setObjectName(QStringLiteral("alertImage"));
+        picture->setPixmap(QPixmap::fromImage(m_image));
+        picture->setAlignment(Qt::AlignCenter);
+        picture->setAccessibleName(m_imageDescription);
+        layout->addWidget(picture);
+    }
 
     int fields = 0;
     if (m_style == Style::PlainTextInput || m_style == Style::SecureTextInput)

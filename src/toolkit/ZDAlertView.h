@@ -3,6 +3,7 @@
 #include "core/ZDWeakTarget.h"
 #include "core/zdglobal.h"
 
+#include <QImage>
 #include <QPointer>
 #include <QStringList>
 #include <QWidget>
@@ -43,6 +44,12 @@ public:
 
     QString title() const { return m_title; }
     QString message() const { return m_message; }
+
+    // A picture shown under the message (a QR code, a logo), at its own size in
+    // points; `description` is what screen readers announce for it. A null image
+    // removes it.
+    void setImage(const QImage &image, const QString &description);
+    QImage image() const { return m_image; }
 
     Style alertViewStyle() const { return m_style; }
     void setAlertViewStyle(Style style);
@@ -85,6 +92,8 @@ private:
     QStringList m_buttons;
     int m_cancelIndex = -1;
     Style m_style = Style::Default;
+    QImage m_image;
+    QString m_imageDescription;
     QWidget *m_box = nullptr;
     QList<QLineEdit *> m_fields;
     QList<QPushButton *> m_buttonWidgets;

@@ -71,5 +71,57 @@
         <source>TERMS_OF_USE</source>
         <translation>Nutzungsbedingungen</translation>
     </message>
+    <message>
+        <source>OAUTH2_SIGN_IN_TITLE</source>
+        <translation>Bei %1 anmelden</translation>
+    </message>
+    <message>
+        <source>OAUTH2_BROWSER_SIGN_IN_MESSAGE</source>
+        <translation>Sie melden sich auf der Seite des Dienstes in Ihrem Webbrowser an.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_DEVICE_SIGN_IN_MESSAGE</source>
+        <translation>Sie melden sich auf einem anderen Gerät, etwa Ihrem Telefon, mit einem Code an, der gleich angezeigt wird.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_PASSWORD_SIGN_IN_MESSAGE</source>
+        <translation>Geben Sie Ihren Benutzernamen und Ihr Passwort ein.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_CONTINUE_IN_BROWSER</source>
+        <translation>Im Browser fortfahren</translation>
+    </message>
+    <message>
+        <source>OAUTH2_CONTINUE</source>
+        <translation>Weiter</translation>
+    </message>
+    <message>
+        <source>OAUTH2_SIGN_IN</source>
+        <translation>Anmelden</translation>
+    </message>
+    <message>
+        <source>OAUTH2_DEVICE_MESSAGE</source>
+        <translation>Öffnen Sie auf einem anderen Gerät %1 und geben Sie den Code %2 ein, oder scannen Sie den QR-Code.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_DEVICE_QR_DESCRIPTION</source>
+        <translation>QR-Code der Anmeldeadresse</translation>
+    </message>
+    <message>
+        <source>OAUTH2_SECOND_FACTOR_MESSAGE</source>
+        <translation>Geben Sie den Code aus Ihrer Authenticator-App ein.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_BROWSER_DONE</source>
+        <translation>Sie können zur Anwendung zurückkehren.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_BROWSER_FAILED</source>
+        <translation>Die Anmeldung ist nicht gelungen. Sie können zur Anwendung zurückkehren.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_BROWSER_EXPIRED</source>
+        <translation>Diese Anmeldung ist bereits beendet. Sie können zur Anwendung zurückkehren.</translation>
+    </message>
 </context>
 </TS>

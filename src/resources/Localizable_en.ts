@@ -75,5 +75,57 @@
         <source>TERMS_OF_USE</source>
         <translation>Terms of Use</translation>
     </message>
+    <message>
+        <source>OAUTH2_SIGN_IN_TITLE</source>
+        <translation>Sign in to %1</translation>
+    </message>
+    <message>
+        <source>OAUTH2_BROWSER_SIGN_IN_MESSAGE</source>
+        <translation>You sign in on the service's own page in your web browser.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_DEVICE_SIGN_IN_MESSAGE</source>
+        <translation>You sign in on another device, such as your phone, with a code shown next.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_PASSWORD_SIGN_IN_MESSAGE</source>
+        <translation>Enter your user name and password.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_CONTINUE_IN_BROWSER</source>
+        <translation>Continue in Browser</translation>
+    </message>
+    <message>
+        <source>OAUTH2_CONTINUE</source>
+        <translation>Continue</translation>
+    </message>
+    <message>
+        <source>OAUTH2_SIGN_IN</source>
+        <translation>Sign In</translation>
+    </message>
+    <message>
+        <source>OAUTH2_DEVICE_MESSAGE</source>
+        <translation>On another device, open %1 and enter the code %2, or scan the QR code.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_DEVICE_QR_DESCRIPTION</source>
+        <translation>QR code of the sign-in address</translation>
+    </message>
+    <message>
+        <source>OAUTH2_SECOND_FACTOR_MESSAGE</source>
+        <translation>Enter the code from your authenticator app.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_BROWSER_DONE</source>
+        <translation>You can return to the application.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_BROWSER_FAILED</source>
+        <translation>The sign-in did not succeed. You can return to the application.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_BROWSER_EXPIRED</source>
+        <translation>This sign-in has already ended. You can return to the application.</translation>
+    </message>
 </context>
 </TS>

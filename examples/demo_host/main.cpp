@@ -14,7 +14,6 @@
 #include "ScriptedUser.h"
 
 #include <DemoAuthenticator.h>
-#include <DemoCredentialStore.h>
 #include <DemoVideo.h>
 #include <toolkit/ZDAlertView.h>
 #include <toolkit/ZDDevice.h>
@@ -129,7 +128,7 @@ int main(int argc, char **argv)
 
     DemoVideo::setBaseURL(QUrl(parser.value(service)));
     if (parser.isSet(noKeyring))
-        DemoCredentialStore::shared().setKeyringEnabled(false);
+        DemoAuthenticator::credentialStore()->setKeyringEnabled(false);
 
     DemoUploadOptions uploadOptions;
     const QString modeName = parser.value(mode);

@@ -1,9 +1,11 @@
 #include "DemoAuthenticator.h"
 
-#include "DemoCredentialStore.h"
 #include "DemoVideo.h"
 
 #include <toolkit/ZDAlertView.h>
+
+#include <QJsonDocument>
+#include <QJsonObject>
 
 using namespace Qt::StringLiterals;
 
@@ -11,6 +13,24 @@ DemoAuthenticator *DemoAuthenticator::sharedAuthenticator()
 {
     static DemoAuthenticator authenticator;
     return &authenticator;
+}
+
+namespace {
+const QString kStoreKey = u"account"_s;
+}
+
+std::shared_ptr<ZDKeychainCredentialStore> DemoAuthenticator::credentialStore()
+{
+    static const auto store =
+        std::make_shared<ZDKeychainCredentialStore>(u"zdpublish-demo-video"_s);
+    return store;
+}
+
+void DemoAuthenticator::save() const
+{
+    const QJsonObject stored{
+        {u"account"_s, m_account}, {u"token"_s, m_token}, {u"tokenSecret"_s, m_tokenSecret}};
+    credentialStore()->save(kStoreKey, QJsonDocument(stored).toJson(QJsonDocument::Compact));
 }
 
 void DemoAuthenticator::authenticateWithUsernamePassword(const QString &username,
@@ -43,13 +63,17 @@ void DemoAuthenticator::requestDidReceiveObject(JSONHTTPRequest *request, const 
     }
     m_authenticationRequest.reset();
     signIn(account.isEmpty() ? u"Demo Video"_s : account, token, secret);
-    DemoCredentialStore::shared().save({m_account, m_token, m_tokenSecret});
+    save();
 }
 
 void DemoAuthenticator::loadCredentials()
 {
-    if (const auto stored = DemoCredentialStore::shared().load())
-        signIn(stored->account, stored->token, stored->tokenSecret);
+    const QJsonObject stored =
+        QJsonDocument::fromJson(credentialStore()->load(kStoreKey).value_or(QByteArray())).object();
+    const QString token = stored.value(u"token").toString();
+    const QString secret = stored.value(u"tokenSecret").toString();
+    if (!token.isEmpty() && !secret.isEmpty())
+        signIn(stored.value(u"account").toString(), token, secret);
     else
         ZDAuthenticator::loadCredentials();
 }
@@ -79,7 +103,7 @@ void DemoAuthenticator::invalidateAuthentication()
 {
     m_token.clear();
     m_tokenSecret.clear();
-    DemoCredentialStore::shared().clear();
+    credentialStore()->remove(kStoreKey);
     ZDAuthenticator::invalidateAuthentication();
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <auth/ZDAuthenticator.h>
+#include <auth/ZDCredentialStore.h>
 #include <net/ZDOAuth1Signer.h>
 
 #include <memory>
@@ -18,6 +19,8 @@ public:
     static constexpr ZDAuthenticatorState StateSigningIn = 1;
 
     static DemoAuthenticator *sharedAuthenticator();
+    // Where the plug-in keeps its sign-ins: the system keyring.
+    static std::shared_ptr<ZDKeychainCredentialStore> credentialStore();
 
     void authenticateWithUsernamePassword(const QString &username,
                                           const QString &password) override;
@@ -34,6 +37,7 @@ public:
 
 private:
     void signIn(const QString &account, const QString &token, const QString &tokenSecret);
+    void save() const;
 
     QString m_token;
     QString m_tokenSecret;

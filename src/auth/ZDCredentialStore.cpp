@@ -1,5 +1,7 @@
 #include "auth/ZDCredentialStore.h"
 
+#include "core/ZDLogging_p.h"
+
 #include <qt6keychain/keychain.h>
 
 #include <QEventLoop>
@@ -58,9 +60,10 @@ void ZDKeychainCredentialStore::keyringUnavailable(const QString &reason)
     if (m_warned)
         return;
     m_warned = true;
-    qWarning("No keyring service is available (%s); sign-ins are kept in memory for this run "
-             "only and will be asked for again next time.",
-             qPrintable(reason));
+    qCWarning(lcZDAuth).noquote()
+        << QStringLiteral("No keyring service is available (%1); sign-ins are kept in memory "
+                          "for this run only and will be asked for again next time.")
+               .arg(reason);
 }
 
 std::optional<QByteArray> ZDKeychainCredentialStore::load(const QString &key)

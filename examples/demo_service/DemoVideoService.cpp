@@ -3,6 +3,7 @@
 #include "DemoHttp.h"
 #include "DemoIncomingUpload.h"
 #include "DemoOAuth.h"
+#include "DemoOAuth2.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -55,6 +56,7 @@ struct DemoVideoService::Private
     QString error;
 
     DemoOAuth::Verifier oauthVerifier;
+    DemoOAuth2::Issuer oauth2Issuer;
 
     void route();
 
@@ -142,12 +144,18 @@ void DemoVideoService::Private::upload(const httplib::Request &req, httplib::Res
         replyJsonError(res, status, message);
         closeAfterReply(res);
     };
-    const std::optional<OAuthParameters> oauth =
-        DemoOAuth::oauthParameters(headerValue(req, "Authorization"));
-    if (!oauth)
+    const QByteArray authorization = headerValue(req, "Authorization");
+    const std::optional<QString> bearer = oauth2Issuer.accountForAuthorization(authorization);
+    if (!bearer && authorization.startsWith("Bearer ")) {
+        res.set_header("WWW-Authenticate", R"(Bearer error="invalid_token")");
+        return refuse(401, u"invalid_token"_s);
+    }
+    const std::optional<OAuthParameters> oauth = DemoOAuth::oauthParameters(authorization);
+    if (!oauth && !bearer)
         return refuse(401, u"missing_or_malformed_authorization"_s);
-    Credentials credentials;
-    if (const QString reason = oauthVerifier.check(*oauth, true, credentials); !reason.isEmpty())
+    Credentials credentials{{}, {}, bearer.value_or(QString())};
+    if (const QString reason = bearer ? QString() : oauthVerifier.check(*oauth, true, credentials);
+        !reason.isEmpty())
         return refuse(401, reason);
     if (!req.is_multipart_form_data())
         return refuse(400, u"The upload must be a multipart/form-data body."_s);
@@ -171,9 +179,10 @@ void DemoVideoService::Private::upload(const httplib::Request &req, httplib::Res
         return refuse(500, u"The video could not be stored."_s);
 
     const Parameters fields = incoming.fields();
-    if (!verify(req, fields, *oauth, credentials.tokenSecret))
+    if (!bearer && !verify(req, fields, *oauth, credentials.tokenSecret))
         return refuse(401, u"invalid_signature"_s);
-    if (const QString reason = oauthVerifier.acceptNonce(*oauth, credentials); !reason.isEmpty())
+    if (const QString reason = bearer ? QString() : oauthVerifier.acceptNonce(*oauth, credentials);
+        !reason.isEmpty())
         return refuse(401, reason);
 
     QHash<QString, QString> field;
@@ -230,7 +239,7 @@ void DemoVideoService::Private::revoke(const httplib::Request &req, httplib::Res
 {
     if (!readSmallBody(req, reader))
         closeAfterReply(res);
-    const int revoked = oauthVerifier.revokeAll();
+    const int revoked = oauthVerifier.revokeAll() + oauth2Issuer.revokeAll();
     replyJson(res, 200, {{u"revoked"_s, revoked}});
 }
 
@@ -334,6 +343,9 @@ void DemoVideoService::Private::route()
     server.Post("/oauth/access_token",
                 [this](const httplib::Request &req, httplib::Response &res,
                        const httplib::ContentReader &reader) { accessToken(req, res, reader); });
+    server.Post("/oauth2/token", [this](const httplib::Request &req, httplib::Response &res) {
+        oauth2Issuer.token(req, res);
+    });
     server.Post("/api/videos",
                 [this](const httplib::Request &req, httplib::Response &res,
                        const httplib::ContentReader &reader) { upload(req, res, reader); });

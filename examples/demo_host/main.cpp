@@ -87,6 +87,8 @@ int main(int argc, char **argv)
                                             u"A scripted user fills in the sheet."_s);
     const QCommandLineOption tablet(u"tablet"_s, u"A tablet-sized sheet."_s);
     const QCommandLineOption noKeyring(u"no-keyring"_s, u"Keep the sign-in in memory only."_s);
+    const QCommandLineOption oauth2(u"oauth2"_s,
+                                    u"Sign in with OAuth 2.0 instead of OAuth 1.0a."_s);
     const QCommandLineOption mode(u"upload-mode"_s, u"auto, memory or streamed."_s, u"mode"_s,
                                   u"auto"_s);
     const QCommandLineOption threshold(
@@ -120,13 +122,14 @@ int main(int argc, char **argv)
                                           u"The scripted run keeps a stored sign-in."_s);
     const QCommandLineOption screenshots(u"screenshots"_s, u"Save pictures of the sheet here."_s,
                                          u"dir"_s);
-    parser.addOptions({service,     scriptedOption, tablet,     noKeyring,    mode,
-                       threshold,   memoryLimit,    title,      description,  tags,
-                       category,    access,         hd,         rightFirst,   cancelSheet,
-                       cancelAfter, revoke,         deleteFile, staySignedIn, screenshots});
+    parser.addOptions({service,      scriptedOption, tablet,      noKeyring,   mode,     threshold,
+                       memoryLimit,  title,          description, tags,        category, access,
+                       hd,           rightFirst,     cancelSheet, cancelAfter, revoke,   deleteFile,
+                       staySignedIn, screenshots,    oauth2});
     parser.process(app);
 
     DemoVideo::setBaseURL(QUrl(parser.value(service)));
+    DemoAuthenticator::setUsesOAuth2(parser.isSet(oauth2));
     if (parser.isSet(noKeyring))
         DemoAuthenticator::credentialStore()->setKeyringEnabled(false);
 
@@ -208,10 +211,10 @@ int main(int argc, char **argv)
 
     if (scripted && !parser.isSet(staySignedIn)) {
         // Every run starts signed out, so that the sign-in is part of it.
-        DemoAuthenticator::sharedAuthenticator()->invalidateAuthentication();
+        DemoAuthenticator::activeAuthenticator()->invalidateAuthentication();
     } else {
         // Read the stored sign-in now, before the sheet appears.
-        DemoAuthenticator::sharedAuthenticator()->loadCredentials();
+        DemoAuthenticator::activeAuthenticator()->loadCredentials();
     }
     sheet->open();
     if (scripted) {

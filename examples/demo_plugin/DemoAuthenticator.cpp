@@ -17,6 +17,39 @@ DemoAuthenticator *DemoAuthenticator::sharedAuthenticator()
 
 namespace {
 const QString kStoreKey = u"account"_s;
+bool g_usesOAuth2 = false;
+} // namespace
+
+ZDOAuth2Authenticator *DemoAuthenticator::sharedOAuth2Authenticator()
+{
+    static ZDOAuth2Authenticator authenticator(
+        [] {
+            ZDOAuth2Configuration configuration;
+            configuration.tokenEndpoint = DemoVideo::endpoint(u"oauth2/token"_s);
+            configuration.clientId = DemoVideo::consumerKey();
+            configuration.serviceName = u"Demo Video"_s;
+            configuration.storeKey = u"oauth2"_s;
+            return configuration;
+        }(),
+        ZDOAuth2Authenticator::Flow::Password, credentialStore());
+    return &authenticator;
+}
+
+ZDAuthenticator *DemoAuthenticator::activeAuthenticator()
+{
+    if (g_usesOAuth2)
+        return sharedOAuth2Authenticator();
+    return sharedAuthenticator();
+}
+
+void DemoAuthenticator::setUsesOAuth2(bool uses)
+{
+    g_usesOAuth2 = uses;
+}
+
+bool DemoAuthenticator::usesOAuth2()
+{
+    return g_usesOAuth2;
 }
 
 std::shared_ptr<ZDKeychainCredentialStore> DemoAuthenticator::credentialStore()

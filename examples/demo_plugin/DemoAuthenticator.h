@@ -2,6 +2,7 @@
 
 #include <auth/ZDAuthenticator.h>
 #include <auth/ZDCredentialStore.h>
+#include <auth/ZDOAuth2Authenticator.h>
 #include <net/ZDOAuth1Signer.h>
 
 #include <memory>
@@ -19,6 +20,14 @@ public:
     static constexpr ZDAuthenticatorState StateSigningIn = 1;
 
     static DemoAuthenticator *sharedAuthenticator();
+    // The same sign-in through the library's OAuth 2.0 authenticator (the
+    // service's password grant, bearer tokens renewed as they expire).
+    static ZDOAuth2Authenticator *sharedOAuth2Authenticator();
+    // The one the form and the uploads use: this one unless the host chose
+    // OAuth 2.0 with setUsesOAuth2() before the form appears.
+    static ZDAuthenticator *activeAuthenticator();
+    static void setUsesOAuth2(bool uses);
+    static bool usesOAuth2();
     // Where the plug-in keeps its sign-ins: the system keyring.
     static std::shared_ptr<ZDKeychainCredentialStore> credentialStore();
 

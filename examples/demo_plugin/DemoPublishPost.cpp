@@ -11,6 +11,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QPointer>
 #include <QTimer>
 
 using namespace Qt::StringLiterals;
@@ -112,8 +113,27 @@ std::optional<QVariant> DemoPublishPost::videoPart(ZDError &error)
 
 void DemoPublishPost::startUpload()
 {
-    const std::shared_ptr<ZDOAuth1Signer> signer =
-        DemoAuthenticator::sharedAuthenticator()->accountSigner();
+    if (DemoAuthenticator::usesOAuth2()) {
+        // Fresh credentials first: the token is renewed when it expires soon.
+        DemoAuthenticator::sharedOAuth2Authenticator()->credentialsForRequest(
+            ZDCredentialSource::Reason::BeforeRequest,
+            [this, alive = QPointer<QObject>(&m_context)](std::shared_ptr<RequestSigner> signer,
+                                                          std::optional<ZDError> error) {
+                if (!alive)
+                    return;
+                if (error)
+                    fail(DemoVideo::error(DemoVideo::ErrorSignInExpired,
+                                          u"Sign in to Demo Video before publishing."_s, *error));
+                else
+                    sendUpload(signer);
+            });
+        return;
+    }
+    sendUpload(DemoAuthenticator::sharedAuthenticator()->accountSigner());
+}
+
+void DemoPublishPost::sendUpload(const std::shared_ptr<RequestSigner> &signer)
+{
     if (!signer) {
         failLater(DemoVideo::error(DemoVideo::ErrorSignInExpired,
                                    u"Sign in to Demo Video before publishing."_s));
@@ -199,7 +219,7 @@ void DemoPublishPost::requestDidFailWithError(JSONHTTPRequest *request, const ZD
             error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode();
         if (status == 401) {
             // The token was revoked or expired: the user has to sign in again.
-            DemoAuthenticator::sharedAuthenticator()->invalidateAuthentication();
+            DemoAuthenticator::activeAuthenticator()->invalidateAuthentication();
             reported = DemoVideo::error(
                 DemoVideo::ErrorSignInExpired,
                 u"Demo Video no longer accepts your sign-in. Sign in again and publish once more."_s,

@@ -65,6 +65,7 @@ public:
                                               qint64 expected) override;
 
 private:
+    void sendUpload(const std::shared_ptr<RequestSigner> &signer);
     // Reports after the current event, never from inside startUpload() or
     // cancel(): the delegate may destroy this job when it hears of the failure.
     void failLater(const ZDError &error);

@@ -14,7 +14,7 @@ using namespace Qt::StringLiterals;
 
 ZDAuthenticator *DemoPublishViewController::authenticator()
 {
-    return DemoAuthenticator::sharedAuthenticator();
+    return DemoAuthenticator::activeAuthenticator();
 }
 
 QString DemoPublishViewController::termsOfUseString()

@@ -155,12 +155,15 @@ private Q_SLOTS:
     void publishedVideoArrivesIntactWithWhatWasTyped_data()
     {
         QTest::addColumn<QString>("mode");
-        QTest::newRow("in memory") << u"memory"_s;
-        QTest::newRow("streamed from disk") << u"streamed"_s;
+        QTest::addColumn<QStringList>("signIn");
+        QTest::newRow("in memory") << u"memory"_s << QStringList();
+        QTest::newRow("streamed from disk") << u"streamed"_s << QStringList();
+        QTest::newRow("OAuth 2.0 sign-in") << u"streamed"_s << QStringList{u"--oauth2"_s};
     }
     void publishedVideoArrivesIntactWithWhatWasTyped()
     {
         QFETCH(QString, mode);
+        QFETCH(QStringList, signIn);
         QTemporaryDir data;
         Service service(data.path());
         QVERIFY(service.start());
@@ -168,12 +171,13 @@ private Q_SLOTS:
         writeRandomFile(video, 3 * 1024 * 1024 + 17);
 
         // The scripted user tries a wrong password first, then the right one.
-        const HostRun run =
-            runHost(service, video,
-                    {u"--upload-mode"_s, mode, u"--title"_s, u"Abend am Meer \u2014 \u6D77"_s,
-                     u"--description"_s, u"Filmed from the pier, ten minutes before dark."_s,
-                     u"--tags"_s, u"sea,sunset,Z\u00FCrich"_s, u"--category"_s, u"Pets & Animals"_s,
-                     u"--access"_s, u"private"_s, u"--hd"_s});
+        const HostRun run = runHost(
+            service, video,
+            QStringList{u"--upload-mode"_s, mode, u"--title"_s, u"Abend am Meer \u2014 \u6D77"_s,
+                        u"--description"_s, u"Filmed from the pier, ten minutes before dark."_s,
+                        u"--tags"_s, u"sea,sunset,Z\u00FCrich"_s, u"--category"_s,
+                        u"Pets & Animals"_s, u"--access"_s, u"private"_s, u"--hd"_s} +
+                signIn);
         QVERIFY2(run.exitCode == kPublished, qPrintable(run.output));
         QVERIFY2(run.output.contains(u"reads \"Sign-In Failed\""_s), qPrintable(run.output));
 
@@ -244,6 +248,9 @@ private Q_SLOTS:
         QTest::addColumn<QString>("message");
         QTest::newRow("revoked token") << QStringList{u"--revoke-before-publish"_s} << QStringList()
                                        << u"Demo Video no longer accepts your sign-in"_s;
+        QTest::newRow("revoked OAuth 2.0 token")
+            << QStringList{u"--revoke-before-publish"_s, u"--oauth2"_s} << QStringList()
+            << u"Demo Video no longer accepts your sign-in"_s;
         QTest::newRow("file deleted before upload")
             << QStringList{u"--delete-before-publish"_s} << QStringList() << u"cannot be read"_s;
         QTest::newRow("too large for memory")

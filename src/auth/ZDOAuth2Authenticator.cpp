@@ -312,13 +312,13 @@ void ZDOAuth2AuthenticatorPrivate::startBrowser()
                         QStringLiteral("No browser could open the sign-in page.")));
 }
 
-void ZDOAuth2AuthenticatorPrivate::answerBrowser(QTcpSocket *socket, int status,
-                                                 const QString &text)
+// Answers the browser with a small page and closes the connection. Touches
+// nothing of the authenticator, which may be gone by then.
+static void answerBrowser(QTcpSocket *socket, int status, const QString &title, const QString &text)
 {
     const QByteArray body = "<!DOCTYPE html><html><head><meta charset=\"utf-8\"><title>" +
-                            configuration.serviceName.toHtmlEscaped().toUtf8() +
-                            "</title></head><body><p>" + text.toHtmlEscaped().toUtf8() +
-                            "</p></body></html>";
+                            title.toHtmlEscaped().toUtf8() + "</title></head><body><p>" +
+                            text.toHtmlEscaped().toUtf8() + "</p></body></html>";
     const QByteArray reason = status == 200 ? "OK" : status == 404 ? "Not Found" : "Bad Request";
     socket->write("HTTP/1.1 " + QByteArray::number(status) + ' ' + reason +
                   "\r\nContent-Type: text/html; charset=utf-8\r\nContent-Length: " +
@@ -348,12 +348,12 @@ void ZDOAuth2AuthenticatorPrivate::acceptRedirect(QTcpSocket *socket)
             socket->setProperty("answered", true);
             const QList<QByteArray> requestLine = head.left(head.indexOf("\r\n")).split(' ');
             if (!owner || id != attemptId || !listener) { // the attempt is over
-                answerBrowser(socket, 400, localized("OAUTH2_BROWSER_EXPIRED"));
+                answerBrowser(socket, 400, QString(), localized("OAUTH2_BROWSER_EXPIRED"));
                 return;
             }
             const QUrl target(QString::fromLatin1(requestLine.value(1)));
             if (requestLine.value(0) != "GET" || target.path() != configuration.redirectPath) {
-                answerBrowser(socket, 404, QString());
+                answerBrowser(socket, 404, configuration.serviceName, QString());
                 return;
             }
             const QUrlQuery query(target);
@@ -361,13 +361,15 @@ void ZDOAuth2AuthenticatorPrivate::acceptRedirect(QTcpSocket *socket)
                 return query.queryItemValue(QString::fromLatin1(key), QUrl::FullyDecoded);
             };
             if (value("state") != expectedState || !query.hasQueryItem(QStringLiteral("state"))) {
-                answerBrowser(socket, 400, localized("OAUTH2_BROWSER_FAILED"));
+                answerBrowser(socket, 400, configuration.serviceName,
+                              localized("OAUTH2_BROWSER_FAILED"));
                 fail(oauthError(ZDOAuth2ErrorStateMismatch,
                                 QStringLiteral("The sign-in redirect was not the one asked for.")));
                 return;
             }
             if (!value("error").isEmpty()) {
-                answerBrowser(socket, 200, localized("OAUTH2_BROWSER_FAILED"));
+                answerBrowser(socket, 200, configuration.serviceName,
+                              localized("OAUTH2_BROWSER_FAILED"));
                 const QString code = value("error");
                 fail(oauthError(code == QLatin1String("access_denied") ? ZDOAuth2ErrorDenied
                                                                        : ZDOAuth2ErrorRefused,
@@ -376,12 +378,13 @@ void ZDOAuth2AuthenticatorPrivate::acceptRedirect(QTcpSocket *socket)
             }
             const QString code = value("code");
             if (code.isEmpty()) {
-                answerBrowser(socket, 400, localized("OAUTH2_BROWSER_FAILED"));
+                answerBrowser(socket, 400, configuration.serviceName,
+                              localized("OAUTH2_BROWSER_FAILED"));
                 fail(oauthError(ZDOAuth2ErrorBadAnswer,
                                 QStringLiteral("The sign-in redirect carries no code.")));
                 return;
             }
-            answerBrowser(socket, 200, localized("OAUTH2_BROWSER_DONE"));
+            answerBrowser(socket, 200, configuration.serviceName, localized("OAUTH2_BROWSER_DONE"));
             listener->close(); // one redirect only
             exchangeCode(code);
         });

@@ -71,7 +71,6 @@ public:
     void fail(const ZDError &error);
     void startBrowser();
     void acceptRedirect(QTcpSocket *socket);
-    void answerBrowser(QTcpSocket *socket, int status, const QString &text);
     void exchangeCode(const QString &code);
     void startDevice();
     void pollDevice();

@@ -16,10 +16,14 @@
 //
 // Callback contract: every call to credentialsForRequest() is answered exactly
 // once, on the calling thread, from its event loop (never from inside the call):
-// with a signer, or with an error when the credentials cannot be renewed (the
-// user must sign in again; the source has then signed out). The source may be
-// destroyed before it answers; holders keep it in a ZDWeakRef and treat a source
-// that has gone as an error of their own.
+// with a signer, or with an error when no usable credentials can be had. When
+// the service could not be reached (the error is the transport's, or a 5xx
+// status) the source stays signed in and a later ask may succeed, so a caller
+// that retries treats it as a network failure; any other error means the
+// service refused to renew the credentials, the source has signed out and the
+// user must sign in again. The source may be destroyed before it answers;
+// holders keep it in a ZDWeakRef and treat a source that has gone as an error
+// of their own.
 class ZD_EXPORT ZDCredentialSource : public virtual ZDWeakTarget
 {
 public:

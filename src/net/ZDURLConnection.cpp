@@ -1,5 +1,7 @@
 #include "net/ZDURLConnection_p.h"
 
+#include "net/ZDCurlDriver_p.h"
+
 #include "core/zdglobal.h"
 
 #include <curl/curl.h>
@@ -8,18 +10,11 @@
 #include <QFile>
 #include <QNetworkInformation>
 #include <QPointer>
-#include <QSocketNotifier>
-#include <QThread>
 #include <QTimer>
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
-#include <mutex>
 #include <optional>
-#include <unordered_map>
-#include <unordered_set>
-#include <vector>
 
 namespace {
 
@@ -31,8 +26,6 @@ constexpr long kIdleTimeoutSeconds = 60;
 // Large upload chunks mean fewer event-loop turns per gigabyte of video.
 constexpr long kUploadBufferSize = 2L * 1024 * 1024;
 constexpr long kDownloadBufferSize = 256L * 1024;
-
-class CurlDriver;
 
 ZDError makeError(const QString &domain, qint64 code, const QString &description,
                   const QByteArray &url)
@@ -58,7 +51,7 @@ struct ZDURLConnection::Private
     std::weak_ptr<ZDURLConnectionDelegate> delegate;
     CURL *easy = nullptr;
     curl_slist *headers = nullptr;
-    QPointer<CurlDriver> driver;
+    QPointer<ZDCurlDriver> driver;
     bool inMulti = false;
     bool cancelled = false;
     char errorBuffer[CURL_ERROR_SIZE] = {};
@@ -76,6 +69,7 @@ struct ZDURLConnection::Private
     bool progressQueued = false;
 
     std::optional<ZDError> configure();
+    bool attach();
     void detach();
     void deliverPendingResponse();
     void dispatchProgress();
@@ -97,181 +91,6 @@ struct ZDURLConnection::Private
 };
 
 namespace {
-
-// Drives every connection of one thread: one multi handle, a socket notifier per
-// socket and direction curl asks about, and one timer.
-class CurlDriver : public QObject
-{
-public:
-    static CurlDriver *forCurrentThread()
-    {
-        thread_local QPointer<CurlDriver> driver;
-        if (!driver) {
-            driver = new CurlDriver;
-            QCoreApplication *app = QCoreApplication::instance();
-            if (app && app->thread() == QThread::currentThread()) {
-                driver->setParent(app);
-            } else if (QThread *thread = QThread::currentThread()) {
-                CurlDriver *d = driver;
-                QObject::connect(
-                    thread, &QThread::finished, d, [d] { delete d; }, Qt::DirectConnection);
-            }
-        }
-        return driver;
-    }
-
-    ~CurlDriver() override
-    {
-        m_destroying = true;
-        for (ZDURLConnection::Private *connection : m_connections) {
-            curl_multi_remove_handle(m_multi, connection->easy);
-            connection->inMulti = false;
-        }
-        m_connections.clear();
-        curl_multi_cleanup(m_multi);
-    }
-
-    bool add(ZDURLConnection::Private *connection)
-    {
-        if (!m_multi || curl_multi_add_handle(m_multi, connection->easy) != CURLM_OK)
-            return false;
-        m_connections.insert(connection);
-        connection->inMulti = true;
-        connection->driver = this;
-        return true;
-    }
-
-    void remove(ZDURLConnection::Private *connection)
-    {
-        curl_multi_remove_handle(m_multi, connection->easy);
-        m_connections.erase(connection);
-        connection->inMulti = false;
-    }
-
-    void queueProgress(std::weak_ptr<ZDURLConnection> connection)
-    {
-        m_progressQueue.push_back(std::move(connection));
-    }
-
-private:
-    struct Notifiers
-    {
-        QSocketNotifier *read = nullptr;
-        QSocketNotifier *write = nullptr;
-    };
-
-    CurlDriver()
-    {
-        static std::once_flag once;
-        std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-        m_multi = curl_multi_init();
-        if (!m_multi)
-            return;
-        curl_multi_setopt(m_multi, CURLMOPT_SOCKETFUNCTION, &CurlDriver::socketCallback);
-        curl_multi_setopt(m_multi, CURLMOPT_SOCKETDATA, this);
-        curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, &CurlDriver::timerCallback);
-        curl_multi_setopt(m_multi, CURLMOPT_TIMERDATA, this);
-        m_timer.setSingleShot(true);
-        QObject::connect(&m_timer, &QTimer::timeout, this,
-                         [this] { socketAction(CURL_SOCKET_TIMEOUT, 0); });
-    }
-
-    static int socketCallback(CURL *, curl_socket_t socket, int what, void *userp, void *)
-    {
-        static_cast<CurlDriver *>(userp)->updateSocket(socket, what);
-        return 0;
-    }
-
-    static int timerCallback(CURLM *, long timeoutMs, void *userp)
-    {
-        auto *self = static_cast<CurlDriver *>(userp);
-        if (self->m_destroying)
-            return 0;
-        if (timeoutMs < 0)
-            self->m_timer.stop();
-        else
-            self->m_timer.start(int(std::min<long>(timeoutMs, INT_MAX)));
-        return 0;
-    }
-
-    void updateSocket(curl_socket_t socket, int what)
-    {
-        if (m_destroying)
-            return;
-        if (what == CURL_POLL_REMOVE) {
-            if (auto it = m_sockets.find(socket); it != m_sockets.end()) {
-                retire(it->second.read);
-                retire(it->second.write);
-                m_sockets.erase(it);
-            }
-            return;
-        }
-        Notifiers &notifiers = m_sockets[socket];
-        const auto follow = [&](QSocketNotifier *&notifier, QSocketNotifier::Type type, int event,
-                                bool wanted) {
-            if (wanted && !notifier) {
-                notifier = new QSocketNotifier(qintptr(socket), type, this);
-                QObject::connect(notifier, &QSocketNotifier::activated, this,
-                                 [this, socket, event] { socketAction(socket, event); });
-            }
-            if (notifier)
-                notifier->setEnabled(wanted);
-        };
-        follow(notifiers.read, QSocketNotifier::Read, CURL_CSELECT_IN, what & CURL_POLL_IN);
-        follow(notifiers.write, QSocketNotifier::Write, CURL_CSELECT_OUT, what & CURL_POLL_OUT);
-    }
-
-    // A notifier may be the one whose signal is being delivered: never delete it
-    // on the spot.
-    static void retire(QSocketNotifier *notifier)
-    {
-        if (!notifier)
-            return;
-        notifier->setEnabled(false);
-        QObject::disconnect(notifier, nullptr, nullptr, nullptr);
-        notifier->deleteLater();
-    }
-
-    void socketAction(curl_socket_t socket, int events)
-    {
-        int running = 0;
-        curl_multi_socket_action(m_multi, socket, events, &running);
-        dispatchEvents();
-    }
-
-    // Runs after curl has returned, so that delegates may cancel, destroy or
-    // start connections freely.
-    void dispatchEvents()
-    {
-        std::vector<std::pair<std::weak_ptr<ZDURLConnection>, CURLcode>> done;
-        int left = 0;
-        while (CURLMsg *message = curl_multi_info_read(m_multi, &left)) {
-            if (message->msg != CURLMSG_DONE)
-                continue;
-            CURL *easy = message->easy_handle;
-            const CURLcode result = message->data.result;
-            ZDURLConnection::Private *connection = nullptr;
-            curl_easy_getinfo(easy, CURLINFO_PRIVATE, &connection);
-            remove(connection);
-            done.emplace_back(connection->q->weak_from_this(), result);
-        }
-        for (const auto &weak : std::exchange(m_progressQueue, {})) {
-            if (const auto connection = weak.lock())
-                connection->p->dispatchProgress();
-        }
-        for (const auto &[weak, result] : done) {
-            if (const auto connection = weak.lock())
-                connection->p->dispatchDone(result);
-        }
-    }
-
-    CURLM *m_multi = nullptr;
-    QTimer m_timer;
-    bool m_destroying = false;
-    std::unordered_map<curl_socket_t, Notifiers> m_sockets;
-    std::unordered_set<ZDURLConnection::Private *> m_connections;
-    std::vector<std::weak_ptr<ZDURLConnection>> m_progressQueue;
-};
 
 std::function<bool()> &cellularProbe()
 {
@@ -322,7 +141,7 @@ ZDURLConnection::start(const ZDURLRequest &request, std::weak_ptr<ZDURLConnectio
     auto connection = std::make_shared<ZDURLConnection>(request);
     connection->p->delegate = std::move(delegate);
     std::optional<ZDError> refusal = connection->p->configure();
-    if (!refusal && !CurlDriver::forCurrentThread()->add(connection->p.get())) {
+    if (!refusal && !connection->p->attach()) {
         refusal = makeError(ZDURLErrorDomain, ZDURLErrorTransportUnavailable,
                             QStringLiteral("The transport could not take the request."),
                             request.URLString());
@@ -345,11 +164,36 @@ void ZDURLConnection::cancel()
     p->detach();
 }
 
+bool ZDURLConnection::Private::attach()
+{
+    ZDCurlDriver *current = ZDCurlDriver::forCurrentThread();
+    if (!current->add(easy, q->weak_from_this()))
+        return false;
+    driver = current;
+    inMulti = true;
+    return true;
+}
+
 void ZDURLConnection::Private::detach()
 {
     if (inMulti && driver)
-        driver->remove(this);
+        driver->remove(easy);
     inMulti = false;
+}
+
+void ZDURLConnection::driverDidRelease()
+{
+    p->inMulti = false;
+}
+
+void ZDURLConnection::driverDidFinish(int curlCode)
+{
+    p->dispatchDone(CURLcode(curlCode));
+}
+
+void ZDURLConnection::driverDidProgress()
+{
+    p->dispatchProgress();
 }
 
 std::optional<ZDError> ZDURLConnection::Private::configure()

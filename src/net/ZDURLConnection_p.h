@@ -1,8 +1,8 @@
 #pragma once
 
 // The transport under JSONHTTPRequest: one libcurl easy handle per connection,
-// all of a thread's connections driven by one multi handle from that thread's Qt
-// event loop (socket notifiers and a timer). No worker thread exists.
+// all of a thread's connections driven by that thread's ZDCurlDriver
+// (ZDCurlDriver_p.h) from its Qt event loop. No worker thread exists.
 
 #include "core/ZDError.h"
 #include "net/ZDURLRequest.h"
@@ -49,10 +49,16 @@ public:
 
     const ZDURLRequest &originalRequest() const { return m_request; }
 
+    // For the driver: the transfer left the multi handle; it ended (curl's
+    // result code); upload progress is waiting to be told.
+    void driverDidRelease();
+    void driverDidFinish(int curlCode);
+    void driverDidProgress();
+
     // For make_shared only; use start().
     explicit ZDURLConnection(const ZDURLRequest &request);
 
-    // The transport's state, shared with the driver in the implementation file.
+    // The transport's state, in the implementation file.
     struct Private;
     std::unique_ptr<Private> p;
 

@@ -47,9 +47,20 @@ ZDCurlDriver::ZDCurlDriver()
 {
     static std::once_flag once;
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+    if (CURLSH *share = curl_share_init()) {
+        // One thread uses the share handle, so it needs no lock functions.
+        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+        m_share = std::shared_ptr<void>(
+            share, [](void *handle) { curl_share_cleanup(static_cast<CURLSH *>(handle)); });
+    }
     m_multi = curl_multi_init();
     if (!m_multi)
         return;
+    // Beyond these, transfers wait for a connection instead of failing when the
+    // process runs out of descriptors; browsers keep to about six per host.
+    curl_multi_setopt(m_multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections);
+    curl_multi_setopt(m_multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, kMaxTotalConnections);
     curl_multi_setopt(m_multi, CURLMOPT_SOCKETFUNCTION, &ZDCurlDriver::socketCallback);
     curl_multi_setopt(m_multi, CURLMOPT_SOCKETDATA, this);
     curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, &ZDCurlDriver::timerCallback);
@@ -68,7 +79,37 @@ ZDCurlDriver::~ZDCurlDriver()
             owner->driverDidRelease();
     }
     m_transfers.clear();
+    for (CURL *easy : m_idleHandles)
+        curl_easy_cleanup(easy);
     curl_multi_cleanup(m_multi);
+}
+
+CURL *ZDCurlDriver::takeEasyHandle()
+{
+    if (!m_idleHandles.empty()) {
+        CURL *easy = m_idleHandles.back();
+        m_idleHandles.pop_back();
+        return easy;
+    }
+    CURL *easy = curl_easy_init();
+    if (easy && m_share && curl_easy_setopt(easy, CURLOPT_SHARE, m_share.get()) != CURLE_OK) {
+        curl_easy_cleanup(easy);
+        return nullptr;
+    }
+    return easy;
+}
+
+void ZDCurlDriver::recycleEasyHandle(CURL *easy)
+{
+    // A few idle handles cover sequential requests and small bursts.
+    constexpr size_t kMaxIdleHandles = 8;
+    if (m_destroying || m_idleHandles.size() >= kMaxIdleHandles) {
+        curl_easy_cleanup(easy);
+        return;
+    }
+    // Keeps the share handle, the TLS session and DNS caches; drops every option.
+    curl_easy_reset(easy);
+    m_idleHandles.push_back(easy);
 }
 
 bool ZDCurlDriver::add(CURL *easy, std::weak_ptr<ZDURLConnection> connection)

@@ -3,6 +3,11 @@
 // Drives every transfer of one thread: one curl multi handle, a socket notifier
 // per socket and direction curl asks about, and one timer, all on that thread's
 // Qt event loop. No worker thread exists.
+//
+// What the transfers of one thread share: the multi handle's connection cache
+// and CA store cache, a share handle for TLS sessions and DNS answers, and easy
+// handles, which are reset and reused. Connections are limited per host and in
+// all; transfers beyond the limits wait in curl's queue.
 
 #include <curl/curl.h>
 
@@ -34,6 +39,17 @@ public:
     // Asks for ZDURLConnection::driverDidProgress once curl has returned.
     void queueProgress(std::weak_ptr<ZDURLConnection> connection);
 
+    // An easy handle in its default state, attached to the thread's share
+    // handle, or null when curl has no memory left. Give it back with
+    // recycleEasyHandle() (or clean it up, holding shareHandle() until then).
+    CURL *takeEasyHandle();
+    void recycleEasyHandle(CURL *easy);
+    // Keeps the share handle alive while an easy handle that uses it lives.
+    std::shared_ptr<void> shareHandle() const { return m_share; }
+
+    static constexpr long kMaxHostConnections = 6;
+    static constexpr long kMaxTotalConnections = 32;
+
 private:
     struct Notifiers
     {
@@ -48,6 +64,8 @@ private:
     void socketAction(curl_socket_t socket, int events);
     void dispatchEvents();
 
+    std::shared_ptr<void> m_share;
+    std::vector<CURL *> m_idleHandles;
     CURLM *m_multi = nullptr;
     QTimer m_timer;
     bool m_destroying = false;

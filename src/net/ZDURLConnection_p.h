@@ -32,6 +32,16 @@ public:
                                            qint64 totalWritten, qint64 totalExpected) = 0;
 };
 
+// What one transfer may cost (JSONHTTPRequest documents the rules); 0 turns a
+// limit off.
+struct ZDTransferLimits
+{
+    qint64 maximumResponseSize = 0;
+    qint64 minimumBytesPerSecond = 0;
+    int stallWindowSeconds = 0;
+    qint64 maximumDurationMs = 0;
+};
+
 class ZDURLConnection : public std::enable_shared_from_this<ZDURLConnection>
 {
 public:
@@ -39,7 +49,12 @@ public:
     // connection is not cancelled. Failures to start arrive as a failure event
     // from the event loop, never from inside this call.
     static std::shared_ptr<ZDURLConnection> start(const ZDURLRequest &request,
-                                                  std::weak_ptr<ZDURLConnectionDelegate> delegate);
+                                                  std::weak_ptr<ZDURLConnectionDelegate> delegate,
+                                                  const ZDTransferLimits &limits = {});
+    // A connection that sends nothing and fails with `error` from the event loop.
+    static std::shared_ptr<ZDURLConnection> fail(const ZDURLRequest &request,
+                                                 std::weak_ptr<ZDURLConnectionDelegate> delegate,
+                                                 const ZDError &error);
     ~ZDURLConnection();
     ZDURLConnection(const ZDURLConnection &) = delete;
     ZDURLConnection &operator=(const ZDURLConnection &) = delete;

@@ -479,6 +479,9 @@ std::optional<ZDError> ZDURLConnection::Private::applyOptions()
     }
     authorities = qtCertificateAuthorities();
     if (!authorities->isEmpty()) {
+        // The thread's cached store stays the system's alone: these
+        // authorities go into a store of this connection's own.
+        set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
         set(CURLOPT_SSL_CTX_FUNCTION, &addAuthorities);
         set(CURLOPT_SSL_CTX_DATA, const_cast<QByteArrayList *>(authorities.get()));
     }

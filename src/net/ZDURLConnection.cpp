@@ -139,39 +139,77 @@ ProxySetting proxyFor(const QByteArray &url)
     return {};
 }
 
-// The CA certificates of Qt's default TLS configuration, in DER. Qt loads the
-// system's store on demand and lists nothing then; an application that trusts
-// a private authority adds it there. Read on every start, converted only when
-// the list changed.
-std::shared_ptr<const QByteArrayList> qtCertificateAuthorities()
+// The CA certificates of Qt's default TLS configuration beside the system's
+// store. Qt loads the system's store on demand and lists nothing then; an
+// application that trusts a private authority adds it there.
+class CertificateAuthorities
+{
+public:
+    explicit CertificateAuthorities(QByteArrayList der) : m_der(std::move(der)) {}
+    ~CertificateAuthorities()
+    {
+        if (m_store)
+            X509_STORE_free(m_store);
+    }
+    CertificateAuthorities(const CertificateAuthorities &) = delete;
+    CertificateAuthorities &operator=(const CertificateAuthorities &) = delete;
+
+    bool isEmpty() const { return m_der.isEmpty(); }
+
+    // The system's store (curl's CA file) with Qt's authorities added, made on
+    // the first handshake and shared by every later one: a connection never
+    // loads the system's store again, and curl's own cached store stays the
+    // system's alone.
+    X509_STORE *store(const char *systemFile)
+    {
+        if (m_store)
+            return m_store;
+        X509_STORE *store = X509_STORE_new();
+        if (!store)
+            return nullptr;
+        if (!systemFile || !X509_STORE_load_file(store, systemFile))
+            X509_STORE_set_default_paths(store);
+        for (const QByteArray &der : std::as_const(m_der)) {
+            const auto *bytes = reinterpret_cast<const unsigned char *>(der.constData());
+            if (X509 *certificate = d2i_X509(nullptr, &bytes, long(der.size()))) {
+                X509_STORE_add_cert(store, certificate); // a duplicate is harmless
+                X509_free(certificate);
+            }
+        }
+        return m_store = store;
+    }
+
+private:
+    QByteArrayList m_der;
+    X509_STORE *m_store = nullptr;
+};
+
+// Read on every start, converted only when Qt's list changed.
+std::shared_ptr<CertificateAuthorities> qtCertificateAuthorities()
 {
     thread_local QList<QSslCertificate> last;
-    thread_local auto der = std::make_shared<const QByteArrayList>();
-    const QList<QSslCertificate> current =
+    thread_local auto current = std::make_shared<CertificateAuthorities>(QByteArrayList());
+    const QList<QSslCertificate> listed =
         QSslConfiguration::defaultConfiguration().caCertificates();
-    if (current != last) {
-        last = current;
-        QByteArrayList converted;
-        for (const QSslCertificate &certificate : current)
-            converted.append(certificate.toDer());
-        der = std::make_shared<const QByteArrayList>(std::move(converted));
+    if (listed != last) {
+        last = listed;
+        QByteArrayList der;
+        for (const QSslCertificate &certificate : listed)
+            der.append(certificate.toDer());
+        current = std::make_shared<CertificateAuthorities>(std::move(der));
     }
-    return der;
+    return current;
 }
 
-// Adds Qt's authorities to the store curl loaded from the system's CA file, so
-// that both are trusted. Runs once per TLS connection being set up.
-CURLcode addAuthorities(CURL *, void *context, void *userdata)
+// Runs once per TLS connection being set up, after curl has given it its store.
+CURLcode useAuthorities(CURL *easy, void *context, void *userdata)
 {
-    const auto &authorities = *static_cast<const QByteArrayList *>(userdata);
-    X509_STORE *store = SSL_CTX_get_cert_store(static_cast<SSL_CTX *>(context));
-    for (const QByteArray &der : authorities) {
-        const auto *bytes = reinterpret_cast<const unsigned char *>(der.constData());
-        if (X509 *certificate = d2i_X509(nullptr, &bytes, long(der.size()))) {
-            X509_STORE_add_cert(store, certificate); // a duplicate is harmless
-            X509_free(certificate);
-        }
-    }
+    const char *systemFile = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_CAINFO, &systemFile);
+    X509_STORE *store = static_cast<CertificateAuthorities *>(userdata)->store(systemFile);
+    if (!store || !X509_STORE_up_ref(store))
+        return CURLE_SSL_CACERT_BADFILE;
+    SSL_CTX_set_cert_store(static_cast<SSL_CTX *>(context), store);
     return CURLE_OK;
 }
 
@@ -208,7 +246,7 @@ struct ZDURLConnection::Private
     bool hasUserAgent = false;
     QByteArray caBlob; // kept alive while curl may read it
 
-    std::shared_ptr<const QByteArrayList> authorities; // read by curl's TLS setup
+    std::shared_ptr<CertificateAuthorities> authorities; // used by curl's TLS setup
     enum class Stop { None, InsecureRedirect, TooLarge, Stalled };
     Stop stop = Stop::None;
     QByteArray insecureTarget;
@@ -479,11 +517,8 @@ std::optional<ZDError> ZDURLConnection::Private::applyOptions()
     }
     authorities = qtCertificateAuthorities();
     if (!authorities->isEmpty()) {
-        // The thread's cached store stays the system's alone: these
-        // authorities go into a store of this connection's own.
-        set(CURLOPT_CA_CACHE_TIMEOUT, 0L);
-        set(CURLOPT_SSL_CTX_FUNCTION, &addAuthorities);
-        set(CURLOPT_SSL_CTX_DATA, const_cast<QByteArrayList *>(authorities.get()));
+        set(CURLOPT_SSL_CTX_FUNCTION, &useAuthorities);
+        set(CURLOPT_SSL_CTX_DATA, authorities.get());
     }
 
     // The body is handed to curl in place: m_request keeps the bytes alive. A

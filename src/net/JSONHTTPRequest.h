@@ -153,8 +153,11 @@ public:
 // store, and the proxy is the one QNetworkProxyFactory::proxyForQuery() gives
 // for the URL (the application proxy, an application proxy factory, or the
 // system's when QNetworkProxyFactory::setUseSystemConfiguration(true) was
-// called; no proxy otherwise, whatever the environment says). Both are read
-// when start() is called.
+// called; no proxy otherwise, whatever the environment says). Like Qt, nothing
+// for 127.0.0.1 or localhost goes through a proxy. Both are read when start()
+// is called; the authorities for https requests only (an http request that a
+// server redirects to https is checked against the system's store alone), and
+// connections already open stay in use after they change.
 //
 // Lifetime: a request is single-use (a second start() appends the query again).
 // Destroying it cancels the exchange; no delegate call follows. The delegate may

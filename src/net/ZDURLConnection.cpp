@@ -515,8 +515,12 @@ std::optional<ZDError> ZDURLConnection::Private::applyOptions()
         set(CURLOPT_PROXYUSERNAME, proxy.user.constData());
         set(CURLOPT_PROXYPASSWORD, proxy.password.constData());
     }
-    authorities = qtCertificateAuthorities();
-    if (!authorities->isEmpty()) {
+    // Qt's TLS settings are read for https requests only: reading them the
+    // first time loads Qt's TLS backend. (An http request redirected to https
+    // is checked against the system's store alone.)
+    if (secureOnly)
+        authorities = qtCertificateAuthorities();
+    if (authorities && !authorities->isEmpty()) {
         set(CURLOPT_SSL_CTX_FUNCTION, &useAuthorities);
         set(CURLOPT_SSL_CTX_DATA, authorities.get());
     }

@@ -16,8 +16,8 @@ TestCertificates makeTestCertificates(const QString &directory)
     };
     QFile extensions(path("server.ext"));
     if (!extensions.open(QIODevice::WriteOnly) ||
-        extensions.write("subjectAltName=IP:127.0.0.1,DNS:" + QByteArray(kTestHostName) +
-                         "\nbasicConstraints=CA:FALSE\n") < 0) {
+        extensions.write(QByteArray("subjectAltName=IP:127.0.0.1,DNS:" + QByteArray(kTestHostName) +
+                                    "\nbasicConstraints=CA:FALSE\n")) < 0) {
         made.error = QStringLiteral("cannot write %1").arg(extensions.fileName());
         return made;
     }

@@ -476,7 +476,8 @@ void tst_HostileServer::qtsApplicationProxyCarriesRequests()
     JSONHTTPRequest secure(named(m_tls, u"/tunnelled"_s), &tunnelled);
     runToTheEnd(secure, tunnelled);
     QVERIFY2(tunnelled.last().kind == RecordingDelegate::Event::Object,
-             qPrintable(tunnelled.last().error.localizedDescription()));
+             qPrintable(tunnelled.last().error.localizedDescription() + u" "_s +
+                        tunnelled.last().error.userInfo().value(ZDCurlMessageKey).toString()));
     QCOMPARE(m_tls.requests().size(), 1);
 
     // Without the proxy, the name means nothing to the system's resolver.

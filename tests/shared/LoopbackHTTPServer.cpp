@@ -109,7 +109,18 @@ void LoopbackHTTPServer::onNewConnection()
 {
     while (QTcpSocket *socket = m_server->nextPendingConnection()) {
         socket->setParent(this);
-        connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
+        if (m_readPauseMs > 0) {
+            // Qt reads no further than its buffer while nothing is taken from it.
+            socket->setReadBufferSize(64 * 1024);
+            QTimer::singleShot(m_readPauseMs, socket, [this, socket] {
+                socket->setReadBufferSize(0);
+                connect(socket, &QTcpSocket::readyRead, this,
+                        [this, socket] { onReadyRead(socket); });
+                onReadyRead(socket);
+            });
+        } else {
+            connect(socket, &QTcpSocket::readyRead, this, [this, socket] { onReadyRead(socket); });
+        }
         connect(socket, &QTcpSocket::disconnected, this, [this, socket] {
             m_buffers.remove(socket);
             socket->deleteLater();

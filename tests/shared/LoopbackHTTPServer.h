@@ -117,6 +117,9 @@ public:
     QUrl url(const QString &pathAndQuery) const;
 
     void setHandler(Handler handler) { m_handler = std::move(handler); }
+    // Each new connection is left unread for this long (a client's upload
+    // stalls meanwhile), then read at full speed. 0 (the default) reads at once.
+    void setReadPauseMs(int ms) { m_readPauseMs = ms; }
     const QList<RecordedRequest> &requests() const { return m_requests; }
     void clear() { m_requests.clear(); }
 
@@ -129,6 +132,7 @@ private:
 
     std::unique_ptr<QTcpServer> m_server;
     bool m_tls = false;
+    int m_readPauseMs = 0;
     Handler m_handler;
     QList<RecordedRequest> m_requests;
     QHash<QTcpSocket *, QByteArray> m_buffers;

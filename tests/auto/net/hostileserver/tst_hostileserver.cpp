@@ -96,6 +96,7 @@ private Q_SLOTS:
     void oversizedResponsesFailAndDropTheirBytes();
     void slowServersAreCutButThinkingServersAreNot_data();
     void slowServersAreCutButThinkingServersAreNot();
+    void aStalledUploadIsNotCutByTheStallRule();
     void hugeURLFailsClearlyAndSendsNothing();
     void multipartKeysThatCouldForgeHeadersAreRefused_data();
     void multipartKeysThatCouldForgeHeadersAreRefused();
@@ -290,6 +291,29 @@ void tst_HostileServer::slowServersAreCutButThinkingServersAreNot()
         QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Object);
     else
         expectURLError(delegate, ZDURLError(expectedError));
+}
+
+// The server leaves a 32 MiB upload unread for three seconds, far beyond the
+// stall rule's window and rate: the body is still going out, so the rule does
+// not apply, and the upload completes.
+void tst_HostileServer::aStalledUploadIsNotCutByTheStallRule()
+{
+    LoopbackHTTPServer slowReader;
+    slowReader.setReadPauseMs(3000);
+    QVERIFY(slowReader.listen());
+    RecordingDelegate delegate;
+    JSONHTTPRequest request(slowReader.url(u"/upload"_s), &delegate);
+    request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
+    ZDFileUpload video;
+    video.setName(u"clip.mov"_s);
+    video.setData(QByteArray(32 * 1024 * 1024, 'v'));
+    request.setPostParams(QVariantMap{{u"video"_s, QVariant::fromValue(video)}});
+    request.setMinimumTransferRate(64 * 1024 * 1024, 1);
+    runToTheEnd(request, delegate);
+    QVERIFY2(delegate.last().kind == RecordingDelegate::Event::Object,
+             qPrintable(delegate.last().error.localizedDescription()));
+    QCOMPARE(slowReader.requests().size(), 1);
+    QVERIFY(slowReader.requests().first().body.size() > 32 * 1024 * 1024);
 }
 
 void tst_HostileServer::hugeURLFailsClearlyAndSendsNothing()

@@ -8,6 +8,10 @@
 
 #include <QUuid>
 
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
 const QString JSONHTTPRequestErrorDomain = QStringLiteral("JSONHTTPRequestErrorDomain");
 
 namespace {
@@ -59,9 +63,47 @@ const QString &JSONHTTPRequestPrivate::ensureBoundary()
     return boundary;
 }
 
+qint64 JSONHTTPRequestPrivate::effectiveMaximumResponseSize() const
+{
+    if (maximumResponseSize > 0)
+        return maximumResponseSize;
+    return responseType == JSONHTTPResponseTypeRawData
+               ? JSONHTTPRequestDefaultMaximumRawResponseSize
+               : JSONHTTPRequestDefaultMaximumResponseSize;
+}
+
+// A multipart key that could end its quoted name or header line early is refused
+// before the signer or the transport see anything.
+std::optional<ZDError> JSONHTTPRequestPrivate::refusalBeforeBuilding() const
+{
+    if (method != JSONHTTPRequestMethodMultipartPOST || overridePostBody)
+        return std::nullopt;
+    for (const auto *params : {&postParams, &unsignedPostParams}) {
+        if (!*params)
+            continue;
+        for (auto it = (*params)->cbegin(); it != (*params)->cend(); ++it) {
+            if (zdMultipartKeyIsSafe(it.key()))
+                continue;
+            QString shown = it.key();
+            shown.replace(u'\r', u"\\r"_s).replace(u'\n', u"\\n"_s);
+            return ZDError(
+                ZDURLErrorDomain, ZDURLErrorInvalidMultipartKey,
+                {{ZDLocalizedDescriptionKey,
+                  u"The multipart parameter name \u201c%1\u201d holds a double quote or a line "
+                  u"break."_s.arg(shown)},
+                 {ZDURLErrorURLKey, QString::fromUtf8(request.URLString())}});
+        }
+    }
+    return std::nullopt;
+}
+
 void JSONHTTPRequestPrivate::start()
 {
     cancel();
+    if (const std::optional<ZDError> refusal = refusalBeforeBuilding()) {
+        connection = ZDURLConnection::fail(request, weak_from_this(), *refusal);
+        return;
+    }
 
     QByteArray urlString = request.URLString();
     if (getParams)
@@ -116,7 +158,13 @@ void JSONHTTPRequestPrivate::start()
         request.setHTTPBodySegments(std::move(body));
     }
 
-    connection = ZDURLConnection::start(request, weak_from_this());
+    ZDTransferLimits limits;
+    limits.maximumResponseSize = effectiveMaximumResponseSize();
+    limits.minimumBytesPerSecond = minimumBytesPerSecond;
+    limits.stallWindowSeconds = stallWindowSeconds;
+    limits.maximumDurationMs = maximumDurationMs;
+    expectedBodySize = -1;
+    connection = ZDURLConnection::start(request, weak_from_this(), limits);
 }
 
 void JSONHTTPRequestPrivate::cancel()
@@ -137,16 +185,26 @@ void JSONHTTPRequestPrivate::connectionDidReceiveResponse(ZDURLConnection *,
     const int statusClass = newResponse.statusCode() / 100;
     receivedValidResponse = statusClass != 4 && statusClass != 5;
     response = newResponse;
+    // The body's buffer is made once at its announced size (the transport has
+    // checked it against the limit); a compressed body's decoded size is unknown.
+    bool known = false;
+    const qint64 announced =
+        newResponse.valueForHTTPHeaderField("Content-Length").toLongLong(&known);
+    expectedBodySize = known && newResponse.valueForHTTPHeaderField("Content-Encoding").isEmpty()
+                           ? std::min(announced, effectiveMaximumResponseSize())
+                           : -1;
 }
 
 void JSONHTTPRequestPrivate::connectionDidReceiveData(ZDURLConnection *from, QByteArrayView chunk)
 {
     if (from != connection.get())
         return;
-    if (!rawData)
-        rawData = chunk.toByteArray();
-    else
-        rawData->append(chunk);
+    if (!rawData) {
+        rawData.emplace();
+        if (expectedBodySize > chunk.size())
+            rawData->reserve(expectedBodySize);
+    }
+    rawData->append(chunk);
 }
 
 std::optional<QVariant> JSONHTTPRequestPrivate::objectFromBody(ZDError &parserError) const
@@ -211,6 +269,9 @@ void JSONHTTPRequestPrivate::connectionDidFinishLoading(ZDURLConnection *)
 void JSONHTTPRequestPrivate::connectionDidFailWithError(ZDURLConnection *, const ZDError &error)
 {
     const auto self = shared_from_this();
+    // What was received of a response that grew too large goes at once.
+    if (error.domain() == ZDURLErrorDomain && error.code() == ZDURLErrorResponseTooLarge)
+        rawData.reset();
     if (JSONHTTPRequestDelegate *target = delegate.get(); target && q)
         target->requestDidFailWithError(q, error);
 }
@@ -322,6 +383,42 @@ JSONHTTPResponseType JSONHTTPRequest::responseType() const
 void JSONHTTPRequest::setResponseType(JSONHTTPResponseType type)
 {
     d->responseType = type;
+}
+
+void JSONHTTPRequest::setMaximumResponseSize(qint64 bytes)
+{
+    d->maximumResponseSize = std::max<qint64>(bytes, 0);
+}
+
+qint64 JSONHTTPRequest::maximumResponseSize() const
+{
+    return d->effectiveMaximumResponseSize();
+}
+
+void JSONHTTPRequest::setMinimumTransferRate(qint64 bytesPerSecond, int windowSeconds)
+{
+    d->minimumBytesPerSecond = std::max<qint64>(bytesPerSecond, 0);
+    d->stallWindowSeconds = std::max(windowSeconds, 1);
+}
+
+qint64 JSONHTTPRequest::minimumBytesPerSecond() const
+{
+    return d->minimumBytesPerSecond;
+}
+
+int JSONHTTPRequest::stallWindowSeconds() const
+{
+    return d->stallWindowSeconds;
+}
+
+void JSONHTTPRequest::setMaximumDuration(qint64 milliseconds)
+{
+    d->maximumDurationMs = std::max<qint64>(milliseconds, 0);
+}
+
+qint64 JSONHTTPRequest::maximumDuration() const
+{
+    return d->maximumDurationMs;
 }
 
 std::optional<ZDHTTPResponse> JSONHTTPRequest::response() const

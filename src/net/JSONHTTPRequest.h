@@ -41,6 +41,13 @@ enum JSONHTTPResponseType : qint32 {
     JSONHTTPResponseTypeRawData = 2,
 };
 
+// Defaults of the transport's limits (JSONHTTPRequest::setMaximumResponseSize(),
+// setMinimumTransferRate()).
+inline constexpr qint64 JSONHTTPRequestDefaultMaximumResponseSize = 32LL * 1024 * 1024;
+inline constexpr qint64 JSONHTTPRequestDefaultMaximumRawResponseSize = 1024LL * 1024 * 1024;
+inline constexpr qint64 JSONHTTPRequestDefaultMinimumBytesPerSecond = 1024;
+inline constexpr int JSONHTTPRequestDefaultStallWindowSeconds = 30;
+
 // The library's own error domain and its codes.
 ZD_EXPORT extern const QString JSONHTTPRequestErrorDomain;
 enum JSONHTTPRequestError : qint32 {
@@ -115,7 +122,42 @@ public:
 // The transport is libcurl on the calling thread's Qt event loop: redirects are
 // followed (a POST answered by 301, 302 or 303 continues as GET), TLS peers are
 // verified, compressed responses are decoded, only http and https are spoken.
-// A connection that stays idle for 60 seconds fails with a time-out.
+//
+// What protects the caller from a hostile or broken server (errors in
+// ZDURLErrorDomain unless said otherwise, each the one failure of the exchange):
+// - A request that started on https never continues on http: a redirect to an
+//   http address fails with ZDURLErrorInsecureRedirect before anything is sent
+//   there. A redirect to another host over https is followed, without the
+//   Authorization header.
+// - The response body is bounded by maximumResponseSize(): a Content-Length
+//   above it fails before the body is read, a body (decoded, when compressed)
+//   that grows beyond it fails as soon as it does, and a header block beyond
+//   curl's limit fails too, all with ZDURLErrorResponseTooLarge; the bytes
+//   received are dropped at once (rawData() is null afterwards).
+// - A connection that moves no byte in either direction for 60 seconds (or takes
+//   that long to connect) fails with curl's time-out (ZDCurlErrorDomain, 28).
+// - Once the request is sent, the response must keep up a minimum average rate
+//   (setMinimumTransferRate()), or it fails with ZDURLErrorStalled. The rule
+//   never cuts a body that is still being sent: it starts when the body has
+//   gone out (or when the response head starts arriving).
+// - An optional maximum duration for the whole exchange
+//   (setMaximumDuration()) fails it with ZDURLErrorTimedOut.
+// - Multipart keys holding a double quote, CR or LF are refused
+//   (ZDURLErrorInvalidMultipartKey) before anything is built or signed; CR and
+//   LF in file names are sent as %0D and %0A (see ZDFileUpload).
+// - Each thread opens at most 6 connections to one host and 32 in all; further
+//   requests wait in the transport's queue (their clocks run while they wait).
+//
+// Trust and proxies follow Qt's own networking: the CA certificates of
+// QSslConfiguration::defaultConfiguration() are trusted on top of the system's
+// store, and the proxy is the one QNetworkProxyFactory::proxyForQuery() gives
+// for the URL (the application proxy, an application proxy factory, or the
+// system's when QNetworkProxyFactory::setUseSystemConfiguration(true) was
+// called; no proxy otherwise, whatever the environment says). Like Qt, nothing
+// for 127.0.0.1 or localhost goes through a proxy. Both are read when start()
+// is called; the authorities for https requests only (an http request that a
+// server redirects to https is checked against the system's store alone), and
+// connections already open stay in use after they change.
 //
 // Lifetime: a request is single-use (a second start() appends the query again).
 // Destroying it cancels the exchange; no delegate call follows. The delegate may
@@ -163,6 +205,31 @@ public:
 
     JSONHTTPResponseType responseType() const;
     void setResponseType(JSONHTTPResponseType type);
+
+    // The largest response body the exchange accepts, in bytes (see above). By
+    // default JSONHTTPRequestDefaultMaximumResponseSize for JSON and form-string
+    // responses and JSONHTTPRequestDefaultMaximumRawResponseSize for raw data;
+    // a value of 0 or less restores the default of the response type.
+    void setMaximumResponseSize(qint64 bytes);
+    qint64 maximumResponseSize() const;
+
+    // The stall rule: once the request is sent, the exchange fails with
+    // ZDURLErrorStalled when fewer than `bytesPerSecond` bytes a second arrive
+    // on average over a window of `windowSeconds` seconds (windows follow each
+    // other; headers and body count). By default
+    // JSONHTTPRequestDefaultMinimumBytesPerSecond over
+    // JSONHTTPRequestDefaultStallWindowSeconds; a rate of 0 turns the rule off
+    // (the 60-second idle rule stays). Never applies while the body is sent.
+    void setMinimumTransferRate(qint64 bytesPerSecond, int windowSeconds);
+    qint64 minimumBytesPerSecond() const;
+    int stallWindowSeconds() const;
+
+    // The longest the whole exchange may take, from start() to the last byte,
+    // redirects, waiting in the queue and the upload included; 0 (the default)
+    // means no limit. Beyond it the exchange fails with ZDURLErrorTimedOut.
+    // Long uploads should leave it at 0 and rely on the stall and idle rules.
+    void setMaximumDuration(qint64 milliseconds);
+    qint64 maximumDuration() const;
 
     // The last response received; it stays readable after the delegate call.
     std::optional<ZDHTTPResponse> response() const;

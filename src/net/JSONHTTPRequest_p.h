@@ -29,6 +29,15 @@ public:
     std::optional<QVariantMap> unsignedPostParams;
     std::optional<ZDHTTPResponse> response;
 
+    qint64 maximumResponseSize = 0; // 0: the response type's default
+    qint64 minimumBytesPerSecond = JSONHTTPRequestDefaultMinimumBytesPerSecond;
+    int stallWindowSeconds = JSONHTTPRequestDefaultStallWindowSeconds;
+    qint64 maximumDurationMs = 0;
+    qint64 expectedBodySize = -1; // from Content-Length, to size rawData once
+
+    qint64 effectiveMaximumResponseSize() const;
+    std::optional<ZDError> refusalBeforeBuilding() const;
+
     void start();
     void cancel();
     const QString &ensureBoundary();

@@ -10,7 +10,10 @@
 // dictionary (QVariant::fromValue(upload)) of a request sent as multipart POST.
 //
 // `name` is written into the part's filename attribute and its extension chooses
-// the part's content type; `data` is the file's contents, held in memory.
+// the part's content type; `data` is the file's contents, held in memory. In the
+// attribute each backslash of the name is doubled and each double quote preceded
+// by a backslash; CR and LF become %0D and %0A, as browsers write them, so that a
+// name can never end its header line early.
 class ZD_EXPORT ZDFileUpload
 {
 public:

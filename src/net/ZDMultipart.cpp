@@ -15,11 +15,23 @@ struct Part
     ZDBodySegment content;
 };
 
+// A line break inside a header would end the line early and let the text after
+// it stand as a header of its own; browsers percent-encode it in form data, and
+// so do we.
+QString withoutLineBreaks(QString text)
+{
+    text.replace(u'\r', QStringLiteral("%0D"));
+    text.replace(u'\n', QStringLiteral("%0A"));
+    return text;
+}
+
+// File names keep their quotes, escaped with a backslash (the backslash itself
+// doubled first), as receivers of this library's bodies expect.
 QString escapedFileName(QString name)
 {
     name.replace(u'\\', QStringLiteral("\\\\"));
     name.replace(u'"', QStringLiteral("\\\""));
-    return name;
+    return withoutLineBreaks(name);
 }
 
 Part makePart(const QString &key, const QVariant &value)
@@ -50,6 +62,11 @@ Part makePart(const QString &key, const QVariant &value)
 }
 
 } // namespace
+
+bool zdMultipartKeyIsSafe(const QString &key)
+{
+    return !key.contains(u'"') && !key.contains(u'\r') && !key.contains(u'\n');
+}
 
 QByteArray zdMultipartContentTypeLine(const QString &name)
 {

@@ -1,25 +1,27 @@
 #include "net/ZDURLConnection_p.h"
 
+#include "net/ZDCurlDriver_p.h"
+
 #include "core/zdglobal.h"
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QNetworkInformation>
+#include <QNetworkProxyFactory>
 #include <QPointer>
-#include <QSocketNotifier>
-#include <QThread>
+#include <QSslCertificate>
+#include <QSslConfiguration>
 #include <QTimer>
 
 #include <algorithm>
 #include <climits>
 #include <cstring>
-#include <mutex>
 #include <optional>
-#include <unordered_map>
-#include <unordered_set>
-#include <vector>
 
 namespace {
 
@@ -32,14 +34,183 @@ constexpr long kIdleTimeoutSeconds = 60;
 constexpr long kUploadBufferSize = 2L * 1024 * 1024;
 constexpr long kDownloadBufferSize = 256L * 1024;
 
-class CurlDriver;
-
 ZDError makeError(const QString &domain, qint64 code, const QString &description,
-                  const QByteArray &url)
+                  const QByteArray &url, QVariantMap userInfo = {})
 {
-    return ZDError(
-        domain, code,
-        {{ZDLocalizedDescriptionKey, description}, {ZDURLErrorURLKey, QString::fromUtf8(url)}});
+    userInfo.insert(ZDLocalizedDescriptionKey, description);
+    userInfo.insert(ZDURLErrorURLKey, QString::fromUtf8(url));
+    return ZDError(domain, code, userInfo);
+}
+
+// Text from the caller or a server shown in a description: control characters
+// (a CR or LF above all) are written as escapes, never as themselves.
+QString printable(const QByteArray &text)
+{
+    QString shown;
+    for (const char c : text) {
+        if (c == '\r')
+            shown += QStringLiteral("\\r");
+        else if (c == '\n')
+            shown += QStringLiteral("\\n");
+        else if (uchar(c) < 0x20 || c == 0x7f)
+            shown += QStringLiteral("\\x%1").arg(uchar(c), 2, 16, QLatin1Char('0'));
+        else
+            shown += QLatin1Char(c);
+    }
+    return shown;
+}
+
+// The library's wording for curl's failures; curl's own code and message go
+// into userInfo beside it.
+QString describeCurlCode(CURLcode code)
+{
+    switch (code) {
+    case CURLE_UNSUPPORTED_PROTOCOL:
+        return QStringLiteral("The address uses a protocol other than http or https.");
+    case CURLE_URL_MALFORMAT:
+        return QStringLiteral("The address is malformed.");
+    case CURLE_COULDNT_RESOLVE_PROXY:
+        return QStringLiteral("The proxy server could not be found.");
+    case CURLE_COULDNT_RESOLVE_HOST:
+        return QStringLiteral("The server could not be found.");
+    case CURLE_COULDNT_CONNECT:
+        return QStringLiteral("Could not connect to the server.");
+    case CURLE_OPERATION_TIMEDOUT:
+        return QStringLiteral("The server did not answer in time.");
+    case CURLE_SSL_CONNECT_ERROR:
+        return QStringLiteral("A secure connection to the server could not be made.");
+    case CURLE_PEER_FAILED_VERIFICATION:
+        return QStringLiteral("The server's certificate is not trusted.");
+    case CURLE_SEND_ERROR:
+        return QStringLiteral("The connection broke while the request was sent.");
+    case CURLE_RECV_ERROR:
+    case CURLE_PARTIAL_FILE:
+        return QStringLiteral("The connection broke before the whole response arrived.");
+    case CURLE_GOT_NOTHING:
+        return QStringLiteral("The server closed the connection without answering.");
+    case CURLE_TOO_MANY_REDIRECTS:
+        return QStringLiteral("The server redirected the request too many times.");
+    case CURLE_BAD_CONTENT_ENCODING:
+        return QStringLiteral("The server's compressed response could not be decoded.");
+    case CURLE_WEIRD_SERVER_REPLY:
+        return QStringLiteral("The server's response is not valid HTTP.");
+    case CURLE_OUT_OF_MEMORY:
+        return QStringLiteral("The transport ran out of memory.");
+    default:
+        return QStringLiteral("The exchange with the server failed.");
+    }
+}
+
+// Qt's proxy for `url` in curl's spelling, empty for none (which also keeps
+// curl from reading proxies from the environment, as Qt does).
+struct ProxySetting
+{
+    QByteArray url;
+    QByteArray user;
+    QByteArray password;
+};
+
+ProxySetting proxyFor(const QByteArray &url)
+{
+    if (!QCoreApplication::instance())
+        return {};
+    const QList<QNetworkProxy> proxies =
+        QNetworkProxyFactory::proxyForQuery(QNetworkProxyQuery(QUrl::fromEncoded(url)));
+    for (const QNetworkProxy &proxy : proxies) {
+        QByteArray scheme;
+        switch (proxy.type()) {
+        case QNetworkProxy::NoProxy:
+            return {};
+        case QNetworkProxy::HttpProxy:
+        case QNetworkProxy::HttpCachingProxy:
+            scheme = "http";
+            break;
+        case QNetworkProxy::Socks5Proxy:
+            scheme = "socks5h";
+            break;
+        default:
+            continue;
+        }
+        const QByteArray host = QUrl::toAce(proxy.hostName());
+        const QByteArray bracketed = host.contains(':') ? '[' + host + ']' : host;
+        return {scheme + "://" + bracketed + ':' + QByteArray::number(proxy.port()),
+                proxy.user().toUtf8(), proxy.password().toUtf8()};
+    }
+    return {};
+}
+
+// The CA certificates of Qt's default TLS configuration beside the system's
+// store. Qt loads the system's store on demand and lists nothing then; an
+// application that trusts a private authority adds it there.
+class CertificateAuthorities
+{
+public:
+    explicit CertificateAuthorities(QByteArrayList der) : m_der(std::move(der)) {}
+    ~CertificateAuthorities()
+    {
+        if (m_store)
+            X509_STORE_free(m_store);
+    }
+    CertificateAuthorities(const CertificateAuthorities &) = delete;
+    CertificateAuthorities &operator=(const CertificateAuthorities &) = delete;
+
+    bool isEmpty() const { return m_der.isEmpty(); }
+
+    // The system's store (curl's CA file) with Qt's authorities added, made on
+    // the first handshake and shared by every later one: a connection never
+    // loads the system's store again, and curl's own cached store stays the
+    // system's alone.
+    X509_STORE *store(const char *systemFile)
+    {
+        if (m_store)
+            return m_store;
+        X509_STORE *store = X509_STORE_new();
+        if (!store)
+            return nullptr;
+        if (!systemFile || !X509_STORE_load_file(store, systemFile))
+            X509_STORE_set_default_paths(store);
+        for (const QByteArray &der : std::as_const(m_der)) {
+            const auto *bytes = reinterpret_cast<const unsigned char *>(der.constData());
+            if (X509 *certificate = d2i_X509(nullptr, &bytes, long(der.size()))) {
+                X509_STORE_add_cert(store, certificate); // a duplicate is harmless
+                X509_free(certificate);
+            }
+        }
+        return m_store = store;
+    }
+
+private:
+    QByteArrayList m_der;
+    X509_STORE *m_store = nullptr;
+};
+
+// Read on every start, converted only when Qt's list changed.
+std::shared_ptr<CertificateAuthorities> qtCertificateAuthorities()
+{
+    thread_local QList<QSslCertificate> last;
+    thread_local auto current = std::make_shared<CertificateAuthorities>(QByteArrayList());
+    const QList<QSslCertificate> listed =
+        QSslConfiguration::defaultConfiguration().caCertificates();
+    if (listed != last) {
+        last = listed;
+        QByteArrayList der;
+        for (const QSslCertificate &certificate : listed)
+            der.append(certificate.toDer());
+        current = std::make_shared<CertificateAuthorities>(std::move(der));
+    }
+    return current;
+}
+
+// Runs once per TLS connection being set up, after curl has given it its store.
+CURLcode useAuthorities(CURL *easy, void *context, void *userdata)
+{
+    const char *systemFile = nullptr;
+    curl_easy_getinfo(easy, CURLINFO_CAINFO, &systemFile);
+    X509_STORE *store = static_cast<CertificateAuthorities *>(userdata)->store(systemFile);
+    if (!store || !X509_STORE_up_ref(store))
+        return CURLE_SSL_CACERT_BADFILE;
+    SSL_CTX_set_cert_store(static_cast<SSL_CTX *>(context), store);
+    return CURLE_OK;
 }
 
 bool isValidHeaderField(const QByteArray &name, const QByteArray &value)
@@ -58,7 +229,7 @@ struct ZDURLConnection::Private
     std::weak_ptr<ZDURLConnectionDelegate> delegate;
     CURL *easy = nullptr;
     curl_slist *headers = nullptr;
-    QPointer<CurlDriver> driver;
+    QPointer<ZDCurlDriver> driver;
     bool inMulti = false;
     bool cancelled = false;
     char errorBuffer[CURL_ERROR_SIZE] = {};
@@ -69,6 +240,26 @@ struct ZDURLConnection::Private
     std::optional<ZDHTTPResponse> pendingResponse;
     bool responseDelivered = false;
 
+    ZDTransferLimits limits;
+    std::shared_ptr<void> share; // outlives `easy`
+    bool secureOnly = false;     // started on https: never continue on http
+    bool hasUserAgent = false;
+    QByteArray caBlob; // kept alive while curl may read it
+
+    std::shared_ptr<CertificateAuthorities> authorities; // used by curl's TLS setup
+    enum class Stop { None, InsecureRedirect, TooLarge, Stalled };
+    Stop stop = Stop::None;
+    QByteArray insecureTarget;
+    qint64 receivedBytes = 0; // decoded body bytes given to the delegate
+    qint64 headerBytes = 0;
+
+    // The stall rule: when the request went out, and the current window.
+    QElapsedTimer clock;
+    qint64 sentAtMs = -1;
+    qint64 windowStartMs = -1;
+    qint64 windowStartBytes = 0;
+    bool headStarted = false;
+
     // Upload progress: what curl reported and what the delegate was told.
     qint64 uploadNow = 0;
     qint64 uploadTotal = 0;
@@ -76,6 +267,9 @@ struct ZDURLConnection::Private
     bool progressQueued = false;
 
     std::optional<ZDError> configure();
+    std::optional<ZDError> applyOptions();
+    bool checkStall(qint64 transferred);
+    bool attach();
     void detach();
     void deliverPendingResponse();
     void dispatchProgress();
@@ -92,186 +286,11 @@ struct ZDURLConnection::Private
     static size_t readCallback(char *buffer, size_t size, size_t count, void *userdata);
     static int seekCallback(void *userdata, curl_off_t offset, int origin);
     static size_t writeCallback(char *buffer, size_t size, size_t count, void *userdata);
-    static int progressCallback(void *clientp, curl_off_t, curl_off_t, curl_off_t ultotal,
+    static int progressCallback(void *clientp, curl_off_t, curl_off_t dlnow, curl_off_t ultotal,
                                 curl_off_t ulnow);
 };
 
 namespace {
-
-// Drives every connection of one thread: one multi handle, a socket notifier per
-// socket and direction curl asks about, and one timer.
-class CurlDriver : public QObject
-{
-public:
-    static CurlDriver *forCurrentThread()
-    {
-        thread_local QPointer<CurlDriver> driver;
-        if (!driver) {
-            driver = new CurlDriver;
-            QCoreApplication *app = QCoreApplication::instance();
-            if (app && app->thread() == QThread::currentThread()) {
-                driver->setParent(app);
-            } else if (QThread *thread = QThread::currentThread()) {
-                CurlDriver *d = driver;
-                QObject::connect(
-                    thread, &QThread::finished, d, [d] { delete d; }, Qt::DirectConnection);
-            }
-        }
-        return driver;
-    }
-
-    ~CurlDriver() override
-    {
-        m_destroying = true;
-        for (ZDURLConnection::Private *connection : m_connections) {
-            curl_multi_remove_handle(m_multi, connection->easy);
-            connection->inMulti = false;
-        }
-        m_connections.clear();
-        curl_multi_cleanup(m_multi);
-    }
-
-    bool add(ZDURLConnection::Private *connection)
-    {
-        if (!m_multi || curl_multi_add_handle(m_multi, connection->easy) != CURLM_OK)
-            return false;
-        m_connections.insert(connection);
-        connection->inMulti = true;
-        connection->driver = this;
-        return true;
-    }
-
-    void remove(ZDURLConnection::Private *connection)
-    {
-        curl_multi_remove_handle(m_multi, connection->easy);
-        m_connections.erase(connection);
-        connection->inMulti = false;
-    }
-
-    void queueProgress(std::weak_ptr<ZDURLConnection> connection)
-    {
-        m_progressQueue.push_back(std::move(connection));
-    }
-
-private:
-    struct Notifiers
-    {
-        QSocketNotifier *read = nullptr;
-        QSocketNotifier *write = nullptr;
-    };
-
-    CurlDriver()
-    {
-        static std::once_flag once;
-        std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-        m_multi = curl_multi_init();
-        if (!m_multi)
-            return;
-        curl_multi_setopt(m_multi, CURLMOPT_SOCKETFUNCTION, &CurlDriver::socketCallback);
-        curl_multi_setopt(m_multi, CURLMOPT_SOCKETDATA, this);
-        curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, &CurlDriver::timerCallback);
-        curl_multi_setopt(m_multi, CURLMOPT_TIMERDATA, this);
-        m_timer.setSingleShot(true);
-        QObject::connect(&m_timer, &QTimer::timeout, this,
-                         [this] { socketAction(CURL_SOCKET_TIMEOUT, 0); });
-    }
-
-    static int socketCallback(CURL *, curl_socket_t socket, int what, void *userp, void *)
-    {
-        static_cast<CurlDriver *>(userp)->updateSocket(socket, what);
-        return 0;
-    }
-
-    static int timerCallback(CURLM *, long timeoutMs, void *userp)
-    {
-        auto *self = static_cast<CurlDriver *>(userp);
-        if (self->m_destroying)
-            return 0;
-        if (timeoutMs < 0)
-            self->m_timer.stop();
-        else
-            self->m_timer.start(int(std::min<long>(timeoutMs, INT_MAX)));
-        return 0;
-    }
-
-    void updateSocket(curl_socket_t socket, int what)
-    {
-        if (m_destroying)
-            return;
-        if (what == CURL_POLL_REMOVE) {
-            if (auto it = m_sockets.find(socket); it != m_sockets.end()) {
-                retire(it->second.read);
-                retire(it->second.write);
-                m_sockets.erase(it);
-            }
-            return;
-        }
-        Notifiers &notifiers = m_sockets[socket];
-        const auto follow = [&](QSocketNotifier *&notifier, QSocketNotifier::Type type, int event,
-                                bool wanted) {
-            if (wanted && !notifier) {
-                notifier = new QSocketNotifier(qintptr(socket), type, this);
-                QObject::connect(notifier, &QSocketNotifier::activated, this,
-                                 [this, socket, event] { socketAction(socket, event); });
-            }
-            if (notifier)
-                notifier->setEnabled(wanted);
-        };
-        follow(notifiers.read, QSocketNotifier::Read, CURL_CSELECT_IN, what & CURL_POLL_IN);
-        follow(notifiers.write, QSocketNotifier::Write, CURL_CSELECT_OUT, what & CURL_POLL_OUT);
-    }
-
-    // A notifier may be the one whose signal is being delivered: never delete it
-    // on the spot.
-    static void retire(QSocketNotifier *notifier)
-    {
-        if (!notifier)
-            return;
-        notifier->setEnabled(false);
-        QObject::disconnect(notifier, nullptr, nullptr, nullptr);
-        notifier->deleteLater();
-    }
-
-    void socketAction(curl_socket_t socket, int events)
-    {
-        int running = 0;
-        curl_multi_socket_action(m_multi, socket, events, &running);
-        dispatchEvents();
-    }
-
-    // Runs after curl has returned, so that delegates may cancel, destroy or
-    // start connections freely.
-    void dispatchEvents()
-    {
-        std::vector<std::pair<std::weak_ptr<ZDURLConnection>, CURLcode>> done;
-        int left = 0;
-        while (CURLMsg *message = curl_multi_info_read(m_multi, &left)) {
-            if (message->msg != CURLMSG_DONE)
-                continue;
-            CURL *easy = message->easy_handle;
-            const CURLcode result = message->data.result;
-            ZDURLConnection::Private *connection = nullptr;
-            curl_easy_getinfo(easy, CURLINFO_PRIVATE, &connection);
-            remove(connection);
-            done.emplace_back(connection->q->weak_from_this(), result);
-        }
-        for (const auto &weak : std::exchange(m_progressQueue, {})) {
-            if (const auto connection = weak.lock())
-                connection->p->dispatchProgress();
-        }
-        for (const auto &[weak, result] : done) {
-            if (const auto connection = weak.lock())
-                connection->p->dispatchDone(result);
-        }
-    }
-
-    CURLM *m_multi = nullptr;
-    QTimer m_timer;
-    bool m_destroying = false;
-    std::unordered_map<curl_socket_t, Notifiers> m_sockets;
-    std::unordered_set<ZDURLConnection::Private *> m_connections;
-    std::vector<std::weak_ptr<ZDURLConnection>> m_progressQueue;
-};
 
 std::function<bool()> &cellularProbe()
 {
@@ -311,31 +330,50 @@ ZDURLConnection::ZDURLConnection(const ZDURLRequest &request)
 ZDURLConnection::~ZDURLConnection()
 {
     p->detach();
-    if (p->easy)
-        curl_easy_cleanup(p->easy);
+    if (p->easy) {
+        if (p->driver)
+            p->driver->recycleEasyHandle(p->easy);
+        else
+            curl_easy_cleanup(p->easy);
+    }
     curl_slist_free_all(p->headers);
 }
 
 std::shared_ptr<ZDURLConnection>
-ZDURLConnection::start(const ZDURLRequest &request, std::weak_ptr<ZDURLConnectionDelegate> delegate)
+ZDURLConnection::fail(const ZDURLRequest &request, std::weak_ptr<ZDURLConnectionDelegate> delegate,
+                      const ZDError &error)
 {
     auto connection = std::make_shared<ZDURLConnection>(request);
     connection->p->delegate = std::move(delegate);
+    QTimer::singleShot(0, [weak = connection->weak_from_this(), error] {
+        const auto self = weak.lock();
+        if (!self || self->p->cancelled)
+            return;
+        if (const auto target = self->p->delegate.lock())
+            target->connectionDidFailWithError(self.get(), error);
+    });
+    return connection;
+}
+
+std::shared_ptr<ZDURLConnection>
+ZDURLConnection::start(const ZDURLRequest &request, std::weak_ptr<ZDURLConnectionDelegate> delegate,
+                       const ZDTransferLimits &limits)
+{
+    auto connection = std::make_shared<ZDURLConnection>(request);
+    connection->p->delegate = delegate;
+    connection->p->limits = limits;
     std::optional<ZDError> refusal = connection->p->configure();
-    if (!refusal && !CurlDriver::forCurrentThread()->add(connection->p.get())) {
+    if (!refusal && !connection->p->attach()) {
         refusal = makeError(ZDURLErrorDomain, ZDURLErrorTransportUnavailable,
                             QStringLiteral("The transport could not take the request."),
                             request.URLString());
     }
     if (refusal) {
-        QTimer::singleShot(0, [weak = connection->weak_from_this(), error = *refusal] {
-            const auto self = weak.lock();
-            if (!self || self->p->cancelled)
-                return;
-            if (const auto target = self->p->delegate.lock())
-                target->connectionDidFailWithError(self.get(), error);
-        });
+        // The half-made transfer is dropped; a failing one holds no easy handle.
+        connection.reset();
+        return fail(request, std::move(delegate), *refusal);
     }
+    connection->p->clock.start();
     return connection;
 }
 
@@ -345,11 +383,36 @@ void ZDURLConnection::cancel()
     p->detach();
 }
 
+bool ZDURLConnection::Private::attach()
+{
+    ZDCurlDriver *current = ZDCurlDriver::forCurrentThread();
+    if (!current->add(easy, q->weak_from_this()))
+        return false;
+    driver = current;
+    inMulti = true;
+    return true;
+}
+
 void ZDURLConnection::Private::detach()
 {
     if (inMulti && driver)
-        driver->remove(this);
+        driver->remove(easy);
     inMulti = false;
+}
+
+void ZDURLConnection::driverDidRelease()
+{
+    p->inMulti = false;
+}
+
+void ZDURLConnection::driverDidFinish(int curlCode)
+{
+    p->dispatchDone(CURLcode(curlCode));
+}
+
+void ZDURLConnection::driverDidProgress()
+{
+    p->dispatchProgress();
 }
 
 std::optional<ZDError> ZDURLConnection::Private::configure()
@@ -360,13 +423,13 @@ std::optional<ZDError> ZDURLConnection::Private::configure()
         return makeError(ZDURLErrorDomain, ZDURLErrorCellularAccessDenied,
                          QStringLiteral("The request does not allow cellular access."), url);
     }
-    bool hasUserAgent = false;
+    hasUserAgent = false;
     bool hasExpect = false;
     for (const auto &[name, value] : request.allHTTPHeaderFields()) {
         if (!isValidHeaderField(name, value)) {
             return makeError(ZDURLErrorDomain, ZDURLErrorInvalidHeaderField,
                              QStringLiteral("The header field \u201c%1\u201d is malformed.")
-                                 .arg(QString::fromUtf8(name)),
+                                 .arg(printable(name)),
                              url);
         }
         hasUserAgent |= name.compare("User-Agent", Qt::CaseInsensitive) == 0;
@@ -381,35 +444,86 @@ std::optional<ZDError> ZDURLConnection::Private::configure()
     if (!hasExpect)
         headers = curl_slist_append(headers, "Expect:");
 
-    easy = curl_easy_init();
+    driver = ZDCurlDriver::forCurrentThread();
+    easy = driver->takeEasyHandle();
+    share = driver->shareHandle();
     if (!easy) {
         return makeError(ZDURLErrorDomain, ZDURLErrorTransportUnavailable,
                          QStringLiteral("The transport could not take the request."), url);
     }
-    curl_easy_setopt(easy, CURLOPT_URL, url.constData());
-    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(easy, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(easy, CURLOPT_MAXREDIRS, kMaxRedirects);
-    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(easy, CURLOPT_ACCEPT_ENCODING, "");
-    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, kIdleTimeoutSeconds);
-    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
-    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds);
-    curl_easy_setopt(easy, CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize);
-    curl_easy_setopt(easy, CURLOPT_BUFFERSIZE, kDownloadBufferSize);
-    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, errorBuffer);
-    curl_easy_setopt(easy, CURLOPT_PRIVATE, this);
-    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Private::headerCallback);
-    curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
-    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, &Private::writeCallback);
-    curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
-    curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &Private::progressCallback);
-    curl_easy_setopt(easy, CURLOPT_XFERINFODATA, this);
-    curl_easy_setopt(easy, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, headers);
+    secureOnly = url.left(6).compare("https:", Qt::CaseInsensitive) == 0;
+    return applyOptions();
+}
+
+// Every option is checked: an option curl refuses would otherwise leave the
+// transfer doing something other than what was asked.
+std::optional<ZDError> ZDURLConnection::Private::applyOptions()
+{
+    const ZDURLRequest &request = q->m_request;
+    const QByteArray url = request.URLString();
+    std::optional<ZDError> refusal;
+    const auto set = [&](CURLoption option, auto value) {
+        const CURLcode result = curl_easy_setopt(easy, option, value);
+        if (result == CURLE_OK || refusal)
+            return;
+        const QVariantMap curlInfo{
+            {ZDCurlCodeKey, qint64(result)},
+            {ZDCurlMessageKey, QString::fromUtf8(curl_easy_strerror(result))}};
+        refusal =
+            option == CURLOPT_URL
+                ? makeError(ZDURLErrorDomain, ZDURLErrorBadURL,
+                            QStringLiteral("The address is malformed or too long."), url, curlInfo)
+                : makeError(ZDURLErrorDomain, ZDURLErrorTransportUnavailable,
+                            QStringLiteral("The transport refused one of the request's settings."),
+                            url, curlInfo);
+    };
+
+    set(CURLOPT_ERRORBUFFER, errorBuffer);
+    set(CURLOPT_URL, url.constData());
+    // A request that started on https never continues on http; the header
+    // callback names the refused redirect before curl would even try it.
+    set(CURLOPT_PROTOCOLS_STR, secureOnly ? "https" : "http,https");
+    set(CURLOPT_REDIR_PROTOCOLS_STR, secureOnly ? "https" : "http,https");
+    set(CURLOPT_FOLLOWLOCATION, 1L);
+    set(CURLOPT_MAXREDIRS, kMaxRedirects);
+    set(CURLOPT_NOSIGNAL, 1L);
+    set(CURLOPT_ACCEPT_ENCODING, "");
+    set(CURLOPT_CONNECTTIMEOUT, kIdleTimeoutSeconds);
+    set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+    set(CURLOPT_LOW_SPEED_TIME, kIdleTimeoutSeconds);
+    if (limits.maximumDurationMs > 0)
+        set(CURLOPT_TIMEOUT_MS, long(std::min<qint64>(limits.maximumDurationMs, LONG_MAX)));
+    if (limits.maximumResponseSize > 0)
+        set(CURLOPT_MAXFILESIZE_LARGE, curl_off_t(limits.maximumResponseSize));
+    set(CURLOPT_UPLOAD_BUFFERSIZE, kUploadBufferSize);
+    set(CURLOPT_BUFFERSIZE, kDownloadBufferSize);
+    set(CURLOPT_PRIVATE, this);
+    set(CURLOPT_HEADERFUNCTION, &Private::headerCallback);
+    set(CURLOPT_HEADERDATA, this);
+    set(CURLOPT_WRITEFUNCTION, &Private::writeCallback);
+    set(CURLOPT_WRITEDATA, this);
+    set(CURLOPT_XFERINFOFUNCTION, &Private::progressCallback);
+    set(CURLOPT_XFERINFODATA, this);
+    set(CURLOPT_NOPROGRESS, 0L);
+    set(CURLOPT_HTTPHEADER, headers);
     if (!hasUserAgent)
-        curl_easy_setopt(easy, CURLOPT_USERAGENT, "ZDPublish/" ZD_VERSION_STRING);
+        set(CURLOPT_USERAGENT, "ZDPublish/" ZD_VERSION_STRING);
+
+    const ProxySetting proxy = proxyFor(url);
+    set(CURLOPT_PROXY, proxy.url.constData());
+    if (!proxy.user.isEmpty()) {
+        set(CURLOPT_PROXYUSERNAME, proxy.user.constData());
+        set(CURLOPT_PROXYPASSWORD, proxy.password.constData());
+    }
+    // Qt's TLS settings are read for https requests only: reading them the
+    // first time loads Qt's TLS backend. (An http request redirected to https
+    // is checked against the system's store alone.)
+    if (secureOnly)
+        authorities = qtCertificateAuthorities();
+    if (authorities && !authorities->isEmpty()) {
+        set(CURLOPT_SSL_CTX_FUNCTION, &useAuthorities);
+        set(CURLOPT_SSL_CTX_DATA, authorities.get());
+    }
 
     // The body is handed to curl in place: m_request keeps the bytes alive. A
     // body of one piece is given as it is; one of several pieces (a multipart
@@ -418,33 +532,33 @@ std::optional<ZDError> ZDURLConnection::Private::configure()
     const std::optional<ZDBodySegments> &body = request.HTTPBodySegments();
     const qint64 bodyLength = request.HTTPBodyLength();
     const auto setBody = [&] {
-        curl_easy_setopt(easy, CURLOPT_POST, 1L);
-        curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(bodyLength));
+        set(CURLOPT_POST, 1L);
+        set(CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(bodyLength));
         if (!body || body->isEmpty() || (body->size() == 1 && !body->front().isFile())) {
-            curl_easy_setopt(easy, CURLOPT_POSTFIELDS,
-                             body && !body->isEmpty() ? body->front().bytes().constData() : "");
+            set(CURLOPT_POSTFIELDS,
+                body && !body->isEmpty() ? body->front().bytes().constData() : "");
             return;
         }
-        curl_easy_setopt(easy, CURLOPT_READFUNCTION, &Private::readCallback);
-        curl_easy_setopt(easy, CURLOPT_READDATA, this);
-        curl_easy_setopt(easy, CURLOPT_SEEKFUNCTION, &Private::seekCallback);
-        curl_easy_setopt(easy, CURLOPT_SEEKDATA, this);
+        set(CURLOPT_READFUNCTION, &Private::readCallback);
+        set(CURLOPT_READDATA, this);
+        set(CURLOPT_SEEKFUNCTION, &Private::seekCallback);
+        set(CURLOPT_SEEKDATA, this);
     };
     const bool bodyless = !body || bodyLength == 0;
     if (verb == "GET" && bodyless) {
-        curl_easy_setopt(easy, CURLOPT_HTTPGET, 1L);
+        set(CURLOPT_HTTPGET, 1L);
     } else if (verb == "HEAD" && bodyless) {
-        curl_easy_setopt(easy, CURLOPT_NOBODY, 1L);
+        set(CURLOPT_NOBODY, 1L);
     } else if (verb == "POST") {
         // A plain POST (no custom verb) lets curl turn it into a GET on 301, 302
         // and 303, as browsers do.
         setBody();
     } else {
-        curl_easy_setopt(easy, CURLOPT_CUSTOMREQUEST, verb.constData());
+        set(CURLOPT_CUSTOMREQUEST, verb.constData());
         if (body)
             setBody();
     }
-    return std::nullopt;
+    return refusal;
 }
 
 size_t ZDURLConnection::Private::readCallback(char *buffer, size_t size, size_t count,
@@ -510,6 +624,8 @@ size_t ZDURLConnection::Private::headerCallback(char *buffer, size_t size, size_
 {
     auto *self = static_cast<Private *>(userdata);
     const size_t length = size * count;
+    self->headerBytes += qint64(length);
+    self->headStarted = true;
     QByteArrayView line(buffer, qsizetype(length));
     while (line.endsWith('\n') || line.endsWith('\r'))
         line.chop(1);
@@ -526,8 +642,27 @@ size_t ZDURLConnection::Private::headerCallback(char *buffer, size_t size, size_
             return length; // an interim response; the final one follows
         const char *effectiveURL = nullptr;
         curl_easy_getinfo(self->easy, CURLINFO_EFFECTIVE_URL, &effectiveURL);
-        self->pendingResponse = ZDHTTPResponse(QUrl::fromEncoded(QByteArray(effectiveURL)),
-                                               int(status), self->blockHeaders);
+        const QUrl here = QUrl::fromEncoded(QByteArray(effectiveURL));
+        ZDHTTPResponse response(here, int(status), self->blockHeaders);
+        const QByteArray location = response.valueForHTTPHeaderField("Location");
+        if (status >= 300 && status < 400 && !location.isEmpty()) {
+            // Stopped here rather than refused by curl when it tries, so that the
+            // error can say what happened.
+            const QUrl target = here.resolved(QUrl::fromEncoded(location));
+            if (self->secureOnly && target.scheme().compare(u"https", Qt::CaseInsensitive) != 0) {
+                self->stop = Stop::InsecureRedirect;
+                self->insecureTarget = target.toEncoded();
+                return 0;
+            }
+            return length; // curl follows it and discards its body
+        }
+        curl_off_t announced = -1;
+        curl_easy_getinfo(self->easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced);
+        if (self->limits.maximumResponseSize > 0 && announced > self->limits.maximumResponseSize) {
+            self->stop = Stop::TooLarge;
+            return 0;
+        }
+        self->pendingResponse = response;
         self->responseDelivered = false;
     } else if (self->inHeaderBlock) {
         if ((line.startsWith(' ') || line.startsWith('\t')) && !self->blockHeaders.isEmpty()) {
@@ -545,16 +680,61 @@ size_t ZDURLConnection::Private::writeCallback(char *buffer, size_t size, size_t
 {
     auto *self = static_cast<Private *>(userdata);
     const size_t length = size * count;
+    // Counted after decoding: a small compressed body cannot grow past the limit.
+    self->receivedBytes += qint64(length);
+    if (self->limits.maximumResponseSize > 0 &&
+        self->receivedBytes > self->limits.maximumResponseSize) {
+        self->stop = Stop::TooLarge;
+        return 0;
+    }
     self->deliverPendingResponse();
     if (const auto delegate = self->delegate.lock())
         delegate->connectionDidReceiveData(self->q, QByteArrayView(buffer, qsizetype(length)));
     return length;
 }
 
-int ZDURLConnection::Private::progressCallback(void *clientp, curl_off_t, curl_off_t,
+// The stall rule, run from curl's progress callback (at least once a second
+// while the transfer runs). `transferred` counts every byte moved both ways.
+bool ZDURLConnection::Private::checkStall(qint64 transferred)
+{
+    if (limits.minimumBytesPerSecond <= 0 || limits.stallWindowSeconds <= 0)
+        return false;
+    const qint64 now = clock.elapsed();
+    if (windowStartMs < 0) {
+        // The first window opens when the response starts, or after the idle
+        // limit once the request is out: a server may think before it answers,
+        // and the idle rule governs that wait.
+        const bool waitedEnough = sentAtMs >= 0 && now - sentAtMs >= kIdleTimeoutSeconds * 1000;
+        if (!headStarted && !waitedEnough)
+            return false;
+        windowStartMs = now;
+        windowStartBytes = transferred;
+        return false;
+    }
+    const qint64 windowMs = qint64(limits.stallWindowSeconds) * 1000;
+    if (now - windowStartMs < windowMs)
+        return false;
+    const qint64 moved = transferred - windowStartBytes;
+    if (moved * 1000 < limits.minimumBytesPerSecond * (now - windowStartMs))
+        return true;
+    windowStartMs = now;
+    windowStartBytes = transferred;
+    return false;
+}
+
+int ZDURLConnection::Private::progressCallback(void *clientp, curl_off_t, curl_off_t dlnow,
                                                curl_off_t ultotal, curl_off_t ulnow)
 {
     auto *self = static_cast<Private *>(clientp);
+    const qint64 bodyLength = self->q->m_request.HTTPBodyLength();
+    // Uploads are never cut by the stall rule: it waits until the body is out.
+    if (self->sentAtMs < 0 && (bodyLength <= 0 || ulnow >= bodyLength))
+        self->sentAtMs = self->clock.elapsed();
+    if ((self->sentAtMs >= 0 || self->headStarted) &&
+        self->checkStall(qint64(dlnow) + qint64(ulnow) + self->headerBytes)) {
+        self->stop = Stop::Stalled;
+        return 1;
+    }
     // After a redirect that repeats the body curl counts from zero again; the
     // delegate only ever hears of progress beyond what it was told.
     if (ulnow <= self->uploadReported || ulnow == self->uploadNow)
@@ -600,16 +780,49 @@ void ZDURLConnection::Private::dispatchDone(CURLcode result)
         d->connectionDidFinishLoading(q);
         return;
     }
-    if (result == CURLE_ABORTED_BY_CALLBACK && !bodyFileFailure.isEmpty()) {
+    const QByteArray url = q->m_request.URLString();
+    const QString curlMessage = errorBuffer[0] ? QString::fromUtf8(errorBuffer)
+                                               : QString::fromUtf8(curl_easy_strerror(result));
+    const QVariantMap curlInfo{{ZDCurlCodeKey, qint64(result)}, {ZDCurlMessageKey, curlMessage}};
+    const auto fail = [&](qint64 code, const QString &description, const QByteArray &where) {
         d->connectionDidFailWithError(
-            q, makeError(ZDURLErrorDomain, ZDURLErrorBodyFileUnreadable,
-                         QStringLiteral("The file \u201c%1\u201d could not be read to its end.")
-                             .arg(bodyFileFailure),
-                         q->m_request.URLString()));
+            q, makeError(ZDURLErrorDomain, code, description, where, curlInfo));
+    };
+    if (result == CURLE_ABORTED_BY_CALLBACK && !bodyFileFailure.isEmpty()) {
+        fail(ZDURLErrorBodyFileUnreadable,
+             QStringLiteral("The file \u201c%1\u201d could not be read to its end.")
+                 .arg(bodyFileFailure),
+             url);
         return;
     }
-    const QString description = errorBuffer[0] ? QString::fromUtf8(errorBuffer)
-                                               : QString::fromUtf8(curl_easy_strerror(result));
+    // A header block beyond curl's limit shows as "out of memory" or as a
+    // receive error naming the headers.
+    const bool headTooLarge =
+        !pendingResponse &&
+        (result == CURLE_OUT_OF_MEMORY ||
+         (result == CURLE_RECV_ERROR && curlMessage.contains(u"header", Qt::CaseInsensitive)));
+    if (stop == Stop::TooLarge || result == CURLE_FILESIZE_EXCEEDED || headTooLarge) {
+        fail(ZDURLErrorResponseTooLarge,
+             QStringLiteral("The server's response is larger than the request allows."), url);
+        return;
+    }
+    if (stop == Stop::InsecureRedirect) {
+        fail(ZDURLErrorInsecureRedirect,
+             QStringLiteral("The server redirected a secure request to an insecure address; "
+                            "the redirect was not followed."),
+             insecureTarget);
+        return;
+    }
+    if (stop == Stop::Stalled) {
+        fail(ZDURLErrorStalled, QStringLiteral("The server is sending its response too slowly."),
+             url);
+        return;
+    }
+    if (result == CURLE_OPERATION_TIMEDOUT && limits.maximumDurationMs > 0 &&
+        clock.elapsed() >= limits.maximumDurationMs) {
+        fail(ZDURLErrorTimedOut, QStringLiteral("The request took longer than it may."), url);
+        return;
+    }
     d->connectionDidFailWithError(
-        q, makeError(ZDCurlErrorDomain, result, description, q->m_request.URLString()));
+        q, makeError(ZDCurlErrorDomain, result, describeCurlCode(result), url, curlInfo));
 }

@@ -1,8 +1,8 @@
 #pragma once
 
 // The transport under JSONHTTPRequest: one libcurl easy handle per connection,
-// all of a thread's connections driven by one multi handle from that thread's Qt
-// event loop (socket notifiers and a timer). No worker thread exists.
+// all of a thread's connections driven by that thread's ZDCurlDriver
+// (ZDCurlDriver_p.h) from its Qt event loop. No worker thread exists.
 
 #include "core/ZDError.h"
 #include "net/ZDURLRequest.h"
@@ -32,6 +32,16 @@ public:
                                            qint64 totalWritten, qint64 totalExpected) = 0;
 };
 
+// What one transfer may cost (JSONHTTPRequest documents the rules); 0 turns a
+// limit off.
+struct ZDTransferLimits
+{
+    qint64 maximumResponseSize = 0;
+    qint64 minimumBytesPerSecond = 0;
+    int stallWindowSeconds = 0;
+    qint64 maximumDurationMs = 0;
+};
+
 class ZDURLConnection : public std::enable_shared_from_this<ZDURLConnection>
 {
 public:
@@ -39,7 +49,12 @@ public:
     // connection is not cancelled. Failures to start arrive as a failure event
     // from the event loop, never from inside this call.
     static std::shared_ptr<ZDURLConnection> start(const ZDURLRequest &request,
-                                                  std::weak_ptr<ZDURLConnectionDelegate> delegate);
+                                                  std::weak_ptr<ZDURLConnectionDelegate> delegate,
+                                                  const ZDTransferLimits &limits = {});
+    // A connection that sends nothing and fails with `error` from the event loop.
+    static std::shared_ptr<ZDURLConnection> fail(const ZDURLRequest &request,
+                                                 std::weak_ptr<ZDURLConnectionDelegate> delegate,
+                                                 const ZDError &error);
     ~ZDURLConnection();
     ZDURLConnection(const ZDURLConnection &) = delete;
     ZDURLConnection &operator=(const ZDURLConnection &) = delete;
@@ -49,10 +64,16 @@ public:
 
     const ZDURLRequest &originalRequest() const { return m_request; }
 
+    // For the driver: the transfer left the multi handle; it ended (curl's
+    // result code); upload progress is waiting to be told.
+    void driverDidRelease();
+    void driverDidFinish(int curlCode);
+    void driverDidProgress();
+
     // For make_shared only; use start().
     explicit ZDURLConnection(const ZDURLRequest &request);
 
-    // The transport's state, shared with the driver in the implementation file.
+    // The transport's state, in the implementation file.
     struct Private;
     std::unique_ptr<Private> p;
 

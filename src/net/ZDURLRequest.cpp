@@ -5,6 +5,8 @@
 const QString ZDCurlErrorDomain = QStringLiteral("CurlErrorDomain");
 const QString ZDURLErrorDomain = QStringLiteral("ZDURLErrorDomain");
 const QString ZDURLErrorURLKey = QStringLiteral("failingURL");
+const QString ZDCurlCodeKey = QStringLiteral("curlCode");
+const QString ZDCurlMessageKey = QStringLiteral("curlMessage");
 
 ZDURLRequest::ZDURLRequest(const QUrl &url) : m_url(url.toEncoded()) {}
 

@@ -13,13 +13,17 @@
 
 using ZDHTTPHeaderList = QList<std::pair<QByteArray, QByteArray>>;
 
-// Errors of the transport. libcurl's own errors keep their CURLcode in
-// ZDCurlErrorDomain; refusals of the library's transport layer itself use
+// Errors of the transport. Failures that libcurl reports keep its CURLcode as
+// their code in ZDCurlErrorDomain, with the library's own description (curl's
+// code is also under ZDCurlCodeKey and its own message, when it gave one, under
+// ZDCurlMessageKey). Refusals of the library's transport layer itself use
 // ZDURLErrorDomain with the codes below. Both carry a readable description under
 // ZDLocalizedDescriptionKey and the request's URL under ZDURLErrorURLKey.
 ZD_EXPORT extern const QString ZDCurlErrorDomain;
 ZD_EXPORT extern const QString ZDURLErrorDomain;
 ZD_EXPORT extern const QString ZDURLErrorURLKey;
+ZD_EXPORT extern const QString ZDCurlCodeKey;    // qint64
+ZD_EXPORT extern const QString ZDCurlMessageKey; // QString
 
 enum ZDURLError : qint32 {
     // The request does not allow cellular access and the system reports a
@@ -33,6 +37,21 @@ enum ZDURLError : qint32 {
     // A file that the body is read from could not be read to its end (it went
     // away or shrank after the body was built).
     ZDURLErrorBodyFileUnreadable = 4,
+    // A request that started on https was redirected to plain http. Nothing is
+    // sent to the http address; the redirect's target is under ZDURLErrorURLKey.
+    ZDURLErrorInsecureRedirect = 5,
+    // The response is larger than the request allows (its Content-Length, its
+    // decoded body or its header block). The bytes received so far are dropped.
+    ZDURLErrorResponseTooLarge = 6,
+    // The response arrived more slowly than the request's minimum rate.
+    ZDURLErrorStalled = 7,
+    // The request took longer than its maximum duration.
+    ZDURLErrorTimedOut = 8,
+    // A multipart body's key holds a double quote, CR or LF, which would end
+    // the part's name or header line early. Nothing is sent.
+    ZDURLErrorInvalidMultipartKey = 9,
+    // The URL is malformed or too long for the transport. Nothing is sent.
+    ZDURLErrorBadURL = 10,
 };
 
 // One piece of a request body: bytes in memory, or the first `size` bytes of a

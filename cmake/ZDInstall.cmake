@@ -12,6 +12,9 @@ foreach(layer core net resources auth toolkit host publish)
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zdpublish/${layer}
         FILES_MATCHING PATTERN "*.h" PATTERN "*_p.h" EXCLUDE)
 endforeach()
+# Found by core/zdglobal.h beside itself.
+install(FILES ${ZD_GENERATED_INCLUDE_DIR}/zdpublish_export.h
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zdpublish/core)
 
 set(ZD_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/ZDPublish)
 install(EXPORT ZDPublishTargets NAMESPACE ZDPublish:: DESTINATION ${ZD_CMAKE_DIR})

@@ -1,463 +1,38 @@
 #include "DemoVideoService.h"
 
+#include "DemoHttp.h"
+#include "DemoIncomingUpload.h"
+#include "DemoOAuth.h"
+
 #include <QByteArray>
-#include <QCryptographicHash>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QHash>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QLocale>
 #include <QMap>
-#include <QMultiMap>
-#include <QOAuth1Signature>
-#include <QRandomGenerator>
-#include <QRegularExpression>
 #include <QUrl>
-#include <QVariant>
 
 #include <httplib.h>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdio>
-#include <mutex>
+#include <memory>
 #include <optional>
-#include <set>
 #include <string>
 #include <utility>
-#include <vector>
 
 using namespace Qt::StringLiterals;
+using namespace DemoHttp;
+using DemoOAuth::OAuthParameters;
 
 namespace {
 
-using Parameters = QList<std::pair<QString, QString>>;
-using OAuthParameters = QMap<QString, QString>;
-
-// How far a request's oauth_timestamp may be from the service's clock.
-constexpr qint64 kTimestampWindowSeconds = 300;
-// Small bodies (the token exchange, the revoke call) are read whole; larger
-// ones are refused.
-constexpr qsizetype kMaxSmallBody = 64 * 1024;
-// The text fields of an upload are held in memory until the signature is
-// checked, so their number and size are bounded. The video is not.
-constexpr qsizetype kMaxTextFieldBytes = 1024 * 1024;
-constexpr qsizetype kMaxTextFields = 256;
 // Silent uploads are dropped after this long without a byte.
 constexpr time_t kReadTimeoutSeconds = 60;
-
-constexpr char kOctetStream[] = "application/octet-stream";
-
-QString randomString(int length, QStringView alphabet)
-{
-    QString result(length, Qt::Uninitialized);
-    for (QChar &c : result)
-        c = alphabet.at(QRandomGenerator::system()->bounded(int(alphabet.size())));
-    return result;
-}
-
-QString newToken(int length)
-{
-    return randomString(length, u"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789");
-}
-
-const QRegularExpression &videoIdPattern()
-{
-    static const QRegularExpression pattern(u"^[a-z0-9]{12}$"_s);
-    return pattern;
-}
-
-QString newVideoId()
-{
-    return randomString(12, u"abcdefghijklmnopqrstuvwxyz0123456789");
-}
-
-bool equalInConstantTime(const QByteArray &a, const QByteArray &b)
-{
-    if (a.size() != b.size())
-        return false;
-    unsigned char difference = 0;
-    for (qsizetype i = 0; i < a.size(); ++i)
-        difference |= static_cast<unsigned char>(a.at(i) ^ b.at(i));
-    return difference == 0;
-}
-
-QByteArray headerValue(const httplib::Request &req, const char *name)
-{
-    return QByteArray::fromStdString(req.get_header_value(name));
-}
-
-void replyJson(httplib::Response &res, int status, const QJsonObject &object)
-{
-    const QByteArray body = QJsonDocument(object).toJson(QJsonDocument::Compact);
-    res.status = status;
-    res.set_content(body.constData(), size_t(body.size()), "application/json");
-}
-
-void replyJsonError(httplib::Response &res, int status, const QString &message)
-{
-    replyJson(res, status, QJsonObject{{u"error"_s, message}});
-}
-
-void replyText(httplib::Response &res, int status, const QByteArray &text)
-{
-    res.status = status;
-    res.set_content(text.constData(), size_t(text.size()), "text/plain");
-}
-
-// The client goes on sending a body the handler left unread; the connection
-// cannot carry another request.
-void closeAfterReply(httplib::Response &res)
-{
-    res.set_header("Connection", "close");
-}
-
-// Form decoding: "+" is a space, then percent-escapes.
-QString formDecoded(QByteArray text)
-{
-    text.replace('+', ' ');
-    return QString::fromUtf8(QByteArray::fromPercentEncoding(text));
-}
-
-Parameters formParameters(const QByteArray &encoded)
-{
-    Parameters parameters;
-    if (encoded.isEmpty())
-        return parameters;
-    for (const QByteArray &pair : encoded.split('&')) {
-        const qsizetype equals = pair.indexOf('=');
-        if (equals < 0)
-            parameters.append({formDecoded(pair), QString()});
-        else
-            parameters.append({formDecoded(pair.left(equals)), formDecoded(pair.mid(equals + 1))});
-    }
-    return parameters;
-}
-
-Parameters queryParameters(const httplib::Request &req)
-{
-    const QByteArray target = QByteArray::fromStdString(req.target);
-    const qsizetype query = target.indexOf('?');
-    return query < 0 ? Parameters() : formParameters(target.mid(query + 1).split('#').front());
-}
-
-// The oauth_ parameters of an "Authorization: OAuth ..." header, percent-decoded
-// (realm and other names are left out). Nothing when the header is missing or
-// malformed, or names a parameter twice.
-std::optional<OAuthParameters> oauthParameters(const QByteArray &header)
-{
-    const QByteArray text = header.trimmed();
-    if (text.size() < 6 || qstrnicmp(text.constData(), "OAuth ", 6) != 0)
-        return std::nullopt;
-    OAuthParameters result;
-    qsizetype at = 6;
-    const auto skipSpaces = [&] {
-        while (at < text.size() && (text.at(at) == ' ' || text.at(at) == '\t'))
-            ++at;
-    };
-    for (;;) {
-        skipSpaces();
-        if (at >= text.size())
-            return result;
-        const qsizetype equals = text.indexOf('=', at);
-        if (equals < 0)
-            return std::nullopt;
-        const QByteArray name = text.mid(at, equals - at).trimmed();
-        at = equals + 1;
-        skipSpaces();
-        if (at >= text.size() || text.at(at) != '"')
-            return std::nullopt;
-        const qsizetype close = text.indexOf('"', at + 1);
-        if (close < 0)
-            return std::nullopt;
-        const QByteArray value = text.mid(at + 1, close - at - 1);
-        at = close + 1;
-        const QString decodedName = QString::fromUtf8(QByteArray::fromPercentEncoding(name));
-        if (decodedName.startsWith(u"oauth_")) {
-            if (result.contains(decodedName))
-                return std::nullopt;
-            result.insert(decodedName, QString::fromUtf8(QByteArray::fromPercentEncoding(value)));
-        }
-        skipSpaces();
-        if (at < text.size()) {
-            if (text.at(at) != ',')
-                return std::nullopt;
-            ++at;
-        }
-    }
-}
-
-// The base string URI of a request to this service: the Host header as the
-// client sent it (the client signed the address it used), without a default
-// port, and the path.
-QUrl signedUrl(const httplib::Request &req, int localPort)
-{
-    QString authority = QString::fromLatin1(headerValue(req, "Host")).trimmed().toLower();
-    if (authority.isEmpty())
-        authority = u"127.0.0.1:"_s + QString::number(localPort);
-    QUrl url(u"http://"_s + authority);
-    if (url.port() == 80)
-        url.setPort(-1);
-    url.setPath(QString::fromStdString(req.path));
-    return url;
-}
-
-// Whether `signature` (base64, as sent) is the HMAC-SHA1 signature of a POST to
-// `url` with `parameters`: those of the query and the body and the oauth_ ones,
-// without oauth_signature.
-bool signatureMatches(const QUrl &url, Parameters parameters, const QString &tokenSecret,
-                      const QString &signature)
-{
-    // QOAuth1Signature writes the values of a repeated name in its map's order,
-    // and QMultiMap::insert() puts a value before those already there: inserted
-    // from the highest down, they come out in the ascending order RFC 5849 asks
-    // for. Names are ordered as QStrings, which for the plain ASCII names this
-    // service reads is also the order of their encodings.
-    std::sort(parameters.begin(), parameters.end(), [](const auto &a, const auto &b) {
-        if (a.first != b.first)
-            return a.first > b.first;
-        return QUrl::toPercentEncoding(a.second) > QUrl::toPercentEncoding(b.second);
-    });
-    QMultiMap<QString, QVariant> map;
-    for (const auto &[name, value] : parameters)
-        map.insert(name, value);
-    // The URL carries no query: QOAuth1Signature would add its items itself.
-    const QOAuth1Signature expected(url, QString::fromUtf16(DemoAccount::kConsumerSecret),
-                                    tokenSecret, QOAuth1Signature::HttpRequestMethod::Post, map);
-    // hmacSha1() is the raw digest, not its base64 text.
-    const auto given = QByteArray::fromBase64Encoding(signature.toLatin1(),
-                                                      QByteArray::AbortOnBase64DecodingErrors);
-    return given && equalInConstantTime(expected.hmacSha1(), *given);
-}
-
-// Whether the body has a length or chunks: a POST with neither has no body, and
-// reading one would wait for the client to close the connection.
-bool hasFramedBody(const httplib::Request &req)
-{
-    if (req.get_header_value("Transfer-Encoding").find("chunked") != std::string::npos)
-        return true;
-    return req.has_header("Content-Length") && req.get_header_value<uint64_t>("Content-Length") > 0;
-}
-
-// Reads the body as plain bytes, whatever its Content-Type. True once all of it
-// arrived; false when the connection ended first or `receiver` stopped it.
-//
-// cpp-httplib picks its reader from the request's Content-Type and would hand a
-// multipart body to its multipart reader, which a plain receiver cannot take;
-// the endpoints that read small bodies whole read them raw instead. The type is
-// restored before returning.
-bool readRawBody(const httplib::Request &req, const httplib::ContentReader &reader,
-                 const httplib::ContentReceiver &receiver)
-{
-    if (!hasFramedBody(req))
-        return true;
-    // The handler's request is the server's own mutable object, passed as const.
-    auto &headers = const_cast<httplib::Headers &>(req.headers);
-    std::vector<std::string> types;
-    for (auto [it, end] = headers.equal_range("Content-Type"); it != end; ++it)
-        types.push_back(it->second);
-    headers.erase("Content-Type");
-    headers.emplace("Content-Type", kOctetStream);
-    const bool complete = reader(receiver);
-    headers.erase("Content-Type");
-    for (const std::string &type : types)
-        headers.emplace("Content-Type", type);
-    return complete;
-}
-
-// A small body, read whole; nothing when it is larger than kMaxSmallBody or cut
-// short.
-std::optional<QByteArray> readSmallBody(const httplib::Request &req,
-                                        const httplib::ContentReader &reader)
-{
-    QByteArray body;
-    const bool complete = readRawBody(req, reader, [&](const char *data, size_t size) {
-        if (body.size() + qsizetype(size) > kMaxSmallBody)
-            return false;
-        body.append(data, qsizetype(size));
-        return true;
-    });
-    return complete ? std::optional(body) : std::nullopt;
-}
-
-bool isFormBody(const httplib::Request &req)
-{
-    return headerValue(req, "Content-Type")
-        .trimmed()
-        .toLower()
-        .startsWith("application/x-www-form-urlencoded");
-}
-
-// The stored name of a video uploaded as `filename`: "video" and the filename's
-// extension when it is a plain one.
-QString storedVideoName(const QString &filename)
-{
-    static const QRegularExpression plainExtension(u"^[A-Za-z0-9]{1,8}$"_s);
-    const QString base = filename.section(u'/', -1).section(u'\\', -1);
-    const qsizetype dot = base.lastIndexOf(u'.');
-    const QString extension = dot <= 0 ? QString() : base.sliced(dot + 1);
-    return plainExtension.match(extension).hasMatch() ? u"video."_s + extension.toLower()
-                                                      : u"video"_s;
-}
-
-std::string videoContentType(const QString &storedName)
-{
-    if (storedName.endsWith(u".mov"))
-        return "video/quicktime";
-    if (storedName.endsWith(u".mp4"))
-        return "video/mp4";
-    if (storedName.endsWith(u".m4v"))
-        return "video/x-m4v";
-    return kOctetStream;
-}
-
-// One upload while it arrives, in incoming/<id>/. The folder goes away with the
-// object unless the upload was published.
-class IncomingUpload
-{
-public:
-    IncomingUpload(const QString &incomingPath, const QString &videosPath, qint64 dieAfterBytes)
-        : m_dieAfterBytes(dieAfterBytes)
-    {
-        for (int attempt = 0; attempt < 8 && m_folder.isEmpty(); ++attempt) {
-            const QString id = newVideoId();
-            if (!QFileInfo::exists(videosPath + u'/' + id) && QDir(incomingPath).mkdir(id)) {
-                m_id = id;
-                m_folder = incomingPath + u'/' + id;
-            }
-        }
-    }
-    ~IncomingUpload()
-    {
-        m_video.close();
-        if (!m_published && !m_folder.isEmpty())
-            QDir(m_folder).removeRecursively();
-    }
-    IncomingUpload(const IncomingUpload &) = delete;
-    IncomingUpload &operator=(const IncomingUpload &) = delete;
-
-    bool isValid() const { return !m_folder.isEmpty(); }
-    QString id() const { return m_id; }
-
-    bool partBegins(const httplib::MultipartFormData &part)
-    {
-        m_sink = Sink::Discard;
-        if (part.name.empty())
-            return true;
-        if (!part.filename.empty()) {
-            if (part.name != "video")
-                return true; // only the video is kept
-            if (m_hasVideo)
-                return refuse(400, u"The upload holds more than one video."_s);
-            m_filename = QString::fromStdString(part.filename);
-            m_video.setFileName(m_folder + u'/' + storedVideoName(m_filename));
-            if (!m_video.open(QIODevice::WriteOnly))
-                return refuse(500, u"The video could not be stored."_s);
-            m_hasVideo = true;
-            m_sink = Sink::Video;
-            return true;
-        }
-        if (m_fields.size() >= kMaxTextFields)
-            return refuse(413, u"The upload has too many fields."_s);
-        m_fields.append({QString::fromStdString(part.name), QByteArray()});
-        m_sink = Sink::Field;
-        return true;
-    }
-
-    bool partContent(const char *data, qsizetype size)
-    {
-        switch (m_sink) {
-        case Sink::Discard:
-            return true;
-        case Sink::Field:
-            m_fieldBytes += size;
-            if (m_fieldBytes > kMaxTextFieldBytes)
-                return refuse(413, u"The upload's text fields are too large."_s);
-            m_fields.last().second.append(data, size);
-            return true;
-        case Sink::Video:
-            if (m_video.write(data, size) != size)
-                return refuse(500, u"The video could not be stored."_s);
-            m_md5.addData(QByteArrayView(data, size));
-            m_bytes += size;
-            if (m_dieAfterBytes >= 0 && m_bytes > m_dieAfterBytes) {
-                m_video.flush();
-                ::_exit(70); // as if the machine went down mid-upload
-            }
-            return true;
-        }
-        return true;
-    }
-
-    // The status and message of what stopped the parse, if anything did.
-    int problemStatus() const { return m_problemStatus; }
-    QString problem() const { return m_problem; }
-
-    Parameters fields() const
-    {
-        Parameters fields;
-        for (const auto &[name, value] : m_fields)
-            fields.append({name, QString::fromUtf8(value)});
-        return fields;
-    }
-    bool hasVideo() const { return m_hasVideo; }
-    QString filename() const { return m_filename; }
-    qint64 bytes() const { return m_bytes; }
-    QString md5() const { return QString::fromLatin1(m_md5.result().toHex()); }
-
-    bool closeVideo()
-    {
-        if (!m_video.isOpen())
-            return true;
-        const bool flushed = m_video.flush();
-        m_video.close();
-        return flushed && m_video.error() == QFileDevice::NoError;
-    }
-
-    // Writes meta.json and moves the folder to <videos>/<id> in one rename.
-    bool publish(const QString &videosPath, const QJsonObject &meta)
-    {
-        QFile file(m_folder + u"/meta.json"_s);
-        if (!file.open(QIODevice::WriteOnly) || file.write(QJsonDocument(meta).toJson()) < 0 ||
-            !file.flush())
-            return false;
-        file.close();
-        if (!QDir().rename(m_folder, videosPath + u'/' + m_id))
-            return false;
-        m_published = true;
-        return true;
-    }
-
-private:
-    bool refuse(int status, const QString &message)
-    {
-        m_problemStatus = status;
-        m_problem = message;
-        return false;
-    }
-
-    enum class Sink { Discard, Field, Video };
-
-    qint64 m_dieAfterBytes;
-    QString m_id;
-    QString m_folder;
-    bool m_published = false;
-    Sink m_sink = Sink::Discard;
-    QList<std::pair<QString, QByteArray>> m_fields;
-    qsizetype m_fieldBytes = 0;
-    bool m_hasVideo = false;
-    QString m_filename;
-    QFile m_video;
-    QCryptographicHash m_md5{QCryptographicHash::Md5};
-    qint64 m_bytes = 0;
-    int m_problemStatus = 0;
-    QString m_problem;
-};
 
 // What the service serves a file from: the file, and one buffer for its pieces.
 struct FileSource
@@ -470,18 +45,7 @@ struct FileSource
 
 struct DemoVideoService::Private
 {
-    struct Token
-    {
-        QString secret;
-        QString account;
-        bool revoked = false;
-    };
-    struct Credentials
-    {
-        QString token;
-        QString tokenSecret;
-        QString account;
-    };
+    using Credentials = DemoOAuth::Verifier::Credentials;
 
     Options options;
     QString incomingPath;
@@ -490,18 +54,15 @@ struct DemoVideoService::Private
     int port = 0;
     QString error;
 
-    std::mutex mutex; // guards tokens and nonces: handlers run on a thread pool
-    QHash<QString, Token> tokens;
-    // Nonces of accepted requests, by timestamp, kept while the timestamp is in
-    // the window.
-    std::set<std::pair<qint64, QString>> nonces;
+    DemoOAuth::Verifier oauthVerifier;
 
     void route();
 
-    QString checkOAuth(const OAuthParameters &oauth, bool withToken, Credentials &credentials);
-    QString acceptNonce(const OAuthParameters &oauth, const Credentials &credentials);
     bool verify(const httplib::Request &req, Parameters parameters, const OAuthParameters &oauth,
-                const QString &tokenSecret) const;
+                const QString &tokenSecret) const
+    {
+        return DemoOAuth::Verifier::verify(req, std::move(parameters), oauth, tokenSecret, port);
+    }
 
     void accessToken(const httplib::Request &req, httplib::Response &res,
                      const httplib::ContentReader &reader);
@@ -516,81 +77,13 @@ struct DemoVideoService::Private
     QJsonObject readMeta(const QString &id) const;
 };
 
-// The reason a request's OAuth parameters are refused before its signature is
-// checked, or an empty string. With `withToken`, the request must carry a live
-// token, whose secret and owner go into `credentials`.
-QString DemoVideoService::Private::checkOAuth(const OAuthParameters &oauth, bool withToken,
-                                              Credentials &credentials)
-{
-    for (const char16_t *name : {u"oauth_consumer_key", u"oauth_signature_method",
-                                 u"oauth_timestamp", u"oauth_nonce", u"oauth_signature"}) {
-        if (oauth.value(QString::fromUtf16(name)).isEmpty())
-            return u"missing_parameter"_s;
-    }
-    if (oauth.value(u"oauth_consumer_key"_s) != QString::fromUtf16(DemoAccount::kConsumerKey))
-        return u"unknown_consumer"_s;
-    if (oauth.value(u"oauth_signature_method"_s) != u"HMAC-SHA1")
-        return u"unsupported_signature_method"_s;
-    if (oauth.contains(u"oauth_version"_s) && oauth.value(u"oauth_version"_s) != u"1.0")
-        return u"unsupported_version"_s;
-    bool isNumber = false;
-    const qint64 timestamp = oauth.value(u"oauth_timestamp"_s).toLongLong(&isNumber);
-    if (!isNumber || qAbs(QDateTime::currentSecsSinceEpoch() - timestamp) > kTimestampWindowSeconds)
-        return u"timestamp_refused"_s;
-
-    const QString token = oauth.value(u"oauth_token"_s);
-    if (!withToken)
-        return token.isEmpty() ? QString() : u"unexpected_token"_s;
-    if (token.isEmpty())
-        return u"missing_token"_s;
-    std::lock_guard lock(mutex);
-    const auto found = tokens.constFind(token);
-    if (found == tokens.cend())
-        return u"invalid_token"_s;
-    if (found->revoked)
-        return u"token_revoked"_s;
-    if (nonces.count({timestamp, oauth.value(u"oauth_nonce"_s)}))
-        return u"nonce_replayed"_s;
-    credentials = {token, found->secret, found->account};
-    return {};
-}
-
-// Records the nonce of a request whose signature was verified. A nonce is
-// accepted once per timestamp; the token, if any, must still be live.
-QString DemoVideoService::Private::acceptNonce(const OAuthParameters &oauth,
-                                               const Credentials &credentials)
-{
-    const qint64 timestamp = oauth.value(u"oauth_timestamp"_s).toLongLong();
-    const qint64 oldest = QDateTime::currentSecsSinceEpoch() - kTimestampWindowSeconds;
-    std::lock_guard lock(mutex);
-    if (!credentials.token.isEmpty() && tokens.value(credentials.token).revoked)
-        return u"token_revoked"_s;
-    while (!nonces.empty() && nonces.begin()->first < oldest)
-        nonces.erase(nonces.begin());
-    if (!nonces.insert({timestamp, oauth.value(u"oauth_nonce"_s)}).second)
-        return u"nonce_replayed"_s;
-    return {};
-}
-
-bool DemoVideoService::Private::verify(const httplib::Request &req, Parameters parameters,
-                                       const OAuthParameters &oauth,
-                                       const QString &tokenSecret) const
-{
-    parameters += queryParameters(req);
-    for (auto it = oauth.cbegin(); it != oauth.cend(); ++it) {
-        if (it.key() != u"oauth_signature")
-            parameters.append({it.key(), it.value()});
-    }
-    return signatureMatches(signedUrl(req, port), std::move(parameters), tokenSecret,
-                            oauth.value(u"oauth_signature"_s));
-}
-
 void DemoVideoService::Private::accessToken(const httplib::Request &req, httplib::Response &res,
                                             const httplib::ContentReader &reader)
 {
-    const std::optional<OAuthParameters> oauth = oauthParameters(headerValue(req, "Authorization"));
+    const std::optional<OAuthParameters> oauth =
+        DemoOAuth::oauthParameters(headerValue(req, "Authorization"));
     Credentials none;
-    QString reason = oauth ? checkOAuth(*oauth, false, none) : u"missing_parameter"_s;
+    QString reason = oauth ? oauthVerifier.check(*oauth, false, none) : u"missing_parameter"_s;
     if (!reason.isEmpty()) {
         replyText(res, 401, QByteArray("error=") + reason.toLatin1());
         closeAfterReply(res);
@@ -607,7 +100,7 @@ void DemoVideoService::Private::accessToken(const httplib::Request &req, httplib
         replyText(res, 401, "error=invalid_signature");
         return;
     }
-    reason = acceptNonce(*oauth, none);
+    reason = oauthVerifier.acceptNonce(*oauth, none);
     if (!reason.isEmpty()) {
         replyText(res, 401, QByteArray("error=") + reason.toLatin1());
         return;
@@ -631,13 +124,8 @@ void DemoVideoService::Private::accessToken(const httplib::Request &req, httplib
         return;
     }
 
-    const QString token = newToken(32);
-    const QString secret = newToken(40);
     const QString account = QString::fromUtf16(DemoAccount::kDisplayName);
-    {
-        std::lock_guard lock(mutex);
-        tokens.insert(token, {secret, account, false});
-    }
+    const auto [token, secret] = oauthVerifier.issueToken(account);
     const QString answer = u"oauth_token="_s + token + u"&oauth_token_secret="_s + secret +
                            u"&screen_name="_s +
                            QString::fromLatin1(QUrl::toPercentEncoding(account));
@@ -654,11 +142,12 @@ void DemoVideoService::Private::upload(const httplib::Request &req, httplib::Res
         replyJsonError(res, status, message);
         closeAfterReply(res);
     };
-    const std::optional<OAuthParameters> oauth = oauthParameters(headerValue(req, "Authorization"));
+    const std::optional<OAuthParameters> oauth =
+        DemoOAuth::oauthParameters(headerValue(req, "Authorization"));
     if (!oauth)
         return refuse(401, u"missing_or_malformed_authorization"_s);
     Credentials credentials;
-    if (const QString reason = checkOAuth(*oauth, true, credentials); !reason.isEmpty())
+    if (const QString reason = oauthVerifier.check(*oauth, true, credentials); !reason.isEmpty())
         return refuse(401, reason);
     if (!req.is_multipart_form_data())
         return refuse(400, u"The upload must be a multipart/form-data body."_s);
@@ -684,7 +173,7 @@ void DemoVideoService::Private::upload(const httplib::Request &req, httplib::Res
     const Parameters fields = incoming.fields();
     if (!verify(req, fields, *oauth, credentials.tokenSecret))
         return refuse(401, u"invalid_signature"_s);
-    if (const QString reason = acceptNonce(*oauth, credentials); !reason.isEmpty())
+    if (const QString reason = oauthVerifier.acceptNonce(*oauth, credentials); !reason.isEmpty())
         return refuse(401, reason);
 
     QHash<QString, QString> field;
@@ -741,14 +230,7 @@ void DemoVideoService::Private::revoke(const httplib::Request &req, httplib::Res
 {
     if (!readSmallBody(req, reader))
         closeAfterReply(res);
-    int revoked = 0;
-    {
-        std::lock_guard lock(mutex);
-        for (Token &token : tokens) {
-            revoked += !token.revoked;
-            token.revoked = true;
-        }
-    }
+    const int revoked = oauthVerifier.revokeAll();
     replyJson(res, 200, {{u"revoked"_s, revoked}});
 }
 

@@ -1,6 +1,7 @@
 #include "publish/ZDPublishAgent.h"
 
 #include "core/ZDAssert.h"
+#include "core/ZDLogging_p.h"
 #include "toolkit/ZDNavigationController.h"
 
 #include <QDebug>
@@ -80,7 +81,8 @@ void ZDPublishAgent::publishPostDidFailWithError(ZDPublishPost *, const ZDError 
 {
     QString description;
     QDebug(&description).noquote().nospace() << error;
-    qWarning().noquote() << QStringLiteral("Publish failed with error: %1").arg(description);
+    qCWarning(lcZDPublish).noquote()
+        << QStringLiteral("Publish failed with error: %1").arg(description);
     setPublishingInProgress(false);
     if (PublishingAgentHostDelegate *host = hostDelegate())
         host->agentDidFinishPublishingError(this, error);

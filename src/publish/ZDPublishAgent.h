@@ -42,7 +42,8 @@ public:
     void publishPostHasWrittenBytesExpectsToWrite(ZDPublishPost *post, qint64 written,
                                                   qint64 expected) override;
     void publishPostSucceeded(ZDPublishPost *post) override;
-    // Logs "Publish failed with error: <the error>" and passes the error on.
+    // Logs "Publish failed with error: <the error>" (a warning of the zd.publish
+    // category, on unless the host turns it off) and passes the error on.
     void publishPostDidFailWithError(ZDPublishPost *post, const ZDError &error) override;
 
 protected:

@@ -386,6 +386,12 @@ void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response)
                         u"The service reported %1 bytes, more than the %2 sent."_s.arg(offset).arg(
                             entry.sentUpTo));
     const bool wasInterrupted = std::exchange(interrupted, false);
+    if (offset > entry.offset) {
+        // Bytes of a lost request that the server kept count as progress too.
+        attempt = 0;
+        waitedMsecs = 0;
+        checksumRefusals = 0;
+    }
     entry.offset = offset;
     saveJournal();
     const auto self = shared_from_this();

@@ -104,6 +104,8 @@ void FaultProxy::pump(Link *link)
         m_uploaded += take;
         if (m_throttle > 0)
             m_budget -= take;
+        if (m_onForward)
+            m_onForward(m_uploaded);
     }
     if (m_nextCut >= 0 && m_uploaded >= m_nextCut)
         cut(link);

@@ -35,6 +35,8 @@ public:
     void setRefusing(bool refusing) { m_refusing = refusing; }
     // Called after every cut with the upload byte count at which it happened.
     void setOnCut(std::function<void(qint64)> onCut) { m_onCut = std::move(onCut); }
+    // Called whenever upload bytes were passed on, with the new count.
+    void setOnForward(std::function<void(qint64)> onForward) { m_onForward = std::move(onForward); }
 
     qint64 uploadedBytes() const { return m_uploaded; }
     int cuts() const { return m_cuts; }
@@ -65,4 +67,5 @@ private:
     QTimer m_tick;
     int m_cuts = 0;
     std::function<void(qint64)> m_onCut;
+    std::function<void(qint64)> m_onForward;
 };

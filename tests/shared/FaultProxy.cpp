@@ -116,7 +116,12 @@ void FaultProxy::cut(Link *link)
     const qint64 at = m_uploaded;
     ++m_cuts;
     m_nextCut = m_cutEvery > 0 ? m_uploaded + m_cutEvery : -1;
-    // What was forwarded reaches the server before the reset.
+    // What was forwarded reaches the server before the reset. The sockets emit
+    // synchronously while they abort; nothing may close the link under us.
+    for (QTcpSocket *socket : {link->client.data(), link->server.data()}) {
+        if (socket)
+            socket->disconnect(this);
+    }
     if (link->server)
         link->server->flush();
     if (link->client)

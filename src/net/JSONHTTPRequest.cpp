@@ -110,7 +110,9 @@ void JSONHTTPRequestPrivate::start()
         appendQuery(urlString, JSONHTTPRequest::encodedStringForParameterDictionary(*getParams));
 
     std::optional<QByteArray> signingURL;
-    if (overridePostBody) {
+    if (overridePostBodySegments) {
+        request.setHTTPBodySegments(overridePostBodySegments);
+    } else if (overridePostBody) {
         request.setHTTPBody(overridePostBody);
     } else {
         if (method == JSONHTTPRequestMethodMultipartPOST && (postParams || unsignedPostParams)) {
@@ -138,7 +140,7 @@ void JSONHTTPRequestPrivate::start()
     request.setURLString(urlString);
 
     // Parameters added after signing are never covered by the signature.
-    if (unsignedPostParams && !overridePostBody) {
+    if (unsignedPostParams && !overridePostBody && !overridePostBodySegments) {
         // The body's pieces are extended, never copied: a video in the unsigned
         // parameters is sent from its own buffer.
         std::optional<ZDBodySegments> body = request.HTTPBodySegments();
@@ -307,6 +309,17 @@ void JSONHTTPRequest::setHTTPMethod(JSONHTTPRequestMethod method)
     d->method = method;
     if (const QByteArray verb = verbForMethod(method); !verb.isNull())
         d->request.setHTTPMethod(verb);
+}
+
+void JSONHTTPRequest::setHTTPVerb(const QByteArray &verb)
+{
+    if (!verb.isEmpty())
+        d->request.setHTTPMethod(verb);
+}
+
+void JSONHTTPRequest::setOverridePostBodySegments(const std::optional<ZDBodySegments> &body)
+{
+    d->overridePostBodySegments = body;
 }
 
 JSONHTTPRequestMethod JSONHTTPRequest::HTTPMethod() const

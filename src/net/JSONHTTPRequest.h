@@ -185,6 +185,15 @@ public:
     // When set, these bytes are sent as the body, whatever the method and the
     // parameters say.
     void setOverridePostBody(const std::optional<QByteArray> &body);
+    // The same, as pieces sent back to back (a piece may be a range of a file,
+    // read as it is sent). Wins over setOverridePostBody().
+    void setOverridePostBodySegments(const std::optional<ZDBodySegments> &body);
+
+    // Writes `verb` into the request in place of the method's verb, for the
+    // verbs the methods do not cover ("HEAD", "PATCH", "DELETE", "OPTIONS").
+    // The method still decides the body; with an override body any verb sends
+    // it. Call it after setHTTPMethod(), which writes the method's own verb.
+    void setHTTPVerb(const QByteArray &verb);
 
     // Reads false until set, although a new request does allow cellular access.
     // Set to false, the request is refused (ZDURLErrorCellularAccessDenied) while

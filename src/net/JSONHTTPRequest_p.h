@@ -16,6 +16,7 @@ public:
     std::shared_ptr<ZDURLConnection> connection;
     std::optional<QByteArray> rawData;
     std::optional<QByteArray> overridePostBody;
+    std::optional<ZDBodySegments> overridePostBodySegments;
     ZDWeakRef<JSONHTTPRequestDelegate> delegate;
     bool receivedValidResponse = false;
     std::shared_ptr<RequestSigner> signer;

@@ -4,7 +4,13 @@
 #include "net/ZDDigest_p.h"
 #include "net/ZDText_p.h"
 
+#include <QCryptographicHash>
+#include <QFile>
+
 #include <openssl/evp.h>
+
+#include <algorithm>
+#include <limits>
 
 #include <cstdlib>
 
@@ -21,6 +27,43 @@ QString ZDCreateMD5WithData(const QByteArray &data)
         *out++ = hex[digest[i] & 0xF];
     }
     return text;
+}
+
+std::optional<QByteArray> ZDCreateDigestBytesWithFile(const QString &path,
+                                                      ZDDigestAlgorithm algorithm, qint64 offset,
+                                                      qint64 length)
+{
+    static constexpr qint64 kBlockSize = 1 << 20;
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly) || offset < 0 || !file.seek(offset))
+        return std::nullopt;
+    QCryptographicHash hash(algorithm == ZDDigestAlgorithm::SHA1     ? QCryptographicHash::Sha1
+                            : algorithm == ZDDigestAlgorithm::SHA256 ? QCryptographicHash::Sha256
+                                                                     : QCryptographicHash::Md5);
+    QByteArray block(int(kBlockSize), Qt::Uninitialized);
+    qint64 left = length < 0 ? std::numeric_limits<qint64>::max() : length;
+    while (left > 0) {
+        const qint64 got = file.read(block.data(), std::min(left, kBlockSize));
+        if (got < 0)
+            return std::nullopt;
+        if (got == 0)
+            break;
+        hash.addData(QByteArrayView(block.constData(), got));
+        left -= got;
+    }
+    if (length >= 0 && left > 0)
+        return std::nullopt;
+    return hash.result();
+}
+
+std::optional<QString> ZDCreateDigestWithFile(const QString &path, ZDDigestAlgorithm algorithm,
+                                              qint64 offset, qint64 length)
+{
+    const std::optional<QByteArray> digest =
+        ZDCreateDigestBytesWithFile(path, algorithm, offset, length);
+    if (!digest)
+        return std::nullopt;
+    return QString::fromLatin1(digest->toHex());
 }
 
 namespace {

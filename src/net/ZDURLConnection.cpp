@@ -580,7 +580,7 @@ size_t ZDURLConnection::Private::readCallback(char *buffer, size_t size, size_t 
             if (!self->bodyFile) {
                 self->bodyFile = std::make_unique<QFile>(segment.filePath());
                 if (!self->bodyFile->open(QIODevice::ReadOnly) ||
-                    !self->bodyFile->seek(self->readOffset)) {
+                    !self->bodyFile->seek(segment.fileOffset() + self->readOffset)) {
                     self->bodyFileFailure = segment.filePath();
                     return CURL_READFUNC_ABORT;
                 }

@@ -28,12 +28,19 @@ ZDBodySegment ZDBodySegment::file(const QString &path, qint64 size)
     return segment;
 }
 
+ZDBodySegment ZDBodySegment::file(const QString &path, qint64 offset, qint64 size)
+{
+    ZDBodySegment segment = file(path, size);
+    segment.m_offset = qMax<qint64>(offset, 0);
+    return segment;
+}
+
 QByteArray ZDBodySegment::readAll() const
 {
     if (!isFile())
         return m_bytes;
     QFile file(m_path);
-    if (!file.open(QIODevice::ReadOnly))
+    if (!file.open(QIODevice::ReadOnly) || !file.seek(m_offset))
         return QByteArray();
     return file.read(m_size);
 }

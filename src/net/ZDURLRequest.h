@@ -61,11 +61,16 @@ class ZD_EXPORT ZDBodySegment
 public:
     ZDBodySegment(const QByteArray &bytes) : m_bytes(bytes), m_size(bytes.size()) {}
     static ZDBodySegment file(const QString &path, qint64 size);
+    // `size` bytes of the file starting at byte `offset`: one chunk of a file
+    // sent in several requests, read as it is sent.
+    static ZDBodySegment file(const QString &path, qint64 offset, qint64 size);
 
     bool isFile() const { return !m_path.isNull(); }
     const QByteArray &bytes() const { return m_bytes; }
     QString filePath() const { return m_path; }
     qint64 size() const { return m_size; }
+    // Where a file segment starts in its file (0 unless given).
+    qint64 fileOffset() const { return m_offset; }
     // The segment's bytes, read from its file for a file segment (fewer when the
     // file cannot give them all).
     QByteArray readAll() const;
@@ -75,6 +80,7 @@ private:
     QByteArray m_bytes;
     QString m_path;
     qint64 m_size = 0;
+    qint64 m_offset = 0;
 };
 
 using ZDBodySegments = QList<ZDBodySegment>;

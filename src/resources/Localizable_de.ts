@@ -123,5 +123,37 @@
         <source>OAUTH2_BROWSER_EXPIRED</source>
         <translation>Diese Anmeldung ist bereits beendet. Sie können zur Anwendung zurückkehren.</translation>
     </message>
+    <message>
+        <source>PUBLISH_ERROR_SIGN_IN_AGAIN</source>
+        <translation>Der Dienst akzeptiert Ihre Anmeldung nicht mehr. Bitte melden Sie sich erneut an und veröffentlichen Sie noch einmal.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_QUOTA_OR_RATE_LIMIT</source>
+        <translation>Der Dienst hat eine Grenze für Ihr Konto erreicht. Bitte versuchen Sie es später noch einmal.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_INVALID_FIELD</source>
+        <translation>Der Dienst hat das Feld „%1“ nicht akzeptiert. Bitte korrigieren Sie es und veröffentlichen Sie erneut.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_FILE_TOO_LARGE</source>
+        <translation>Das Video ist größer, als der Dienst annimmt. Bitte wählen Sie einen kürzeren Clip oder eine niedrigere Qualität.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_FILE_CHANGED_OR_UNREADABLE</source>
+        <translation>Das Video wurde geändert oder kann nicht mehr gelesen werden und wurde daher nicht veröffentlicht.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_NETWORK</source>
+        <translation>Die Verbindung zum Dienst ist abgebrochen. Bitte prüfen Sie Ihr Netzwerk und versuchen Sie es erneut.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_SERVICE_FAILURE</source>
+        <translation>Der Dienst kann das Video gerade nicht annehmen. Bitte versuchen Sie es später noch einmal.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_CANCELLED</source>
+        <translation>Die Veröffentlichung wurde abgebrochen.</translation>
+    </message>
 </context>
 </TS>

@@ -127,5 +127,37 @@
         <source>OAUTH2_BROWSER_EXPIRED</source>
         <translation>This sign-in has already ended. You can return to the application.</translation>
     </message>
+    <message>
+        <source>PUBLISH_ERROR_SIGN_IN_AGAIN</source>
+        <translation>The service no longer accepts your sign-in. Please sign in again and publish once more.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_QUOTA_OR_RATE_LIMIT</source>
+        <translation>The service has reached a limit for your account. Please try again later.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_INVALID_FIELD</source>
+        <translation>The service did not accept the field “%1”. Please correct it and publish again.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_FILE_TOO_LARGE</source>
+        <translation>The video is larger than the service accepts. Please choose a shorter clip or a lower quality.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_FILE_CHANGED_OR_UNREADABLE</source>
+        <translation>The video changed or cannot be read any more, so it was not published.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_NETWORK</source>
+        <translation>The connection to the service was lost. Please check your network and try again.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_SERVICE_FAILURE</source>
+        <translation>The service could not take the video right now. Please try again later.</translation>
+    </message>
+    <message>
+        <source>PUBLISH_ERROR_CANCELLED</source>
+        <translation>Publishing was cancelled.</translation>
+    </message>
 </context>
 </TS>

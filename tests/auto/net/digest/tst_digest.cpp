@@ -3,6 +3,9 @@
 #include "net/ZDDigest.h"
 #include "net/ZDDigest_p.h"
 
+#include <QCryptographicHash>
+#include <QFile>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include <cstdlib>
@@ -42,6 +45,9 @@ class tst_Digest : public QObject
 private Q_SLOTS:
     void md5MatchesRfc1321Vectors_data();
     void md5MatchesRfc1321Vectors();
+    void fileDigestMatchesPublishedVectorsAndTheWholeDataDigest_data();
+    void fileDigestMatchesPublishedVectorsAndTheWholeDataDigest();
+    void fileDigestOfARangeAndOfAFileTooShort();
     void scrambledKeyWorkedExampleWithStubDraws();
     void scrambledKeyDrawsOncePerPair();
     void scrambledKeyRoundTripsThroughCLibraryRandom();
@@ -73,6 +79,62 @@ void tst_Digest::md5MatchesRfc1321Vectors()
     QFETCH(QByteArray, input);
     QFETCH(QString, digest);
     QCOMPARE(ZDCreateMD5WithData(input), digest);
+}
+
+void tst_Digest::fileDigestMatchesPublishedVectorsAndTheWholeDataDigest_data()
+{
+    QTest::addColumn<int>("algorithm");
+    QTest::addColumn<QByteArray>("abc");
+    QTest::addColumn<int>("qtAlgorithm");
+    QTest::newRow("md5") << int(ZDDigestAlgorithm::MD5)
+                         << QByteArray("900150983cd24fb0d6963f7d28e17f72")
+                         << int(QCryptographicHash::Md5);
+    QTest::newRow("sha1") << int(ZDDigestAlgorithm::SHA1)
+                          << QByteArray("a9993e364706816aba3e25717850c26c9cd0d89d")
+                          << int(QCryptographicHash::Sha1);
+    QTest::newRow("sha256")
+        << int(ZDDigestAlgorithm::SHA256)
+        << QByteArray("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad")
+        << int(QCryptographicHash::Sha256);
+}
+
+void tst_Digest::fileDigestMatchesPublishedVectorsAndTheWholeDataDigest()
+{
+    QFETCH(int, algorithm);
+    QFETCH(QByteArray, abc);
+    QFETCH(int, qtAlgorithm);
+    QTemporaryDir dir;
+    const QString small = dir.filePath(u"abc"_s);
+    const QString large = dir.filePath(u"large"_s);
+    QByteArray content(3 * (1 << 20) + 17, Qt::Uninitialized); // spans several read blocks
+    for (qsizetype i = 0; i < content.size(); ++i)
+        content[i] = char((i * 7919) >> 3);
+    for (const auto &[path, bytes] :
+         {std::pair{small, QByteArray("abc")}, std::pair{large, content}}) {
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(bytes);
+    }
+    const auto kind = ZDDigestAlgorithm(algorithm);
+    QCOMPARE(ZDCreateDigestWithFile(small, kind).value_or(QString()), QString::fromLatin1(abc));
+    QCOMPARE(ZDCreateDigestBytesWithFile(large, kind).value_or(QByteArray()),
+             QCryptographicHash::hash(content, QCryptographicHash::Algorithm(qtAlgorithm)));
+    if (kind == ZDDigestAlgorithm::MD5)
+        QCOMPARE(ZDCreateDigestWithFile(large).value_or(QString()), ZDCreateMD5WithData(content));
+}
+
+void tst_Digest::fileDigestOfARangeAndOfAFileTooShort()
+{
+    QTemporaryDir dir;
+    const QString path = dir.filePath(u"range"_s);
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write("xxabcyy");
+    file.close();
+    QCOMPARE(ZDCreateDigestWithFile(path, ZDDigestAlgorithm::MD5, 2, 3).value_or(QString()),
+             u"900150983cd24fb0d6963f7d28e17f72"_s);
+    QVERIFY(!ZDCreateDigestWithFile(path, ZDDigestAlgorithm::MD5, 2, 30));
+    QVERIFY(!ZDCreateDigestWithFile(dir.filePath(u"missing"_s)));
 }
 
 void tst_Digest::scrambledKeyWorkedExampleWithStubDraws()

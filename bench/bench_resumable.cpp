@@ -1,0 +1,224 @@
+// Resumable uploads against @tus/server, through the fault-injecting proxy:
+// - bytes on the wire and throughput with a cut every tenth of the file, against
+//   the same upload without cuts, and tus-js-client as the peer on the same
+//   server with the same cuts;
+// - the median time from a cut to body bytes flowing again;
+// - the peak memory of a large upload (a sparse file, sent straight to the
+//   server in a child process).
+// Arguments: the size in MiB of the cut upload (default 1024) and of the
+// memory run (default 4096).
+
+#include "BenchSupport.h"
+#include "FaultProxy.h"
+#include "ResumableServer.h"
+
+#include "net/ZDResumableUpload.h"
+#include "net/ZDURLRequest.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QProcess>
+#include <QTemporaryDir>
+
+#include <algorithm>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+constexpr qint64 kMiB = 1024 * 1024;
+constexpr qint64 kRetryDelayMsecs = 200;
+
+class Waiter : public ZDResumableUploadDelegate
+{
+public:
+    void uploadDidFinish(ZDResumableUpload *, const QVariant &) override { done = ok = true; }
+    void uploadDidFailWithError(ZDResumableUpload *, const ZDError &error) override
+    {
+        std::fprintf(stderr, "upload failed: %s\n", qPrintable(error.localizedDescription()));
+        done = true;
+    }
+    void uploadWillRetry(ZDResumableUpload *, const ZDError &reason, qint64 delayMsecs,
+                         qint64 offset) override
+    {
+        if (qEnvironmentVariableIsSet("ZD_BENCH_VERBOSE"))
+            std::fprintf(
+                stderr, "retry at %lld in %lld ms: %s %d\n", offset, delayMsecs,
+                qPrintable(reason.localizedDescription()),
+                reason.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode());
+    }
+    bool done = false;
+    bool ok = false;
+};
+
+bool writeRandomFile(const QString &path, qint64 size)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly))
+        return false;
+    const QByteArray block = bench::randomBytes(4 * kMiB, 11);
+    for (qint64 left = size; left > 0; left -= block.size())
+        file.write(block.constData(), std::min<qint64>(left, block.size()));
+    return file.error() == QFile::NoError;
+}
+
+bool uploadWithEngine(const QUrl &endpoint, const QString &path)
+{
+    Waiter waiter;
+    ZDResumableUpload upload(ZDUploadProtocol::Tus, endpoint, path, &waiter);
+    ZDRetryPolicy policy;
+    policy.initialDelayMsecs = kRetryDelayMsecs;
+    policy.jitter = 0;
+    upload.setRetryPolicy(policy);
+    upload.setChecksumsEnabled(false); // the peer sends none either
+    upload.start();
+    while (!waiter.done)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+    return waiter.ok;
+}
+
+bool uploadWithPeer(const QUrl &endpoint, const QString &path, qint64 chunk)
+{
+    QProcess node;
+    node.setWorkingDirectory(qEnvironmentVariable("ZD_SOURCE_DIR") + u"/tests/peers"_s);
+    node.start(u"node"_s, {u"tus_upload.mjs"_s, endpoint.toString(), path, QString::number(chunk),
+                           QString::number(kRetryDelayMsecs)});
+    if (!node.waitForStarted())
+        return false;
+    while (node.state() != QProcess::NotRunning)
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 100);
+    const QByteArray out = node.readAllStandardOutput();
+    if (!out.startsWith("done"))
+        std::fprintf(stderr, "tus-js-client: %s%s\n", out.constData(),
+                     node.readAllStandardError().constData());
+    return out.startsWith("done");
+}
+
+struct Run
+{
+    double seconds = 0;
+    double wireRatio = 0;
+    QList<double> resumeMsecs;
+};
+
+// One upload through a proxy that cuts every `cutEvery` bytes (0: never).
+Run throughProxy(ResumableServer &server, qint64 size, qint64 cutEvery,
+                 const std::function<bool(const QUrl &)> &upload)
+{
+    FaultProxy proxy(server.port());
+    proxy.listen();
+    Run run;
+    QElapsedTimer clock;
+    qint64 cutAt = -1;
+    qint64 cutTime = 0;
+    if (cutEvery > 0) {
+        proxy.cutAfter(cutEvery, true);
+        proxy.setOnCut([&](qint64 at) {
+            cutAt = at;
+            cutTime = clock.nsecsElapsed();
+        });
+        // Body bytes flowing again: past the next request's head.
+        proxy.setOnForward([&](qint64 total) {
+            if (cutAt >= 0 && total > cutAt + 64 * 1024) {
+                run.resumeMsecs.append(double(clock.nsecsElapsed() - cutTime) / 1e6);
+                cutAt = -1;
+            }
+        });
+    }
+    clock.start();
+    if (!upload(QUrl(u"http://127.0.0.1:%1/files"_s.arg(proxy.port()))))
+        return Run();
+    run.seconds = double(clock.nsecsElapsed()) / 1e9;
+    run.wireRatio = double(proxy.uploadedBytes()) / double(size);
+    return run;
+}
+
+double median(QList<double> values)
+{
+    if (values.isEmpty())
+        return 0;
+    std::sort(values.begin(), values.end());
+    return values.at(values.size() / 2);
+}
+
+// The child of the memory run: one upload straight to the server.
+int memoryChild(const QString &endpoint, const QString &path)
+{
+    return uploadWithEngine(QUrl(endpoint), path) ? 0 : 1;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    if (argc == 4 && QByteArray(argv[1]) == "--memory-child")
+        return memoryChild(QString::fromLocal8Bit(argv[2]), QString::fromLocal8Bit(argv[3]));
+    if (qEnvironmentVariableIsEmpty("ZD_SOURCE_DIR"))
+        qputenv("ZD_SOURCE_DIR", ZD_SOURCE_DIR);
+    const qint64 size = (argc > 1 ? QByteArray(argv[1]).toLongLong() : 1024) * kMiB;
+    const qint64 memorySize = (argc > 2 ? QByteArray(argv[2]).toLongLong() : 4096) * kMiB;
+    const qint64 cutEvery = size / 10;
+
+    QTemporaryDir dir;
+    ResumableServer server;
+    const QString failure = server.start(u"tus"_s, dir.filePath(u"store"_s));
+    if (!failure.isEmpty()) {
+        std::fprintf(stderr, "bench_resumable: %s\n", qPrintable(failure));
+        return 1;
+    }
+    const QString path = dir.filePath(u"video.bin"_s);
+    if (!writeRandomFile(path, size))
+        return 1;
+    const auto engine = [&](const QUrl &endpoint) { return uploadWithEngine(endpoint, path); };
+    // The peer with the chunk size the engine settles on for long uploads.
+    const auto peer = [&](const QUrl &endpoint) {
+        return uploadWithPeer(endpoint, path, 64 * kMiB);
+    };
+
+    const Run clean = throughProxy(server, size, 0, engine);
+    const Run cut = throughProxy(server, size, cutEvery, engine);
+    const Run peerClean = throughProxy(server, size, 0, peer);
+    const Run peerCut = throughProxy(server, size, cutEvery, peer);
+    if (clean.seconds <= 0 || cut.seconds <= 0 || peerClean.seconds <= 0 || peerCut.seconds <= 0)
+        return 1;
+    std::printf("# %lld MiB through the proxy, a cut every %lld MiB; the peer is tus-js-client\n",
+                size / kMiB, cutEvery / kMiB);
+    bench::report("resumable_wire_bytes_per_file_byte_with_cuts", cut.wireRatio, "x");
+    bench::report("resumable_wire_bytes_per_file_byte_with_cuts_peer", peerCut.wireRatio, "x");
+    bench::report("resumable_wire_ratio_vs_peer_lower_is_better", cut.wireRatio / peerCut.wireRatio,
+                  "x");
+    const double throughput = double(size) / kMiB / cut.seconds;
+    const double peerThroughput = double(size) / kMiB / peerCut.seconds;
+    bench::report("resumable_throughput_with_cuts", throughput, "MiB/s");
+    bench::report("resumable_throughput_without_cuts", double(size) / kMiB / clean.seconds,
+                  "MiB/s");
+    bench::report("resumable_throughput_with_cuts_vs_without_higher_is_better",
+                  clean.seconds / cut.seconds, "x");
+    bench::report("resumable_throughput_with_cuts_peer", peerThroughput, "MiB/s");
+    bench::report("resumable_throughput_with_cuts_vs_without_peer",
+                  peerClean.seconds / peerCut.seconds, "x");
+    bench::report("resumable_throughput_vs_peer_higher_is_better", throughput / peerThroughput,
+                  "x");
+    bench::report("resumable_cut_to_flowing_median", median(cut.resumeMsecs), "ms");
+    bench::report("resumable_cut_to_flowing_median_peer", median(peerCut.resumeMsecs), "ms");
+
+    // Peak memory: a sparse file (never stored whole), straight to the server.
+    const QString sparse = dir.filePath(u"sparse.bin"_s);
+    {
+        QFile file(sparse);
+        if (!file.open(QIODevice::WriteOnly) || !file.resize(memorySize))
+            return 1;
+    }
+    const QString command = QCoreApplication::applicationFilePath() + u" --memory-child "_s +
+                            server.url(u"/files"_s).toString() + u" "_s + sparse;
+    const bench::ChildResult memory = bench::runCommand(command.toStdString());
+    QFile::remove(sparse);
+    QFile::remove(path);
+    if (!memory.ok)
+        return 1;
+    std::printf("# peak resident memory of a %lld MiB upload (limit 32 MiB)\n", memorySize / kMiB);
+    bench::report("resumable_peak_memory", memory.peakMiB, "MiB");
+    return 0;
+}

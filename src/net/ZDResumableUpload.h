@@ -1,0 +1,233 @@
+#pragma once
+
+#include "core/ZDError.h"
+#include "core/ZDWeakTarget.h"
+#include "core/zdglobal.h"
+#include "net/JSONHTTPRequest.h"
+#include "net/ZDDigest.h"
+#include "net/ZDUploadJournal.h"
+
+#include <QByteArray>
+#include <QString>
+#include <QUrl>
+#include <QVariant>
+#include <QVariantMap>
+
+#include <functional>
+#include <memory>
+#include <optional>
+
+class ZDCredentialSource;
+class ZDResumableUpload;
+class ZDResumableUploadPrivate;
+
+// Errors of the upload engine itself. Refusals of the service and transport
+// failures keep their own domain (JSONHTTPRequestErrorDomain, ZDCurlErrorDomain,
+// ZDURLErrorDomain); the engine adds to their userInfo:
+// - "body": the refused response's body (QByteArray, at most 64 KiB), so that a
+//   plug-in can read the service's reason without holding the request;
+// - "retriesExhausted": true when the failure ended a run of retries.
+ZD_EXPORT extern const QString ZDResumableUploadErrorDomain;
+// userInfo key of the error that led to one of the engine's own errors.
+ZD_EXPORT extern const QString ZDUnderlyingErrorKey;
+enum ZDResumableUploadError : qint32 {
+    // The server broke the protocol: it confirmed bytes that were never sent,
+    // reported a range that does not start at byte 0 or has a hole, or answered
+    // without the header the protocol requires.
+    ZDResumableUploadErrorProtocolViolation = 1,
+    // The service refused a chunk's checksum three times in a row, or the
+    // digest it reported for the whole file differs from the file's.
+    ZDResumableUploadErrorChecksumMismatch = 2,
+    // The file is no longer the one the upload started with (size, modification
+    // time or its first bytes differ). It is never resumed onto the old session.
+    ZDResumableUploadErrorFileChanged = 3,
+    // The file cannot be read (gone, unreadable, or shrunk while being sent).
+    ZDResumableUploadErrorFileUnreadable = 4,
+    // The credential source could not renew the credentials (the user must sign
+    // in again), or it has gone. The source's error is under ZDUnderlyingErrorKey.
+    ZDResumableUploadErrorCredentialsUnavailable = 5,
+    // The service forgot the session twice in a row (404 or 410 on the session).
+    ZDResumableUploadErrorSessionExpired = 6,
+};
+
+// How a service takes a file.
+enum class ZDUploadProtocol {
+    // tus 1.0: creation (POST with Upload-Length and Upload-Metadata), offset
+    // (HEAD), chunks (PATCH with Upload-Offset and, with checksums on,
+    // Upload-Checksum "sha1 <base64>"), termination (DELETE, abort()) and
+    // expiration (Upload-Expires is kept in the journal).
+    Tus = 0,
+    // "308 Resume Incomplete": a session URI from a first POST (the metadata as a
+    // JSON body, X-Upload-Content-Length and X-Upload-Content-Type), then PUT
+    // with "Content-Range: bytes a-b/total" answered by 308 and "Range:
+    // bytes=0-n" until a 200 or 201 ends it; the offset is asked with a PUT of
+    // "Content-Range: bytes */total". With checksums on, every chunk carries
+    // "Digest: sha=<base64 SHA-1>".
+    ResumeIncomplete = 1,
+    // One multipart/form-data POST of the metadata and the file (read while it is
+    // sent). A failure can only be retried from the start.
+    Multipart = 2,
+};
+
+// Time for the retry policy and the chunk sizing. Tests inject a fake clock so
+// that the waits are measured, not slept.
+class ZD_EXPORT ZDUploadClock
+{
+public:
+    virtual ~ZDUploadClock();
+    // A monotonic time in milliseconds.
+    virtual qint64 msecsNow() const = 0;
+    // Calls `callback` once, from the event loop, `msecs` from now. Dropping the
+    // returned handle before then cancels the call.
+    virtual std::shared_ptr<void> callAfter(qint64 msecs, std::function<void()> callback) = 0;
+    // QElapsedTimer and QTimer on the calling thread's event loop.
+    static std::shared_ptr<ZDUploadClock> systemClock();
+};
+
+// Which failures are retried, and how long the engine waits.
+//
+// Retried: connection failures, stalls and time-outs, 5xx, 408, 423 and 429
+// answers, and refusals the plug-in marks retryable (setRetryableRefusal()).
+// Never retried: any other 4xx. The wait before retry n (from 1) is
+// initialDelay * multiplier^(n-1), capped at maximumDelay, then spread by
+// +-jitter; a Retry-After of the answer (seconds or an HTTP date) always wins
+// when it is longer. The count starts again whenever bytes are confirmed. The
+// upload fails when the next wait would take the time spent waiting since the
+// last confirmed bytes past `budgetMsecs`. While the system reports no network
+// (QNetworkInformation, where a backend exists) the engine waits for it to come
+// back without spending the budget.
+struct ZD_EXPORT ZDRetryPolicy
+{
+    qint64 initialDelayMsecs = 1000;
+    qint64 maximumDelayMsecs = 60 * 1000;
+    double multiplier = 2.0;
+    double jitter = 0.2; // a fraction of the wait, both ways
+    qint64 budgetMsecs = 15 * 60 * 1000;
+
+    // The wait before retry `attempt` (1 for the first), `unitRandom` in [0, 1).
+    qint64 delayForAttempt(int attempt, double unitRandom) const;
+};
+
+// Hears an upload's progress and outcome.
+//
+// Callback contract:
+// - A started upload that is not cancelled or aborted ends with exactly one of
+//   uploadDidFinish() and uploadDidFailWithError().
+// - Before it, any number of uploadHasSentBytes(), uploadWillRetry() and
+//   uploadDidResume(), in the order the events happen. The byte count is the
+//   server's confirmed offset plus what the current request has sent; after a
+//   failure it goes back to what the server confirmed.
+// - All calls arrive from the event loop of the thread that called start(),
+//   never from inside start(), cancel() or abort().
+// - Inside any of them the delegate may cancel or destroy the upload; nothing
+//   else arrives afterwards. A delegate that is gone is not called.
+class ZD_EXPORT ZDResumableUploadDelegate : public virtual ZDWeakTarget
+{
+public:
+    ~ZDResumableUploadDelegate() override;
+    // `response` is the service's last answer: parsed JSON where it is JSON,
+    // else its raw bytes (an empty map when there is no body).
+    virtual void uploadDidFinish(ZDResumableUpload *upload, const QVariant &response) = 0;
+    virtual void uploadDidFailWithError(ZDResumableUpload *upload, const ZDError &error) = 0;
+    virtual void uploadHasSentBytes(ZDResumableUpload *upload, qint64 sent, qint64 total);
+    // A request failed with the retryable `reason`; the engine asks the server
+    // for its offset again after `delayMsecs` (0 while waiting for the network
+    // to come back, which is reported once more when it does).
+    virtual void uploadWillRetry(ZDResumableUpload *upload, const ZDError &reason,
+                                 qint64 delayMsecs, qint64 confirmedOffset);
+    // The server reported `offset` after an interruption; sending goes on there.
+    virtual void uploadDidResume(ZDResumableUpload *upload, qint64 offset);
+};
+
+// A file uploaded to a service in a way that survives the network: chunked and
+// resumed from the server's own offset after any failure, retried by policy,
+// recorded in a journal that outlives the process, and checked.
+//
+// The server's offset, asked again after every failure, is the truth: sending
+// goes on from there, never from the start (except with Multipart, which cannot
+// resume). An offset beyond the bytes ever sent for the session, or a range that
+// does not run from byte 0, fails the upload as a protocol violation.
+//
+// Chunks are read from the file while they are sent, so memory stays flat
+// whatever the file's size. Without setChunkSize() the size is chosen so that a
+// request lasts about five seconds at the measured rate: it starts at 1 MiB,
+// stays a multiple of the granularity (256 KiB unless set) and at most 64 MiB.
+//
+// Credentials: with a credential source, the engine asks it before every
+// request (Reason::BeforeRequest) and once more after a 401 (Reason::Unauthorized),
+// then continues from the server's offset; a second 401 in a row fails. Without
+// one it signs with the signer, if any.
+//
+// The journal (ZDUploadJournal) holds an entry from the session's creation until
+// the upload ends: updated atomically after every confirmed chunk, removed on
+// success, abort() and failures that cannot be resumed. An entry left by a
+// crash or a failure of the network is resumed with the constructor that takes
+// it; a file that changed since fails with ZDResumableUploadErrorFileChanged.
+//
+// Lifetime: single-use. cancel() stops and keeps the journal entry (a pause
+// the host may resume later); abort() also terminates the session on the server
+// and removes the entry. Destroying the upload cancels it.
+class ZD_EXPORT ZDResumableUpload
+{
+public:
+    // Does not take ownership of `delegate`.
+    ZDResumableUpload(ZDUploadProtocol protocol, const QUrl &endpoint, const QString &filePath,
+                      ZDResumableUploadDelegate *delegate);
+    // Resumes the upload a journal entry records, on its session.
+    ZDResumableUpload(const ZDUploadJournalEntry &entry, ZDResumableUploadDelegate *delegate);
+    virtual ~ZDResumableUpload();
+    ZDResumableUpload(const ZDResumableUpload &) = delete;
+    ZDResumableUpload &operator=(const ZDResumableUpload &) = delete;
+
+    // tus: Upload-Metadata (values as text); 308: the JSON body of the first POST;
+    // Multipart: the form fields. Set before start().
+    void setMetadata(const QVariantMap &metadata);
+    // Multipart only: the field that carries the file ("file" unless set).
+    void setFileFieldName(const QString &name);
+    // Sent with every request.
+    void setHTTPHeaderValue(const QString &name, const QString &value);
+
+    // Shares ownership of `signer`.
+    void setSigner(std::shared_ptr<RequestSigner> signer);
+    // Does not take ownership of `source`; a source that goes away fails the
+    // upload with ZDResumableUploadErrorCredentialsUnavailable.
+    void setCredentialSource(ZDCredentialSource *source);
+
+    // A fixed chunk size in bytes (rounded down to the granularity, at least one
+    // granule); 0 chooses it by the measured rate (the default).
+    void setChunkSize(qint64 bytes);
+    void setChunkGranularity(qint64 bytes);
+    // Per-chunk checksums where the protocol has them; on by default.
+    void setChecksumsEnabled(bool enabled);
+    // A whole-file digest the service reports in its final JSON answer under
+    // `key` (hexadecimal, any case): compared with the file's own digest.
+    void setServerDigestKey(const QString &key, ZDDigestAlgorithm algorithm);
+    // Marks refusals that the policy should retry although they are 4xx (a
+    // service's own rate-limit answer, say a 403 whose body names the limit).
+    void setRetryableRefusal(
+        std::function<bool(const ZDHTTPResponse &response, const QByteArray &body)> isRetryable);
+
+    void setRetryPolicy(const ZDRetryPolicy &policy);
+    void setClock(std::shared_ptr<ZDUploadClock> clock);
+    // Seeds the jitter, for tests that want the same waits every run.
+    void setRandomSeed(quint32 seed);
+    // Where the entry is kept; no journal unless set.
+    void setJournal(const std::optional<ZDUploadJournal> &journal);
+    void setAllowsCellularAccess(bool allow);
+
+    // The journal entry's id (fixed at construction).
+    QString journalId() const;
+    QUrl sessionURL() const;
+    qint64 totalBytes() const;
+    // What the server has confirmed.
+    qint64 confirmedOffset() const;
+    // Every body byte put on the wire, resent ones included.
+    qint64 bytesSent() const;
+
+    void start();
+    void cancel();
+    void abort();
+
+private:
+    std::shared_ptr<ZDResumableUploadPrivate> d;
+};

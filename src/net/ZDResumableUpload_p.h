@@ -1,0 +1,128 @@
+#pragma once
+
+#include "net/ZDCredentialSource.h"
+#include "net/ZDResumableUpload.h"
+
+#include <QRandomGenerator>
+
+#include <memory>
+
+class ZDUploadRequest;
+
+// The state of a ZDResumableUpload. It lives behind a shared pointer so that a
+// delegate may destroy the upload from inside a callback: every callback into
+// the delegate is the last thing a step does, and steps that go on afterwards
+// hold their own reference.
+class ZDResumableUploadPrivate : public JSONHTTPRequestDelegate,
+                                 public std::enable_shared_from_this<ZDResumableUploadPrivate>
+{
+public:
+    enum class Step {
+        Idle,
+        Credentials,
+        Create,
+        QueryOffset,
+        SendChunk,
+        Multipart,
+        Terminate,
+        Waiting,
+        Done
+    };
+
+    ZDResumableUpload *q = nullptr;
+    ZDWeakRef<ZDResumableUploadDelegate> delegate;
+    ZDUploadProtocol protocol = ZDUploadProtocol::Tus;
+    QUrl endpoint;
+    QString filePath;
+    QVariantMap metadata;
+    QString fileFieldName = QStringLiteral("file");
+    QList<std::pair<QString, QString>> headers;
+    std::shared_ptr<RequestSigner> signer;
+    ZDWeakRef<ZDCredentialSource> credentialSource;
+    bool hasCredentialSource = false;
+    qint64 fixedChunkSize = 0;
+    qint64 granularity = 256 * 1024;
+    qint64 chunkSize = 1024 * 1024;
+    bool checksums = true;
+    QString serverDigestKey;
+    ZDDigestAlgorithm serverDigestAlgorithm = ZDDigestAlgorithm::MD5;
+    std::function<bool(const ZDHTTPResponse &, const QByteArray &)> retryableRefusal;
+    ZDRetryPolicy policy;
+    std::shared_ptr<ZDUploadClock> clock;
+    QRandomGenerator random{QRandomGenerator::global()->generate()};
+    std::optional<ZDUploadJournal> journal;
+    bool allowsCellularAccess = false;
+
+    // Progress of the session.
+    ZDUploadJournalEntry entry; // id, session, offsets, the file's identity
+    bool resuming = false;      // made from a journal entry
+    qint64 total = 0;
+    qint64 bytesSent = 0;
+    qint64 chunkStart = 0; // the first byte of the chunk in flight
+    qint64 chunkLength = 0;
+    qint64 chunkStartedAt = 0;
+    qint64 lastWritten = 0; // what the request in flight has sent
+
+    // Retry state.
+    int attempt = 0;        // failures since bytes were last confirmed
+    qint64 waitedMsecs = 0; // time spent waiting since then
+    int checksumRefusals = 0;
+    int sessionLosses = 0;
+    bool refreshedAfter401 = false;
+    bool interrupted = false; // a failure happened: the next offset is a resumption
+
+    Step step = Step::Idle;
+    std::unique_ptr<ZDUploadRequest> request;
+    std::shared_ptr<void> timer;
+    std::shared_ptr<void> networkWait;
+    std::shared_ptr<int> credentialsTicket; // answers to an older ask find theirs gone
+
+    void start();
+    void stop();
+    void saveJournal();
+    void dropJournal();
+
+    // Steps.
+    void withCredentials(ZDCredentialSource::Reason reason, std::function<void()> next);
+    void createSession();
+    void queryOffset();
+    void sendChunk();
+    void sendMultipart();
+    void terminate();
+
+    // Outcomes of a request.
+    void createAnswered(const ZDHTTPResponse &response);
+    void offsetAnswered(const ZDHTTPResponse &response);
+    void chunkAnswered(const ZDHTTPResponse &response, const QByteArray &body);
+    void requestFailed(const ZDError &error, const std::optional<ZDHTTPResponse> &response,
+                       const QByteArray &body);
+    // The server confirmed `offset`: checks it against what was sent and goes on.
+    void confirm(qint64 offset);
+    void finish(const QByteArray &body);
+    void retryAfter(const ZDError &reason, qint64 retryAfterMsecs);
+    void fail(const ZDError &error);
+    void failWith(ZDResumableUploadError code, const QString &description,
+                  const ZDError &underlying = ZDError());
+
+    std::unique_ptr<ZDUploadRequest> makeRequest(const QUrl &url, const QByteArray &verb);
+    void adaptChunkSize(qint64 bytes, qint64 msecs);
+    bool fileStillSame(); // fails the upload when not
+    void reportProgress(qint64 sent);
+
+    void requestDidReceiveObject(JSONHTTPRequest *request, const QVariant &object) override;
+    void requestDidFailWithError(JSONHTTPRequest *request, const ZDError &error) override;
+    void requestHasWrittenBytesExpectsToWrite(JSONHTTPRequest *request, qint64 written,
+                                              qint64 expected) override;
+};
+
+// A request whose body the engine may read after a refusal.
+class ZDUploadRequest : public JSONHTTPRequest
+{
+public:
+    using JSONHTTPRequest::JSONHTTPRequest;
+    QByteArray body() const { return rawData().value_or(QByteArray()); }
+};
+
+// Parses Retry-After: seconds, or an HTTP date measured against `now`.
+// Returns -1 when absent or unreadable.
+qint64 zdRetryAfterMsecs(const QByteArray &value, const QDateTime &now);

@@ -1,0 +1,804 @@
+#include "FaultProxy.h"
+#include "LoopbackHTTPServer.h"
+#include "ResumableServer.h"
+#include "TestSupport.h"
+
+#include "net/ZDCredentialSource.h"
+#include "net/ZDResumableUpload.h"
+#include "net/ZDUploadJournal.h"
+
+#include <QCryptographicHash>
+#include <QFile>
+#include <QJsonDocument>
+#include <QRandomGenerator>
+#include <QSignalSpy>
+#include <QTemporaryDir>
+#include <QTest>
+
+#include <csignal>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+QByteArray patternBytes(qint64 size, quint32 seed)
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    QRandomGenerator generator(seed);
+    generator.fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
+    for (qint64 i = size / 4 * 4; i < size; ++i)
+        bytes[i] = char(i);
+    return bytes;
+}
+
+QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &bytes)
+{
+    const QString path = dir.filePath(name);
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
+        return QString();
+    return path;
+}
+
+QByteArray readFile(const QString &path)
+{
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+// Measures waits instead of sleeping: every wait passes at once and is recorded.
+class FakeClock : public ZDUploadClock
+{
+public:
+    qint64 msecsNow() const override { return m_now; }
+    std::shared_ptr<void> callAfter(qint64 msecs, std::function<void()> callback) override
+    {
+        waits.append(msecs);
+        m_now += msecs;
+        auto handle = std::make_shared<char>();
+        std::weak_ptr<char> alive = handle;
+        QTimer::singleShot(0, [alive, callback = std::move(callback)] {
+            if (!alive.expired())
+                callback();
+        });
+        return handle;
+    }
+    QList<qint64> waits;
+
+private:
+    qint64 m_now = 0;
+};
+
+class Recorder : public ZDResumableUploadDelegate
+{
+public:
+    void uploadDidFinish(ZDResumableUpload *upload, const QVariant &answer) override
+    {
+        ++finishes;
+        response = answer;
+        if (onEnd)
+            onEnd(upload);
+    }
+    void uploadDidFailWithError(ZDResumableUpload *upload, const ZDError &failure) override
+    {
+        ++failures;
+        error = failure;
+        if (onEnd)
+            onEnd(upload);
+    }
+    void uploadHasSentBytes(ZDResumableUpload *upload, qint64 sent, qint64 total) override
+    {
+        progress.append({sent, total});
+        if (onProgress)
+            onProgress(upload, sent);
+    }
+    void uploadWillRetry(ZDResumableUpload *, const ZDError &reason, qint64 delay,
+                         qint64 offset) override
+    {
+        retries.append({reason, delay, offset});
+    }
+    void uploadDidResume(ZDResumableUpload *, qint64 offset) override { resumes.append(offset); }
+
+    int endings() const { return finishes + failures; }
+
+    int finishes = 0;
+    int failures = 0;
+    QVariant response;
+    ZDError error;
+    QList<std::pair<qint64, qint64>> progress;
+    struct Retry
+    {
+        ZDError reason;
+        qint64 delay;
+        qint64 offset;
+    };
+    QList<Retry> retries;
+    QList<qint64> resumes;
+    std::function<void(ZDResumableUpload *)> onEnd;
+    std::function<void(ZDResumableUpload *, qint64)> onProgress;
+};
+
+// Hands out signers that add "Authorization: Bearer token-N", N counting renewals.
+class TestCredentials : public ZDCredentialSource
+{
+public:
+    struct Bearer : RequestSigner
+    {
+        QByteArray token;
+        ZDURLRequest signedRequestForRequest(const ZDURLRequest &request) override
+        {
+            ZDURLRequest copy = request;
+            copy.setValueForHTTPHeaderField("Bearer " + token, "Authorization");
+            return copy;
+        }
+    };
+    void credentialsForRequest(Reason reason, Completion completion) override
+    {
+        reasons.append(reason);
+        if (reason == Reason::Unauthorized)
+            ++generation;
+        auto signer = std::make_shared<Bearer>();
+        signer->token = "token-" + QByteArray::number(generation);
+        QTimer::singleShot(0, [signer, completion] { completion(signer, std::nullopt); });
+    }
+    QList<Reason> reasons;
+    int generation = 1;
+};
+
+// A small "308" service of our own for the faults the independent servers cannot
+// make: it stores the bytes it is given, and `fault` may answer instead.
+struct Mini308
+{
+    QByteArray stored;
+    qint64 total = 0;
+    std::function<std::optional<CannedReply>(const RecordedRequest &)> fault;
+
+    CannedReply handle(const RecordedRequest &request)
+    {
+        if (fault) {
+            if (auto reply = fault(request))
+                return *reply;
+        }
+        if (request.method == "POST") {
+            total = request.header("X-Upload-Content-Length").toLongLong();
+            CannedReply reply;
+            reply.status = 201;
+            reply.headers = {{"Location", "/session/1"}};
+            return reply;
+        }
+        const QByteArray range = request.header("Content-Range");
+        CannedReply reply;
+        if (!range.startsWith("bytes */")) {
+            const qint64 start = range.mid(6, range.indexOf('-') - 6).toLongLong();
+            if (start > stored.size()) {
+                reply.status = 400;
+                return reply;
+            }
+            stored.truncate(start);
+            stored += request.body;
+        }
+        if (stored.size() == total)
+            return CannedReply::json(R"({"done":true})");
+        reply.status = 308;
+        reply.reason = "Resume Incomplete";
+        if (!stored.isEmpty())
+            reply.headers = {{"Range", "bytes=0-" + QByteArray::number(stored.size() - 1)}};
+        return reply;
+    }
+};
+
+ZDRetryPolicy quickPolicy()
+{
+    ZDRetryPolicy policy;
+    policy.initialDelayMsecs = 300;
+    policy.jitter = 0;
+    policy.maximumDelayMsecs = 1000;
+    return policy;
+}
+
+} // namespace
+
+class tst_ResumableUpload : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void init();
+    void storesTheFileByteForByteWithEachProtocol_data();
+    void storesTheFileByteForByteWithEachProtocol();
+    void resumesFromTheServersOffsetAfterCutsAtRandomOffsets_data();
+    void resumesFromTheServersOffsetAfterCutsAtRandomOffsets();
+    void killedUploaderIsResumedFromTheJournalByANewProcess();
+    void aChangedFileIsNeverResumedOntoItsOldSession_data();
+    void aChangedFileIsNeverResumedOntoItsOldSession();
+    void retriesOnlyWhatIsRetryableAndHonoursRetryAfter_data();
+    void retriesOnlyWhatIsRetryableAndHonoursRetryAfter();
+    void renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset();
+    void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data();
+    void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole();
+    void resendsAChunkWhoseChecksumIsRefusedThenGivesUp_data();
+    void resendsAChunkWhoseChecksumIsRefusedThenGivesUp();
+    void destroyingTheUploadInsideACallbackEndsItQuietly();
+
+private:
+    QString m_peers;
+};
+
+void tst_ResumableUpload::init()
+{
+    QVERIFY2(!qEnvironmentVariable("ZD_SOURCE_DIR").isEmpty(), "ZD_SOURCE_DIR is not set");
+}
+
+void tst_ResumableUpload::storesTheFileByteForByteWithEachProtocol_data()
+{
+    QTest::addColumn<int>("protocol");
+    QTest::newRow("tus (@tus/server)") << int(ZDUploadProtocol::Tus);
+    QTest::newRow("308 (@uploadx/core)") << int(ZDUploadProtocol::ResumeIncomplete);
+    QTest::newRow("multipart (busboy)") << int(ZDUploadProtocol::Multipart);
+}
+
+void tst_ResumableUpload::storesTheFileByteForByteWithEachProtocol()
+{
+    QFETCH(int, protocol);
+    QTemporaryDir dir;
+    // Not a multiple of the chunk size, so the last chunk is short.
+    const QByteArray content = patternBytes(1300 * 1024 + 3, 7);
+    const QString path = writeFile(dir, u"clip.mov"_s, content);
+    const ZDUploadJournal journal(dir.filePath(u"journal"_s));
+    Recorder recorder;
+
+    ResumableServer server;
+    LoopbackHTTPServer loopback;
+    QUrl endpoint;
+    if (protocol == int(ZDUploadProtocol::Multipart)) {
+        QVERIFY(loopback.listen());
+        loopback.setHandler([](const RecordedRequest &) { return CannedReply::json("{}"); });
+        endpoint = loopback.url(u"/upload"_s);
+    } else {
+        const QString failure = server.start(
+            protocol == int(ZDUploadProtocol::Tus) ? u"tus"_s : u"308"_s, dir.filePath(u"store"_s));
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
+        endpoint = server.url(u"/files"_s);
+    }
+    ZDResumableUpload upload(ZDUploadProtocol(protocol), endpoint, path, &recorder);
+    upload.setMetadata({{u"filename"_s, u"clip.mov"_s}, {u"title"_s, u"Trip"_s}});
+    upload.setChunkSize(256 * 1024);
+    upload.setJournal(journal);
+    upload.start();
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
+    QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
+
+    if (protocol == int(ZDUploadProtocol::Multipart)) {
+        QCOMPARE(loopback.requests().size(), 1);
+        const RecordedRequest &sent = loopback.requests().front();
+        QProcess parser;
+        parser.start(u"node"_s,
+                     {qEnvironmentVariable("ZD_SOURCE_DIR") + u"/tests/peers/parse_multipart.js"_s,
+                      QString::fromLatin1(sent.header("Content-Type"))});
+        QVERIFY2(parser.waitForStarted(), "node cannot be started: run tools/install-deps");
+        parser.write(sent.body);
+        parser.closeWriteChannel();
+        QVERIFY(parser.waitForFinished(60000));
+        const QVariantList parts =
+            QJsonDocument::fromJson(parser.readAllStandardOutput()).toVariant().toList();
+        QByteArray filePart;
+        QStringList names;
+        for (const QVariant &part : parts) {
+            names.append(part.toMap().value(u"name"_s).toString());
+            if (names.last() == u"file"_s)
+                filePart = QByteArray::fromHex(part.toMap().value(u"data"_s).toByteArray());
+        }
+        QCOMPARE(names.size(), 3);
+        QVERIFY(filePart == content);
+    } else {
+        QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), 1, 30000);
+        QVERIFY(readFile(server.stored().front()) == content);
+    }
+    // A finished upload leaves nothing to resume, and ends once.
+    QVERIFY(journal.entries().isEmpty());
+    QTest::qWait(100);
+    QCOMPARE(recorder.endings(), 1);
+    QCOMPARE(recorder.progress.last().first, content.size());
+}
+
+void tst_ResumableUpload::resumesFromTheServersOffsetAfterCutsAtRandomOffsets_data()
+{
+    QTest::addColumn<int>("protocol");
+    QTest::newRow("tus") << int(ZDUploadProtocol::Tus);
+    QTest::newRow("308") << int(ZDUploadProtocol::ResumeIncomplete);
+}
+
+void tst_ResumableUpload::resumesFromTheServersOffsetAfterCutsAtRandomOffsets()
+{
+    QFETCH(int, protocol);
+    constexpr int kRuns = 12; // per protocol
+    constexpr qint64 kChunk = 128 * 1024;
+    QTemporaryDir dir;
+    ResumableServer server;
+    const QString failure = server.start(
+        protocol == int(ZDUploadProtocol::Tus) ? u"tus"_s : u"308"_s, dir.filePath(u"store"_s));
+    QVERIFY2(failure.isEmpty(), qPrintable(failure));
+    const quint32 seed = QRandomGenerator::global()->generate();
+    qInfo("seed %u", seed);
+    QRandomGenerator random(seed);
+
+    for (int run = 0; run < kRuns; ++run) {
+        const qint64 size = 300 * 1024 + random.bounded(300 * 1024);
+        const QByteArray content = patternBytes(size, seed + run);
+        const QString path = writeFile(dir, u"clip-%1"_s.arg(run), content);
+        FaultProxy proxy(server.port());
+        QVERIFY(proxy.listen());
+        // One to three cuts: odd runs cut inside chunks, even runs close to the
+        // chunk boundaries (the request heads shift them by a few hundred bytes).
+        QList<qint64> cuts;
+        const int count = 1 + int(random.bounded(3));
+        for (int i = 0; i < count; ++i) {
+            const qint64 at =
+                run % 2 ? random.bounded(size)
+                        : (1 + random.bounded(size / kChunk)) * kChunk + random.bounded(600) - 300;
+            cuts.append(std::clamp<qint64>(at, 1, size));
+        }
+        std::sort(cuts.begin(), cuts.end());
+        cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
+        proxy.cutAt(cuts);
+
+        Recorder recorder;
+        ZDResumableUpload upload(ZDUploadProtocol(protocol),
+                                 QUrl(u"http://127.0.0.1:%1/files"_s.arg(proxy.port())), path,
+                                 &recorder);
+        upload.setChunkGranularity(64 * 1024);
+        upload.setChunkSize(kChunk);
+        // Real, short waits: both servers finish a cut request's bookkeeping
+        // some time after the cut (the tus server then answers 409, the 308
+        // server has been seen to truncate what came after it), as they would
+        // after any real backoff.
+        upload.setRetryPolicy(quickPolicy());
+        upload.start();
+        QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
+        const ZDError &error = recorder.error;
+        QVERIFY2(
+            recorder.finishes == 1,
+            qPrintable(
+                u"run %1, cut at %2: %3 (status %4) %5"_s.arg(run)
+                    .arg(cuts.front())
+                    .arg(error.localizedDescription())
+                    .arg(error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode())
+                    .arg(QString::fromUtf8(error.userInfo().value(u"body"_s).toByteArray()))));
+        QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), run + 1, 30000);
+        const QByteArray stored = readFile(server.stored().last());
+        qsizetype differs = 0;
+        while (differs < std::min(stored.size(), content.size()) &&
+               stored[differs] == content[differs])
+            ++differs;
+        QVERIFY2(
+            stored == content,
+            qPrintable(u"run %1: stored %2 of %3 bytes, first difference at %4, cuts %5 %6 %7 %8"_s
+                           .arg(run)
+                           .arg(stored.size())
+                           .arg(content.size())
+                           .arg(differs)
+                           .arg(cuts.front())
+                           .arg(QString::fromLatin1(stored.left(8).toHex()),
+                                QString::fromLatin1(content.left(8).toHex()),
+                                server.stored().join(u" "_s))));
+        // Resumed, not restarted: at most one chunk resent per cut.
+        QVERIFY2(upload.bytesSent() <= size + proxy.cuts() * kChunk,
+                 qPrintable(u"sent %1 of %2 with %3 cuts"_s.arg(upload.bytesSent())
+                                .arg(size)
+                                .arg(proxy.cuts())));
+        QVERIFY(recorder.resumes.size() <= recorder.retries.size());
+    }
+}
+
+void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
+{
+    if (qEnvironmentVariableIsSet("ZD_UPLOAD_CHILD")) {
+        // The child: uploads through the throttled proxy until it is killed.
+        Recorder recorder;
+        ZDResumableUpload upload(
+            ZDUploadProtocol(qEnvironmentVariableIntValue("ZD_UPLOAD_PROTOCOL")),
+            QUrl(qEnvironmentVariable("ZD_UPLOAD_ENDPOINT")),
+            qEnvironmentVariable("ZD_UPLOAD_FILE"), &recorder);
+        upload.setChunkSize(64 * 1024);
+        upload.setChunkGranularity(64 * 1024);
+        upload.setJournal(ZDUploadJournal(qEnvironmentVariable("ZD_UPLOAD_JOURNAL")));
+        upload.start();
+        QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 600000);
+        return;
+    }
+    QTemporaryDir dir;
+    const quint32 seed = QRandomGenerator::global()->generate();
+    qInfo("seed %u", seed);
+    QRandomGenerator random(seed);
+    for (const ZDUploadProtocol protocol :
+         {ZDUploadProtocol::Tus, ZDUploadProtocol::ResumeIncomplete}) {
+        for (int run = 0; run < 2; ++run) {
+            const QString tag = u"%1-%2"_s.arg(int(protocol)).arg(run);
+            ResumableServer server;
+            const QString failure =
+                server.start(protocol == ZDUploadProtocol::Tus ? u"tus"_s : u"308"_s,
+                             dir.filePath(u"store"_s + tag));
+            QVERIFY2(failure.isEmpty(), qPrintable(failure));
+            FaultProxy proxy(server.port());
+            QVERIFY(proxy.listen());
+            proxy.setThrottle(1024 * 1024);
+            const qint64 size = 1024 * 1024;
+            const QByteArray content = patternBytes(size, seed + run);
+            const QString path = writeFile(dir, u"clip-"_s + tag, content);
+            const QString journalDir = dir.filePath(u"journal-"_s + tag);
+
+            QProcess child;
+            QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+            env.insert(u"ZD_UPLOAD_CHILD"_s, u"1"_s);
+            env.insert(u"ZD_UPLOAD_PROTOCOL"_s, QString::number(int(protocol)));
+            env.insert(u"ZD_UPLOAD_ENDPOINT"_s, u"http://127.0.0.1:%1/files"_s.arg(proxy.port()));
+            env.insert(u"ZD_UPLOAD_FILE"_s, path);
+            env.insert(u"ZD_UPLOAD_JOURNAL"_s, journalDir);
+            child.setProcessEnvironment(env);
+            child.start(QCoreApplication::applicationFilePath(),
+                        {u"killedUploaderIsResumedFromTheJournalByANewProcess"_s});
+            QVERIFY(child.waitForStarted());
+            const qint64 killAt = 64 * 1024 + random.bounded(size - 192 * 1024);
+            QTRY_VERIFY_WITH_TIMEOUT(proxy.uploadedBytes() >= killAt, 60000);
+            ::kill(pid_t(child.processId()), SIGKILL);
+            QVERIFY(child.waitForFinished(30000));
+            QCOMPARE(child.exitStatus(), QProcess::CrashExit);
+
+            const ZDUploadJournal journal(journalDir);
+            const QList<ZDUploadJournalEntry> entries = journal.entries();
+            QCOMPARE(entries.size(), 1);
+            // The journal never claims more than went through the proxy.
+            QVERIFY(entries.front().offset <= proxy.uploadedBytes());
+            Recorder recorder;
+            ZDResumableUpload resumed(entries.front(), &recorder);
+            resumed.setJournal(journal);
+            proxy.setThrottle(0);
+            resumed.start();
+            QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
+            QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
+            QCOMPARE(recorder.resumes.size(), 1);
+            QVERIFY(recorder.resumes.front() >= entries.front().offset);
+            QVERIFY(resumed.bytesSent() <= size - recorder.resumes.front());
+            QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), 1, 30000);
+            QVERIFY(readFile(server.stored().front()) == content);
+            QVERIFY(journal.entries().isEmpty());
+        }
+    }
+}
+
+void tst_ResumableUpload::aChangedFileIsNeverResumedOntoItsOldSession_data()
+{
+    QTest::addColumn<QString>("change");
+    QTest::newRow("unchanged") << u""_s;
+    QTest::newRow("grown") << u"append"_s;
+    QTest::newRow("same size, new start") << u"rewrite"_s;
+    QTest::newRow("touched") << u"touch"_s;
+}
+
+void tst_ResumableUpload::aChangedFileIsNeverResumedOntoItsOldSession()
+{
+    QFETCH(QString, change);
+    QTemporaryDir dir;
+    ResumableServer server;
+    const QString failure = server.start(u"tus"_s, dir.filePath(u"store"_s));
+    QVERIFY2(failure.isEmpty(), qPrintable(failure));
+    const QByteArray content = patternBytes(700 * 1024, 3);
+    const QString path = writeFile(dir, u"clip.mov"_s, content);
+    const ZDUploadJournal journal(dir.filePath(u"journal"_s));
+
+    { // The first run stops after its first confirmed chunk, as a crash would.
+        Recorder recorder;
+        ZDResumableUpload upload(ZDUploadProtocol::Tus, server.url(u"/files"_s), path, &recorder);
+        upload.setChunkSize(256 * 1024);
+        upload.setJournal(journal);
+        recorder.onProgress = [](ZDResumableUpload *running, qint64) {
+            if (running->confirmedOffset() > 0)
+                running->cancel();
+        };
+        upload.start();
+        QTRY_VERIFY_WITH_TIMEOUT(upload.confirmedOffset() > 0, 30000);
+        QCOMPARE(recorder.endings(), 0);
+    }
+    QCOMPARE(journal.entries().size(), 1);
+    const ZDUploadJournalEntry entry = journal.entries().front();
+    QCOMPARE(entry.offset, 256 * 1024);
+
+    QFile file(path);
+    if (change == u"append"_s) {
+        QVERIFY(file.open(QIODevice::Append));
+        file.write("x");
+    } else if (change == u"rewrite"_s) {
+        QVERIFY(file.open(QIODevice::ReadWrite));
+        file.write("changed");
+        file.setFileTime(entry.file.modified, QFileDevice::FileModificationTime);
+    } else if (change == u"touch"_s) {
+        QVERIFY(file.open(QIODevice::ReadWrite));
+        file.setFileTime(entry.file.modified.addSecs(5), QFileDevice::FileModificationTime);
+    }
+    file.close();
+
+    Recorder recorder;
+    ZDResumableUpload resumed(entry, &recorder);
+    resumed.setJournal(journal);
+    resumed.start();
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
+    QVERIFY(journal.entries().isEmpty());
+    if (change.isEmpty()) {
+        QCOMPARE(recorder.finishes, 1);
+        QCOMPARE(recorder.resumes, QList<qint64>{256 * 1024});
+        QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), 1, 30000);
+        QVERIFY(readFile(server.stored().front()) == content);
+    } else {
+        QCOMPARE(recorder.error.domain(), ZDResumableUploadErrorDomain);
+        QCOMPARE(recorder.error.code(), ZDResumableUploadErrorFileChanged);
+        QVERIFY(recorder.progress.isEmpty()); // nothing was sent onto the old session
+    }
+}
+
+void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QByteArray>("retryAfter");
+    QTest::addColumn<qint64>("minimumWait");
+    QTest::addColumn<qint64>("maximumWait");
+    QTest::addColumn<bool>("finishes");
+    QTest::newRow("429, Retry-After 7 s") << 429 << QByteArray("7") << 7000LL << 7000LL << true;
+    QTest::newRow("503, Retry-After 30 s") << 503 << QByteArray("30") << 30000LL << 30000LL << true;
+    QTest::newRow("503, no Retry-After: backoff") << 503 << QByteArray() << 800LL << 1200LL << true;
+    QTest::newRow("429, Retry-After shorter than backoff")
+        << 429 << QByteArray("0") << 0LL << 0LL << true;
+    QTest::newRow("400 is not retried") << 400 << QByteArray("7") << -1LL << -1LL << false;
+    QTest::newRow("403 is not retried") << 403 << QByteArray() << -1LL << -1LL << false;
+}
+
+void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter()
+{
+    QFETCH(int, status);
+    QFETCH(QByteArray, retryAfter);
+    QFETCH(qint64, minimumWait);
+    QFETCH(qint64, maximumWait);
+    QFETCH(bool, finishes);
+    QTemporaryDir dir;
+    const QByteArray content = patternBytes(600 * 1024, 5);
+    const QString path = writeFile(dir, u"clip.mov"_s, content);
+    Mini308 service;
+    int puts = 0;
+    service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
+        // The second chunk is refused once.
+        if (request.method == "PUT" && !request.body.isEmpty() && ++puts == 2) {
+            CannedReply reply = CannedReply::json(R"({"error":"slow down"})", status);
+            if (!retryAfter.isNull())
+                reply.headers.append(std::pair<QByteArray, QByteArray>("Retry-After", retryAfter));
+            return reply;
+        }
+        return std::nullopt;
+    };
+    LoopbackHTTPServer loopback;
+    QVERIFY(loopback.listen());
+    loopback.setHandler([&](const RecordedRequest &request) { return service.handle(request); });
+    Recorder recorder;
+    auto clock = std::make_shared<FakeClock>();
+    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete, loopback.url(u"/upload"_s), path,
+                             &recorder);
+    upload.setChunkSize(256 * 1024);
+    upload.setClock(clock);
+    upload.start();
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
+    if (!finishes) {
+        QCOMPARE(recorder.failures, 1);
+        QVERIFY(clock->waits.isEmpty());
+        QCOMPARE(recorder.error.domain(), JSONHTTPRequestErrorDomain);
+        // The refusal's body travels with the error.
+        QCOMPARE(recorder.error.userInfo().value(u"body"_s).toByteArray(),
+                 QByteArray(R"({"error":"slow down"})"));
+        return;
+    }
+    QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
+    QCOMPARE(clock->waits.size(), 1);
+    QVERIFY2(clock->waits.front() >= minimumWait && clock->waits.front() <= maximumWait,
+             qPrintable(QString::number(clock->waits.front())));
+    QCOMPARE(recorder.retries.size(), 1);
+    QCOMPARE(recorder.retries.front().offset, 256 * 1024);
+    QVERIFY(service.stored == content);
+    // Resumed where the server stood: the first chunk went once.
+    QCOMPARE(upload.bytesSent(), content.size() + 256 * 1024);
+}
+
+void tst_ResumableUpload::renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset()
+{
+    QTemporaryDir dir;
+    const QByteArray content = patternBytes(700 * 1024, 9);
+    const QString path = writeFile(dir, u"clip.mov"_s, content);
+    for (const bool secondRefusal : {false, true}) {
+        Mini308 service;
+        // token-1 expires once the first chunk is in; token-2 is refused too in
+        // the second round.
+        service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
+            const QByteArray token = request.header("Authorization");
+            if ((token == "Bearer token-1" && !service.stored.isEmpty()) ||
+                (secondRefusal && token == "Bearer token-2")) {
+                CannedReply reply = CannedReply::json(R"({"error":"expired"})", 401);
+                return reply;
+            }
+            return std::nullopt;
+        };
+        LoopbackHTTPServer loopback;
+        QVERIFY(loopback.listen());
+        loopback.setHandler(
+            [&](const RecordedRequest &request) { return service.handle(request); });
+        TestCredentials credentials;
+        Recorder recorder;
+        ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete, loopback.url(u"/upload"_s),
+                                 path, &recorder);
+        upload.setChunkSize(256 * 1024);
+        upload.setCredentialSource(&credentials);
+        upload.start();
+        QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
+        QCOMPARE(credentials.reasons.count(ZDCredentialSource::Reason::Unauthorized), 1);
+        if (secondRefusal) {
+            QCOMPARE(recorder.failures, 1);
+            QCOMPARE(
+                recorder.error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode(),
+                401);
+            continue;
+        }
+        QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
+        QVERIFY(service.stored == content);
+        // Asked before every request, and the offset asked again after the 401.
+        QVERIFY(credentials.reasons.count(ZDCredentialSource::Reason::BeforeRequest) >= 4);
+        QCOMPARE(recorder.resumes, QList<qint64>{256 * 1024});
+    }
+}
+
+void tst_ResumableUpload::refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data()
+{
+    QTest::addColumn<int>("protocol");
+    QTest::addColumn<QByteArray>("claim");
+    QTest::newRow("308: beyond the chunk")
+        << int(ZDUploadProtocol::ResumeIncomplete) << QByteArray("bytes=0-300000");
+    QTest::newRow("308: a range not from 0")
+        << int(ZDUploadProtocol::ResumeIncomplete) << QByteArray("bytes=100-262143");
+    QTest::newRow("308: two ranges")
+        << int(ZDUploadProtocol::ResumeIncomplete) << QByteArray("bytes=0-99,200-262143");
+    QTest::newRow("tus: beyond the chunk") << int(ZDUploadProtocol::Tus) << QByteArray("300000");
+}
+
+void tst_ResumableUpload::refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole()
+{
+    QFETCH(int, protocol);
+    QFETCH(QByteArray, claim);
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, u"clip.mov"_s, patternBytes(700 * 1024, 1));
+    LoopbackHTTPServer loopback;
+    QVERIFY(loopback.listen());
+    loopback.setHandler([&](const RecordedRequest &request) {
+        CannedReply reply;
+        if (request.method == "POST") {
+            reply.status = 201;
+            reply.headers = {{"Location", "/session/1"}, {"Tus-Resumable", "1.0.0"}};
+        } else if (protocol == int(ZDUploadProtocol::Tus)) {
+            reply.status = 204;
+            reply.headers = {{"Upload-Offset", claim}, {"Tus-Resumable", "1.0.0"}};
+        } else {
+            reply.status = 308;
+            reply.headers = {{"Range", claim}};
+        }
+        return reply;
+    });
+    Recorder recorder;
+    ZDResumableUpload upload(ZDUploadProtocol(protocol), loopback.url(u"/upload"_s), path,
+                             &recorder);
+    upload.setChunkSize(256 * 1024);
+    upload.start();
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
+    QCOMPARE(recorder.error.domain(), ZDResumableUploadErrorDomain);
+    QCOMPARE(recorder.error.code(), ZDResumableUploadErrorProtocolViolation);
+    QTest::qWait(50);
+    QCOMPARE(recorder.endings(), 1);
+    QCOMPARE(loopback.requests().size(), 2); // nothing more was sent
+}
+
+void tst_ResumableUpload::resendsAChunkWhoseChecksumIsRefusedThenGivesUp_data()
+{
+    QTest::addColumn<int>("refusals");
+    QTest::addColumn<bool>("finishes");
+    QTest::newRow("refused once, resent") << 1 << true;
+    QTest::newRow("refused every time") << 100 << false;
+}
+
+void tst_ResumableUpload::resendsAChunkWhoseChecksumIsRefusedThenGivesUp()
+{
+    QFETCH(int, refusals);
+    QFETCH(bool, finishes);
+    QTemporaryDir dir;
+    const QByteArray content = patternBytes(300 * 1024, 4);
+    const QString path = writeFile(dir, u"clip.mov"_s, content);
+    // A tus service that checks Upload-Checksum itself (the independent server
+    // does not) and refuses the first `refusals` chunks with 460.
+    QByteArray stored;
+    int refused = 0;
+    bool checksumsRight = true;
+    LoopbackHTTPServer loopback;
+    QVERIFY(loopback.listen());
+    loopback.setHandler([&](const RecordedRequest &request) {
+        CannedReply reply;
+        reply.headers = {{"Tus-Resumable", "1.0.0"}};
+        if (request.method == "POST") {
+            reply.status = 201;
+            reply.headers.append(std::pair<QByteArray, QByteArray>("Location", "/files/1"));
+        } else if (request.method == "HEAD") {
+            reply.status = 200;
+            reply.headers.append(std::pair<QByteArray, QByteArray>(
+                "Upload-Offset", QByteArray::number(stored.size())));
+        } else {
+            const QByteArray expected =
+                "sha1 " +
+                QCryptographicHash::hash(request.body, QCryptographicHash::Sha1).toBase64();
+            checksumsRight = checksumsRight && request.header("Upload-Checksum") == expected;
+            if (refused < refusals) {
+                ++refused;
+                reply.status = 460;
+                reply.reason = "Checksum Mismatch";
+                return reply;
+            }
+            stored += request.body;
+            reply.status = 204;
+            reply.headers.append(std::pair<QByteArray, QByteArray>(
+                "Upload-Offset", QByteArray::number(stored.size())));
+        }
+        return reply;
+    });
+    Recorder recorder;
+    ZDResumableUpload upload(ZDUploadProtocol::Tus, loopback.url(u"/files"_s), path, &recorder);
+    upload.setChunkSize(256 * 1024);
+    upload.start();
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
+    QVERIFY(checksumsRight);
+    if (finishes) {
+        QCOMPARE(recorder.finishes, 1);
+        QVERIFY(stored == content);
+    } else {
+        QCOMPARE(recorder.error.domain(), ZDResumableUploadErrorDomain);
+        QCOMPARE(recorder.error.code(), ZDResumableUploadErrorChecksumMismatch);
+        QCOMPARE(refused, 3);
+    }
+}
+
+void tst_ResumableUpload::destroyingTheUploadInsideACallbackEndsItQuietly()
+{
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, u"clip.mov"_s, patternBytes(700 * 1024, 2));
+    Mini308 service;
+    LoopbackHTTPServer loopback;
+    QVERIFY(loopback.listen());
+    loopback.setHandler([&](const RecordedRequest &request) { return service.handle(request); });
+    for (const bool onEnd : {false, true}) {
+        Recorder recorder;
+        auto *upload = new ZDResumableUpload(ZDUploadProtocol::ResumeIncomplete,
+                                             loopback.url(u"/upload"_s), path, &recorder);
+        upload->setChunkSize(256 * 1024);
+        int calls = 0;
+        if (onEnd) {
+            recorder.onEnd = [&](ZDResumableUpload *running) {
+                ++calls;
+                delete running;
+            };
+        } else {
+            recorder.onProgress = [&](ZDResumableUpload *running, qint64 sent) {
+                if (sent >= 256 * 1024 && calls++ == 0)
+                    delete running;
+            };
+        }
+        upload->start();
+        QTRY_COMPARE_WITH_TIMEOUT(calls, 1, 30000);
+        const qsizetype progressSeen = recorder.progress.size();
+        QTest::qWait(200);
+        QCOMPARE(calls, 1);
+        QCOMPARE(recorder.progress.size(), progressSeen);
+        QCOMPARE(recorder.endings(), onEnd ? 1 : 0);
+        service.stored.clear();
+    }
+}
+
+QTEST_GUILESS_MAIN(tst_ResumableUpload)
+#include "tst_resumableupload.moc"

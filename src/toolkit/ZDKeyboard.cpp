@@ -168,6 +168,7 @@ void ZDKeyboard::platformKeyboardVisibilityChanged()
     ZDNotificationCenter::defaultCenter().postNotification(
         visible ? ZDKeyboardDidShowNotification : ZDKeyboardDidHideNotification, this,
         {{QStringLiteral("frame"), QGuiApplication::inputMethod()->keyboardRectangle().toRect()}});
+    Q_EMIT shownOrHidden();
 }
 
 QRect ZDKeyboard::keyboardFrameInWindow() const
@@ -279,5 +280,6 @@ void ZDKeyboard::slide(bool up)
         ZDNotificationCenter::defaultCenter().postNotification(
             up ? ZDKeyboardDidShowNotification : ZDKeyboardDidHideNotification, this,
             {{QStringLiteral("frame"), resting}});
+        Q_EMIT shownOrHidden();
     });
 }

@@ -87,8 +87,9 @@ void ZDFormKeyboardRoom::showPicker(ZDIndexPath categoryRow)
         m_picker->setGeometry(0, 0, size.width(), size.height());
         m_picker->setDelegate(m_pickerDelegate);
         m_picker->setShowsSelectionIndicator(true);
-        m_pickerContainer->show();
     }
+    // A wheel kept through an unload comes back hidden: show it again.
+    m_pickerContainer->show();
     m_pickerContainer->raise();
     if (m_showingPicker)
         return;

@@ -58,8 +58,9 @@ public:
     // Gives the room back to the table.
     void unshrink();
 
-    // Slides the wheel up (making it on first use), shrinks the table and
-    // scrolls `categoryRow` to the middle. Nothing more while it is up.
+    // Slides the wheel up (making it on first use, or bringing back the one
+    // kept through an unload), shrinks the table and scrolls `categoryRow` to
+    // the middle. Nothing more while it is up.
     void showPicker(ZDIndexPath categoryRow);
     // Deselects `categoryRow`, slides the wheel away and unshrinks.
     void hidePicker(ZDIndexPath categoryRow);

@@ -19,12 +19,21 @@
 
 #include <algorithm>
 #include <cmath>
+#include <limits>
 
 namespace {
 
 QString L(const char *key)
 {
     return ZDLocalizedString(QString::fromLatin1(key));
+}
+
+// A quality row's size: a saturated size is the least the video takes.
+QString sizeText(qint32 size)
+{
+    const QString bytes = FileSizeFormatter(float(size), 1);
+    return size == std::numeric_limits<qint32>::max() ? L("SIZE_OR_MORE_FORMAT_PARENS").arg(bytes)
+                                                      : L("SIZE_FORMAT_PARENS").arg(bytes);
 }
 
 constexpr qreal kRowHeight = 40.0;
@@ -58,6 +67,12 @@ private:
 };
 
 } // namespace
+
+qint32 ZDSaturatedSize(qint64 bytes)
+{
+    return qint32(std::clamp<qint64>(bytes, std::numeric_limits<qint32>::min(),
+                                     std::numeric_limits<qint32>::max()));
+}
 
 float ZDDescriptionRowHeight(float contentHeight)
 {
@@ -462,11 +477,10 @@ void ZDPublishViewController::prepareOptionCell(int row)
 {
     EditableTextCell *cell = m_optionCells[size_t(row)].get();
     cell->setChosen(row == m_selectedOption);
-    const QString format = L("SIZE_FORMAT_PARENS");
     if (row != 0) {
         cell->mainLabel()->setText(L("HD"));
         if (m_enableHDSection) {
-            cell->sizeLabel()->setText(format.arg(FileSizeFormatter(float(m_HDSize), 1)));
+            cell->sizeLabel()->setText(sizeText(m_HDSize));
             cell->setUserInteractionEnabled(true);
         } else {
             // The raw key on screen is what services expect here.
@@ -476,7 +490,7 @@ void ZDPublishViewController::prepareOptionCell(int row)
         }
     } else {
         cell->mainLabel()->setText(L("STANDARD_DEFINITION"));
-        cell->sizeLabel()->setText(format.arg(FileSizeFormatter(float(m_SDSize), 1)));
+        cell->sizeLabel()->setText(sizeText(m_SDSize));
     }
 }
 
@@ -620,12 +634,8 @@ void ZDPublishViewController::textCellTextChanged(EditableTextCell *cell, const 
     }
     if (cell != m_descriptionCell.get())
         return;
-    // Heights are kept in single precision; a change within 5 points leaves the
-    // row alone, so the table is not laid out on every keystroke.
-    const float height = float(cell->contentSize().height()) + 20.0f;
-    const float target =
-        height < float(kInitialDescriptionHeight) ? float(kInitialDescriptionHeight) : height;
-    if (std::fabs(float(m_descriptionHeight) - target) > 5.0f) {
+    const float target = ZDDescriptionRowHeight(float(cell->contentSize().height()));
+    if (ZDDescriptionRowShouldResize(float(m_descriptionHeight), target)) {
         m_descriptionHeight = target;
         cell->setKeepsFocus(true);
         m_tableView->beginUpdates();

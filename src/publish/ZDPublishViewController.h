@@ -49,6 +49,11 @@ struct ZD_EXPORT ZDSectionIndices
 
 using ZDCellList = std::vector<std::shared_ptr<ZDTableViewCell>>;
 
+// A byte count for the form's 32-bit sizes: as it is where it fits, else the
+// nearest 32-bit value (2,147,483,647 for anything of 2 GiB or more), never a
+// wrapped one.
+ZD_EXPORT qint32 ZDSaturatedSize(qint64 bytes);
+
 // The description row's height for its text's content height: 20 points more
 // than the text, never below 120. Heights are single precision.
 ZD_EXPORT float ZDDescriptionRowHeight(float contentHeight);
@@ -101,6 +106,11 @@ public:
     void setShowHDSection(bool show) { m_showHDSection = show; }
     bool enableHDSection() const { return m_enableHDSection; }
     void setEnableHDSection(bool enable) { m_enableHDSection = enable; }
+    // The estimated upload sizes in bytes that the quality rows show. They are
+    // 32-bit: a larger size is given as ZDSaturatedSize(bytes), which stops at
+    // 2,147,483,647 instead of wrapping, and a row whose size is exactly that
+    // shows it as a least ("2.0 GB or more"), since the true size is not known.
+    // Read when the rows are shown.
     qint32 SDSize() const { return m_SDSize; }
     void setSDSize(qint32 size) { m_SDSize = size; }
     qint32 HDSize() const { return m_HDSize; }

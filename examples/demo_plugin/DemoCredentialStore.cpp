@@ -22,6 +22,25 @@ bool isMissingService(QKeychain::Error error)
            error == QKeychain::OtherError || error == QKeychain::AccessDenied;
 }
 
+// QtKeychain's own text is often just "Unknown error"; say what the code means.
+QString reasonOf(const QKeychain::Job &job)
+{
+    switch (job.error()) {
+    case QKeychain::NoBackendAvailable:
+        return u"no keyring service (such as GNOME Keyring or KWallet) is running"_s;
+    case QKeychain::AccessDenied:
+        return u"the keyring refused access"_s;
+    case QKeychain::NotImplemented:
+        return u"this system has no keyring support"_s;
+    default:
+        break;
+    }
+    const QString text = job.errorString();
+    return text.isEmpty() || text.contains(u"Unknown error"_s, Qt::CaseInsensitive)
+               ? u"the keyring could not be used"_s
+               : text;
+}
+
 } // namespace
 
 DemoCredentialStore &DemoCredentialStore::shared()
@@ -37,8 +56,8 @@ void DemoCredentialStore::keyringUnavailable(const QString &reason)
         return;
     m_warned = true;
     std::fprintf(stderr,
-                 "Demo Video: no keyring service is available (%s); your sign-in is kept in "
-                 "memory for this run only and will be asked for again next time.\n",
+                 "Demo Video: your sign-in cannot be kept in the system keyring: %s. It is kept "
+                 "in memory for this run only and will be asked for again next time.\n",
                  qPrintable(reason));
 }
 
@@ -71,7 +90,7 @@ std::optional<DemoCredentialStore::Credentials> DemoCredentialStore::load()
         return std::nullopt;
     if (job.error() != QKeychain::NoError) {
         if (isMissingService(job.error()))
-            keyringUnavailable(job.errorString());
+            keyringUnavailable(reasonOf(job));
         return std::nullopt;
     }
     const QJsonObject stored = QJsonDocument::fromJson(job.binaryData()).object();
@@ -96,7 +115,7 @@ void DemoCredentialStore::save(const Credentials &credentials)
     job->setBinaryData(QJsonDocument(stored).toJson(QJsonDocument::Compact));
     QObject::connect(job, &QKeychain::Job::finished, job, [this, job] {
         if (job->error() != QKeychain::NoError)
-            keyringUnavailable(job->errorString());
+            keyringUnavailable(reasonOf(*job));
     });
     job->start();
 }

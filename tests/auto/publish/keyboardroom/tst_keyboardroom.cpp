@@ -69,6 +69,13 @@ struct Screen
 
 constexpr ZDIndexPath kWheelRow{0, 20};
 
+void addDeviceRows()
+{
+    QTest::addColumn<ZDDeviceKind>("kind");
+    QTest::newRow("phone") << ZDDeviceKind::Phone;
+    QTest::newRow("tablet") << ZDDeviceKind::Tablet;
+}
+
 } // namespace
 
 class tst_KeyboardRoom : public QObject
@@ -96,9 +103,7 @@ private Q_SLOTS:
 
 void tst_KeyboardRoom::shrinkingMakesRoomOnceAndUnshrinkingGivesItBack_data()
 {
-    QTest::addColumn<ZDDeviceKind>("kind");
-    QTest::newRow("phone") << ZDDeviceKind::Phone;
-    QTest::newRow("tablet") << ZDDeviceKind::Tablet;
+    addDeviceRows();
 }
 
 void tst_KeyboardRoom::shrinkingMakesRoomOnceAndUnshrinkingGivesItBack()
@@ -120,9 +125,7 @@ void tst_KeyboardRoom::shrinkingMakesRoomOnceAndUnshrinkingGivesItBack()
 
 void tst_KeyboardRoom::theKeyboardShrinksAPhoneButGrowsATabletsFooter_data()
 {
-    QTest::addColumn<ZDDeviceKind>("kind");
-    QTest::newRow("phone") << ZDDeviceKind::Phone;
-    QTest::newRow("tablet") << ZDDeviceKind::Tablet;
+    addDeviceRows();
 }
 
 void tst_KeyboardRoom::theKeyboardShrinksAPhoneButGrowsATabletsFooter()
@@ -180,9 +183,7 @@ void tst_KeyboardRoom::theKeyboardLeavingKeepsTheRoomWhileTheWheelIsUp()
 
 void tst_KeyboardRoom::theWheelSlidesUpWhereTheKeyboardWouldStandAndAwayAgain_data()
 {
-    QTest::addColumn<ZDDeviceKind>("kind");
-    QTest::newRow("phone") << ZDDeviceKind::Phone;
-    QTest::newRow("tablet") << ZDDeviceKind::Tablet;
+    addDeviceRows();
 }
 
 void tst_KeyboardRoom::theWheelSlidesUpWhereTheKeyboardWouldStandAndAwayAgain()

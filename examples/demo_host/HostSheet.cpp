@@ -1,12 +1,12 @@
 #include "HostSheet.h"
 
-#include <host/FileSizeFormatter.h>
 #include <toolkit/ZDNavigationController.h>
 
 #include <QCryptographicHash>
 #include <QFile>
 #include <QFileInfo>
 #include <QLabel>
+#include <QLocale>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QStackedLayout>
@@ -22,9 +22,11 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+// Every size the demo prints is in binary units, named so (KiB, MiB, GiB),
+// like the upload rate.
 QString sizeText(qint64 bytes)
 {
-    return FileSizeFormatter(float(bytes), 1);
+    return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeIecFormat);
 }
 
 // The file's MD5, read in pieces so that a large video is not held in memory.
@@ -257,7 +259,8 @@ void HostSheet::agentDidFinishPublishingError(PublishingAgentBase *,
     }
     const QString link = video->url.toString(QUrl::FullyEncoded);
     showResult(HostOutcome::Published, u"Published"_s,
-               u"Your video is on Demo Video at<br><a href=\"%1\">%1</a><br><br>"
+               u"Your video is on Demo Video at<br><a href=\"%1\">%1</a><br>"
+               u"<small>(this address answers while the demo service runs)</small><br><br>"
                u"<small>MD5 %2 matches the file.</small>"_s.arg(link.toHtmlEscaped(), localMD5));
 }
 

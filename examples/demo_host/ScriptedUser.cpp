@@ -121,6 +121,21 @@ bool ScriptedUser::signIn(const QString &password, bool pressReturn)
     return true;
 }
 
+// Reads the failed-sign-in alert, presses OK and reads the dialog that follows.
+bool ScriptedUser::readSignInFailure(bool screenshotIt)
+{
+    DemoPublishViewController *form = m_sheet.form();
+    QTest::qWait(300);
+    if (screenshotIt)
+        screenshot(u"demo-sign-in-failed.png"_s);
+    say(u"reads \"%1\" and presses OK"_s.arg(form->authenticationFailedAlert()->title()));
+    QTest::mouseClick(form->authenticationFailedAlert()->buttonAtIndex(0), Qt::LeftButton);
+    if (!QTest::qWaitFor([&] { return visible(form->authenticationAlert()); }, kPatience))
+        return fail("the sign-in dialog did not come back");
+    say(u"reads \"%1\""_s.arg(form->authenticationAlert()->message()));
+    return true;
+}
+
 bool ScriptedUser::signInAsScripted()
 {
     DemoPublishViewController *form = m_sheet.form();
@@ -130,18 +145,28 @@ bool ScriptedUser::signInAsScripted()
             return false;
         if (!QTest::qWaitFor([&] { return visible(form->authenticationFailedAlert()); }, kPatience))
             return fail("no alert told of the refused sign-in");
-        QTest::qWait(300);
-        screenshot(u"demo-sign-in-failed.png"_s);
-        say(u"reads \"%1\" and presses OK"_s.arg(form->authenticationFailedAlert()->title()));
-        QTest::mouseClick(form->authenticationFailedAlert()->buttonAtIndex(0), Qt::LeftButton);
+        if (!readSignInFailure(true))
+            return false;
     }
 
     say(u"signs in as %1"_s.arg(m_script.user));
     if (!signIn(m_script.password, true))
         return false;
     QPushButton *publish = m_sheet.navigation()->rightButton();
-    if (!QTest::qWaitFor([&] { return publish->isEnabled(); }, kPatience))
+    if (!QTest::qWaitFor(
+            [&] { return publish->isEnabled() || visible(form->authenticationFailedAlert()); },
+            kPatience))
         return fail("the sign-in did not succeed");
+    if (!publish->isEnabled()) {
+        // The right password failed too (the service cannot be reached): give up.
+        if (!readSignInFailure(false))
+            return false;
+        say(u"gives up and cancels"_s);
+        ZDAlertView *dialog = form->authenticationAlert();
+        QTest::mouseClick(dialog->buttonAtIndex(dialog->cancelButtonIndex()), Qt::LeftButton);
+        m_gaveUp = true;
+        return true;
+    }
     say(u"is signed in as %1"_s.arg(form->authenticator()->account()));
     return true;
 }
@@ -160,6 +185,8 @@ bool ScriptedUser::fillInAndPublish()
     } else if (!signInAsScripted()) {
         return false;
     }
+    if (m_gaveUp)
+        return true; // the sheet is cancelled
 
     if (m_script.cancelSheet) {
         say(u"changes their mind and presses Cancel"_s);

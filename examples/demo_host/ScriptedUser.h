@@ -45,8 +45,10 @@ public:
 private:
     bool signIn(const QString &password, bool pressReturn);
     bool signInAsScripted();
+    bool readSignInFailure(bool screenshotIt);
     bool fail(const char *what) const;
 
     HostSheet &m_sheet;
+    bool m_gaveUp = false;
     Script m_script;
 };

@@ -23,6 +23,7 @@
 #include <QCommandLineParser>
 #include <QDir>
 #include <QFileInfo>
+#include <QMimeDatabase>
 #include <QTimer>
 
 #include <cstdio>
@@ -52,6 +53,31 @@ std::optional<qint64> byteCount(const QString &text)
     bool ok = false;
     const qint64 value = text.toLongLong(&ok);
     return ok && value >= 0 ? std::optional<qint64>(value) : std::nullopt;
+}
+
+// Names the option and what is wrong with its value, instead of the whole help.
+int badOption(const QString &option, const QString &value, const char *expected)
+{
+    std::fprintf(stderr, "zd_demo_host: --%s \"%s\": %s (see --help)\n", qPrintable(option),
+                 qPrintable(value), expected);
+    return ExitUsage;
+}
+
+// Why `path` cannot be published as a video, or nothing when it can: it must
+// be a file with something in it that names or shows itself as a video.
+std::optional<QString> notAVideo(const QString &path)
+{
+    const QFileInfo info(path);
+    if (!info.exists())
+        return u"no such file"_s;
+    if (!info.isFile())
+        return u"not a file"_s;
+    if (info.size() == 0)
+        return u"the file is empty"_s;
+    const QMimeType type = QMimeDatabase().mimeTypeForFile(info);
+    if (!type.name().startsWith(u"video/"))
+        return u"not a video (%1)"_s.arg(type.comment());
+    return std::nullopt;
 }
 
 // The offscreen platform's remarks about what it cannot do for a window say
@@ -140,18 +166,29 @@ int main(int argc, char **argv)
     else if (modeName == u"streamed")
         uploadOptions.mode = DemoUploadOptions::Mode::Streamed;
     else if (modeName != u"auto")
-        parser.showHelp(ExitUsage);
+        return badOption(u"upload-mode"_s, modeName, "must be auto, memory or streamed");
     if (parser.isSet(threshold)) {
         const auto bytes = byteCount(parser.value(threshold));
         if (!bytes)
-            parser.showHelp(ExitUsage);
+            return badOption(u"stream-threshold"_s, parser.value(threshold),
+                             "must be a whole number of bytes");
         uploadOptions.streamThreshold = *bytes;
     }
     if (parser.isSet(memoryLimit)) {
         uploadOptions.memoryLimit = byteCount(parser.value(memoryLimit));
         if (!uploadOptions.memoryLimit)
-            parser.showHelp(ExitUsage);
+            return badOption(u"memory-limit"_s, parser.value(memoryLimit),
+                             "must be a whole number of bytes");
     }
+    std::optional<qint64> cancelAfterBytes;
+    if (parser.isSet(cancelAfter)) {
+        cancelAfterBytes = byteCount(parser.value(cancelAfter));
+        if (!cancelAfterBytes)
+            return badOption(u"cancel-after-bytes"_s, parser.value(cancelAfter),
+                             "must be a whole number of bytes");
+    }
+    if (!DemoPublishViewController::accessValues().contains(parser.value(access)))
+        return badOption(u"access"_s, parser.value(access), "must be public, unlisted or private");
 
     QString videoPath = parser.positionalArguments().value(0);
     if (videoPath.isEmpty()) {
@@ -163,8 +200,9 @@ int main(int argc, char **argv)
             return ExitUsage;
         }
         std::printf("No video given: made a sample clip, %s\n", qPrintable(videoPath));
-    } else if (!QFileInfo(videoPath).isFile()) {
-        std::fprintf(stderr, "no such video file: %s\n", qPrintable(videoPath));
+    } else if (const std::optional<QString> why = notAVideo(videoPath)) {
+        std::fprintf(stderr, "zd_demo_host: cannot publish %s: %s\n", qPrintable(videoPath),
+                     qPrintable(*why));
         return ExitUsage;
     }
 
@@ -191,8 +229,7 @@ int main(int argc, char **argv)
     script.access = parser.value(access);
     script.highDefinition = parser.isSet(hd);
     script.cancelSheet = parser.isSet(cancelSheet);
-    if (parser.isSet(cancelAfter))
-        script.cancelAfterBytes = byteCount(parser.value(cancelAfter));
+    script.cancelAfterBytes = cancelAfterBytes;
     script.revokeBeforePublish = parser.isSet(revoke);
     script.deleteFileBeforePublish = parser.isSet(deleteFile);
     script.screenshotDir = parser.value(screenshots);

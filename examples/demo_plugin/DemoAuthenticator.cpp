@@ -95,6 +95,7 @@ void DemoAuthenticator::requestDidReceiveObject(JSONHTTPRequest *request, const 
         return;
     }
     m_authenticationRequest.reset();
+    m_lastFailure.clear();
     signIn(account.isEmpty() ? u"Demo Video"_s : account, token, secret);
     save();
 }
@@ -121,12 +122,33 @@ void DemoAuthenticator::signIn(const QString &account, const QString &token,
     _notifyStateChange();
 }
 
+void DemoAuthenticator::requestDidFailWithError(JSONHTTPRequest *request, const ZDError &error)
+{
+    const bool refused =
+        error.domain() == JSONHTTPRequestErrorDomain &&
+        error.code() == JSONHTTPRequestErrorBadStatus &&
+        error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode() == 401;
+    if (refused)
+        m_lastFailure = u"Demo Video did not accept that user name and password."_s;
+    else if (error.domain() == ZDCurlErrorDomain || error.domain() == ZDURLErrorDomain)
+        m_lastFailure =
+            u"Demo Video could not be reached at %1 (%2). Is the demo service running?"_s.arg(
+                DemoVideo::baseURL().toString(), error.localizedDescription());
+    else
+        m_lastFailure =
+            u"Demo Video could not sign you in (%1)."_s.arg(error.localizedDescription());
+    ZDAuthenticator::requestDidFailWithError(request, error);
+}
+
 ZDAlertView *DemoAuthenticator::authenticationDialogWithTargetAction(QObject *target,
                                                                      std::function<void()> action)
 {
+    // The demo service has one account; a person trying the demo needs it.
+    const QString ask = u"Enter your Demo Video user name and password (this demo: demo and "
+                        u"demo-password)."_s;
     auto *dialog = new ZDAlertView(u"Sign in to Demo Video"_s,
-                                   u"Enter your Demo Video user name and password."_s, nullptr,
-                                   u"Cancel"_s, {u"Sign In"_s});
+                                   m_lastFailure.isEmpty() ? ask : m_lastFailure + u' ' + ask,
+                                   nullptr, u"Cancel"_s, {u"Sign In"_s});
     dialog->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
     dialog->setReturnKeyAction(target, std::move(action));
     return dialog;

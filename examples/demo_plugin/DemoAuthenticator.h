@@ -39,6 +39,12 @@ public:
     void invalidateAuthentication() override;
 
     void requestDidReceiveObject(JSONHTTPRequest *request, const QVariant &object) override;
+    // Notes why the sign-in failed before the form hears of it, so that the
+    // next dialog tells an unreachable service from a refused password.
+    void requestDidFailWithError(JSONHTTPRequest *request, const ZDError &error) override;
+
+    // Why the last sign-in failed; empty after a success or before any.
+    QString lastFailure() const { return m_lastFailure; }
 
     // A signer for requests made on the signed-in account's behalf; null when
     // signed out.
@@ -50,4 +56,5 @@ private:
 
     QString m_token;
     QString m_tokenSecret;
+    QString m_lastFailure;
 };

@@ -1,6 +1,7 @@
 #include "DemoPublishAgent.h"
 
 #include "DemoPublishViewController.h"
+#include "DemoVideo.h"
 
 ZDPublishViewControllerClass DemoPublishAgent::publishViewControllerClass()
 {
@@ -36,6 +37,17 @@ void DemoPublishAgent::cancelUpload()
 {
     if (DemoPublishPost *post = demoPublishPost())
         post->cancel();
+}
+
+void DemoPublishAgent::publishPostDidFailWithError(ZDPublishPost *post, const ZDError &error)
+{
+    if (error.domain() != DemoVideo::ErrorDomain || error.code() != DemoVideo::ErrorCancelled) {
+        ZDPublishAgent::publishPostDidFailWithError(post, error);
+        return;
+    }
+    setPublishingInProgress(false);
+    if (PublishingAgentHostDelegate *host = hostDelegate())
+        host->agentDidFinishPublishingError(this, error);
 }
 
 DemoPublishPost *DemoPublishAgent::demoPublishPost() const

@@ -22,6 +22,10 @@ public:
     // DemoVideo::ErrorCancelled.
     void cancelUpload();
 
+    // A cancellation is what the user asked for, not a failure: it reaches the
+    // host like one but is not logged as "Publish failed".
+    void publishPostDidFailWithError(ZDPublishPost *post, const ZDError &error) override;
+
     void setUploadOptions(const DemoUploadOptions &options) { m_uploadOptions = options; }
     const DemoUploadOptions &uploadOptions() const { return m_uploadOptions; }
 

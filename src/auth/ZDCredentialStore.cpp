@@ -29,6 +29,25 @@ bool runJob(QKeychain::Job &job)
     return finished;
 }
 
+// QtKeychain's own text is often just "Unknown error"; say what the code means.
+QString reasonOf(const QKeychain::Job &job)
+{
+    switch (job.error()) {
+    case QKeychain::NoBackendAvailable:
+        return QStringLiteral("no keyring service (such as GNOME Keyring or KWallet) is running");
+    case QKeychain::AccessDenied:
+        return QStringLiteral("the keyring refused access");
+    case QKeychain::NotImplemented:
+        return QStringLiteral("this system has no keyring support");
+    default:
+        break;
+    }
+    const QString text = job.errorString();
+    return text.isEmpty() || text.contains(QStringLiteral("Unknown error"), Qt::CaseInsensitive)
+               ? QStringLiteral("the keyring could not be used")
+               : text;
+}
+
 } // namespace
 
 ZDCredentialStore::~ZDCredentialStore() = default;
@@ -61,8 +80,8 @@ void ZDKeychainCredentialStore::keyringUnavailable(const QString &reason)
         return;
     m_warned = true;
     qCWarning(lcZDAuth).noquote()
-        << QStringLiteral("No keyring service is available (%1); sign-ins are kept in memory "
-                          "for this run only and will be asked for again next time.")
+        << QStringLiteral("Sign-ins cannot be kept in the system keyring: %1. They are kept in "
+                          "memory for this run only and will be asked for again next time.")
                .arg(reason);
 }
 
@@ -84,7 +103,7 @@ std::optional<QByteArray> ZDKeychainCredentialStore::load(const QString &key)
     if (job.error() == QKeychain::EntryNotFound)
         return std::nullopt;
     if (job.error() != QKeychain::NoError) {
-        keyringUnavailable(job.errorString());
+        keyringUnavailable(reasonOf(job));
         return std::nullopt;
     }
     m_memory.save(key, job.binaryData());
@@ -104,7 +123,7 @@ bool ZDKeychainCredentialStore::save(const QString &key, const QByteArray &value
     if (!runJob(job))
         keyringUnavailable(QStringLiteral("the keyring did not answer"));
     else if (job.error() != QKeychain::NoError)
-        keyringUnavailable(job.errorString());
+        keyringUnavailable(reasonOf(job));
     return true;
 }
 

@@ -42,7 +42,6 @@ public:
     void start();
     void cancel();
     const QString &ensureBoundary();
-    QByteArray multipartData(const QVariantMap &params);
     std::optional<QVariant> objectFromBody(ZDError &parserError) const;
 
     void connectionDidReceiveResponse(ZDURLConnection *connection,

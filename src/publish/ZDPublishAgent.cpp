@@ -24,8 +24,8 @@ ZDNavigationController *ZDPublishAgent::navigationController()
     const ZDPublishViewControllerClass makeForm = publishViewControllerClass();
     ZD_ASSERT(makeForm, "ZDPublishAgent::navigationController (publishViewControllerClass)");
     m_publishViewController = makeForm();
-    m_publishViewController->setHDSize(qint32(estimatedHDUploadBytes()));
-    m_publishViewController->setSDSize(qint32(estimatedSDUploadBytes()));
+    m_publishViewController->setHDSize(ZDSaturatedSize(estimatedHDUploadBytes()));
+    m_publishViewController->setSDSize(ZDSaturatedSize(estimatedSDUploadBytes()));
     m_publishViewController->setDelegate(this);
     m_navigationController =
         std::make_unique<ZDNavigationController>(m_publishViewController.get());

@@ -21,6 +21,7 @@
 class QLabel;
 class ZDAuthenticator;
 class ZDFooterContainerView;
+class ZDFormKeyboardRoom;
 class ZDPublishViewController;
 struct ZDNotification;
 
@@ -47,6 +48,11 @@ struct ZD_EXPORT ZDSectionIndices
 };
 
 using ZDCellList = std::vector<std::shared_ptr<ZDTableViewCell>>;
+
+// A byte count for the form's 32-bit sizes: as it is where it fits, else the
+// nearest 32-bit value (2,147,483,647 for anything of 2 GiB or more), never a
+// wrapped one.
+ZD_EXPORT qint32 ZDSaturatedSize(qint64 bytes);
 
 // The description row's height for its text's content height: 20 points more
 // than the text, never below 120. Heights are single precision.
@@ -100,6 +106,11 @@ public:
     void setShowHDSection(bool show) { m_showHDSection = show; }
     bool enableHDSection() const { return m_enableHDSection; }
     void setEnableHDSection(bool enable) { m_enableHDSection = enable; }
+    // The estimated upload sizes in bytes that the quality rows show. They are
+    // 32-bit: a larger size is given as ZDSaturatedSize(bytes), which stops at
+    // 2,147,483,647 instead of wrapping, and a row whose size is exactly that
+    // shows it as a least ("2.0 GB or more"), since the true size is not known.
+    // Read when the rows are shown.
     qint32 SDSize() const { return m_SDSize; }
     void setSDSize(qint32 size) { m_SDSize = size; }
     qint32 HDSize() const { return m_HDSize; }
@@ -184,9 +195,14 @@ public:
     ZDAlertView *authenticationAlert() const { return m_authenticationAlert; }
     ZDAlertView *shownAccountAlert() const { return m_accountAlert; }
     ZDAlertView *authenticationFailedAlert() const { return m_authenticationFailedAlert; }
-    ZDPickerView *picker() const { return m_picker; }
-    QWidget *pickerContainer() const { return m_pickerContainer; }
-    bool isShowingPicker() const { return m_showingPicker; }
+    ZDPickerView *picker() const;
+    QWidget *pickerContainer() const;
+    bool isShowingPicker() const;
+    // The table is shortened for the keyboard or the category wheel.
+    bool isViewShrunk() const;
+    // The index of the chosen access row (the first one until the user taps
+    // another); meaningless while the service supplies no access rows.
+    quintptr accessRow() const { return m_accessRow; }
 
     void _finishConstruction();
 
@@ -221,10 +237,6 @@ protected:
 
     // The form's fields; a service subclass may read them.
     QPointer<ZDTableView> m_tableView;
-    QPointer<ZDPickerView> m_picker;
-    QPointer<QWidget> m_pickerContainer; // kept across view unloads
-    bool m_viewShrunk = false;
-    bool m_showingPicker = false;
     std::unique_ptr<QLabel> m_headerImageView;
     std::unique_ptr<EditableTextCell> m_titleCell;
     std::unique_ptr<EditableTextCell> m_descriptionCell;
@@ -250,4 +262,7 @@ protected:
 private:
     void prepareOptionCell(int row);
     bool m_constructed = false;
+    // The keyboard's and the wheel's room at the foot of the view; it owns the
+    // wheel, which outlives view unloads.
+    std::unique_ptr<ZDFormKeyboardRoom> m_room;
 };

@@ -16,6 +16,10 @@
         <translation>Veröffentlichen</translation>
     </message>
     <message>
+        <source>CANCEL</source>
+        <translation>Abbrechen</translation>
+    </message>
+    <message>
         <source>PUBLISH_VIDEO</source>
         <translation>Video veröffentlichen</translation>
     </message>
@@ -52,6 +56,10 @@
         <translation>(%1)</translation>
     </message>
     <message>
+        <source>SIZE_OR_MORE_FORMAT_PARENS</source>
+        <translation>(%1 oder mehr)</translation>
+    </message>
+    <message>
         <source>ACCOUNT_NAME_FORMAT</source>
         <translation>Angemeldet als %1</translation>
     </message>
@@ -65,7 +73,7 @@
     </message>
     <message>
         <source>AUTHENTICATION_FAILED_BODY</source>
-        <translation>Benutzername oder Passwort sind falsch. Bitte versuchen Sie es erneut.</translation>
+        <translation>Anmeldung nicht möglich. Bitte prüfen Sie Benutzername, Passwort und Verbindung und versuchen Sie es erneut.</translation>
     </message>
     <message>
         <source>TERMS_OF_USE</source>
@@ -154,6 +162,14 @@
     <message>
         <source>PUBLISH_ERROR_CANCELLED</source>
         <translation>Die Veröffentlichung wurde abgebrochen.</translation>
+    </message>
+    <message>
+        <source>USER_NAME</source>
+        <translation>Benutzername</translation>
+    </message>
+    <message>
+        <source>PASSWORD</source>
+        <translation>Passwort</translation>
     </message>
 </context>
 </TS>

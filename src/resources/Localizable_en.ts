@@ -56,6 +56,10 @@
         <translation>(%1)</translation>
     </message>
     <message>
+        <source>SIZE_OR_MORE_FORMAT_PARENS</source>
+        <translation>(%1 or more)</translation>
+    </message>
+    <message>
         <source>ACCOUNT_NAME_FORMAT</source>
         <translation>Signed in as %1</translation>
     </message>
@@ -69,7 +73,7 @@
     </message>
     <message>
         <source>AUTHENTICATION_FAILED_BODY</source>
-        <translation>The user name or password is not correct. Please try again.</translation>
+        <translation>Could not sign in. Please check the user name, the password and the connection, then try again.</translation>
     </message>
     <message>
         <source>TERMS_OF_USE</source>
@@ -158,6 +162,14 @@
     <message>
         <source>PUBLISH_ERROR_CANCELLED</source>
         <translation>Publishing was cancelled.</translation>
+    </message>
+    <message>
+        <source>USER_NAME</source>
+        <translation>User name</translation>
+    </message>
+    <message>
+        <source>PASSWORD</source>
+        <translation>Password</translation>
     </message>
 </context>
 </TS>

@@ -1,5 +1,7 @@
 #include "toolkit/ZDAlertView.h"
 
+#include "resources/ZDLocalizedString.h"
+#include "toolkit/ZDKeyboard.h"
 #include "toolkit/ZDStyle_p.h"
 
 #include <QApplication>
@@ -13,6 +15,8 @@
 #include <QPropertyAnimation>
 #include <QPushButton>
 #include <QVBoxLayout>
+
+#include <algorithm>
 
 namespace {
 
@@ -140,8 +144,12 @@ void ZDAlertView::rebuild()
         field->setStyleSheet(QStringLiteral(
             "QLineEdit { background: white; border: 1px solid #333; border-radius: 4px; "
             "padding: 5px; }"));
-        if (m_style == Style::SecureTextInput || i == 1)
+        if (m_style == Style::SecureTextInput || i == 1) {
             field->setEchoMode(QLineEdit::Password);
+            field->setPlaceholderText(ZDLocalizedString(QStringLiteral("PASSWORD")));
+        } else if (m_style == Style::LoginAndPasswordInput) {
+            field->setPlaceholderText(ZDLocalizedString(QStringLiteral("USER_NAME")));
+        }
         field->installEventFilter(this);
         layout->addWidget(field);
         m_fields.append(field);
@@ -160,8 +168,11 @@ void ZDAlertView::rebuild()
         m_buttonWidgets.append(button);
     }
     layout->addLayout(buttons);
+    // The box is as tall as its wrapped texts need at its fixed width: a long
+    // title or message (a translation) wraps onto more lines, never cut off.
     m_box->setFixedWidth(kBoxWidth);
-    m_box->adjustSize();
+    m_box->setFixedHeight(layout->hasHeightForWidth() ? layout->heightForWidth(kBoxWidth)
+                                                      : layout->sizeHint().height());
     m_box->show();
 }
 
@@ -185,6 +196,7 @@ void ZDAlertView::show(QWidget *window)
         setParent(window->window());
         window->window()->installEventFilter(this);
     }
+    connect(&ZDKeyboard::shared(), &ZDKeyboard::shownOrHidden, this, &ZDAlertView::layoutInWindow);
     layoutInWindow();
     QWidget::show();
     raise();
@@ -203,15 +215,26 @@ void ZDAlertView::show(QWidget *window)
     animation->start(QAbstractAnimation::DeleteWhenStopped);
 }
 
+// Centres the box a little above the middle of the window, or of the part of
+// it above the on-screen keyboard while the keyboard is up in this window, so
+// that the keyboard never covers the fields and buttons.
 void ZDAlertView::layoutInWindow()
 {
     if (QWidget *window = parentWidget())
         setGeometry(window->rect());
     else
-        resize(m_box ? m_box->sizeHint() + QSize(40, 40) : QSize(320, 200));
-    if (m_box)
-        m_box->move((width() - m_box->width()) / 2,
-                    qMax(20, (height() - m_box->height()) / 2 - 40));
+        resize(m_box ? m_box->size() + QSize(40, 40) : QSize(320, 200));
+    if (!m_box)
+        return;
+    int room = height();
+    const ZDKeyboard &keyboard = ZDKeyboard::shared();
+    const QWidget *keys = keyboard.activeKeyboardView();
+    if (keys && parentWidget() && keys->window() == parentWidget()->window())
+        room = std::clamp(keyboard.keyboardFrameInWindow().top(), 0, height());
+    const int y = room >= m_box->height() + 16 ? qMax(8, (room - m_box->height()) / 2 - 40)
+                                               : qMax(0, room - m_box->height() - 8);
+    m_box->move((width() - m_box->width()) / 2, qMax(0, y));
+    update();
 }
 
 void ZDAlertView::dismissWithClickedButtonIndex(int buttonIndex, bool)

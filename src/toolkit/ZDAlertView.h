@@ -27,6 +27,12 @@ public:
 // the cancel button first (0, when there is one), then the other buttons in
 // their order.
 //
+// Layout: the box keeps a fixed width; the title and message wrap onto as many
+// lines as they need, so a long text (a translation) is never cut off and never
+// widens the window. While the on-screen keyboard is up in the alert's window
+// the box stands above it. The login field's placeholder is the text of
+// "USER_NAME" and a password field's that of "PASSWORD".
+//
 // Lifetime: an alert is shown with show() and deletes itself after it is
 // dismissed; whoever keeps a pointer to it keeps a QPointer. The delegate is not
 // owned. Pressing return in a text field runs the return-key action while its

@@ -56,6 +56,11 @@ public:
     bool isSplit() const { return m_split; }
     void setSplit(bool split);
 
+Q_SIGNALS:
+    // Right after each did-show and did-hide notification, for the toolkit's
+    // own views (an alert keeps above the keyboard through it).
+    void shownOrHidden();
+
 private:
     ZDKeyboard();
     void focusChanged(QWidget *old, QWidget *now);

@@ -9,6 +9,43 @@
 #include <QTimer>
 #include <QVBoxLayout>
 
+namespace {
+
+// The bar's title: it takes the width the buttons leave and elides what does
+// not fit, so a long title (or a long translation) never widens the window.
+// Screen readers get the whole title.
+class TitleLabel : public QLabel
+{
+public:
+    using QLabel::QLabel;
+
+    void setTitle(const QString &title)
+    {
+        m_title = title;
+        setAccessibleName(title);
+        setToolTip(title);
+        elide();
+    }
+    QString title() const { return m_title; }
+
+    QSize minimumSizeHint() const override { return QSize(0, QLabel::minimumSizeHint().height()); }
+    QSize sizeHint() const override { return QSize(0, QLabel::sizeHint().height()); }
+
+protected:
+    void resizeEvent(QResizeEvent *event) override
+    {
+        QLabel::resizeEvent(event);
+        elide();
+    }
+
+private:
+    void elide() { setText(fontMetrics().elidedText(m_title, Qt::ElideRight, width())); }
+
+    QString m_title;
+};
+
+} // namespace
+
 ZDNavigationController::ZDNavigationController(ZDViewController *root, QObject *parent)
     : ZDViewController(parent), m_root(root)
 {
@@ -35,7 +72,7 @@ QWidget *ZDNavigationController::loadView()
     barLayout->setContentsMargins(6, 0, 6, 0);
     m_leftButton = new QPushButton(bar);
     m_rightButton = new QPushButton(bar);
-    m_titleLabel = new QLabel(bar);
+    m_titleLabel = new TitleLabel(bar);
     m_titleLabel->setAlignment(Qt::AlignCenter);
     m_titleLabel->setFont(zdstyle::font(17, QFont::Bold));
     for (QPushButton *button : {m_leftButton.data(), m_rightButton.data()}) {
@@ -94,7 +131,7 @@ void ZDNavigationController::updateBar()
     if (!m_titleLabel || !m_root)
         return;
     ZDNavigationItem *item = m_root->navigationItem();
-    m_titleLabel->setText(item->title());
+    static_cast<TitleLabel *>(m_titleLabel.data())->setTitle(item->title());
     const auto apply = [](QPushButton *button, const ZDBarButtonItem *barItem) {
         button->setVisible(barItem != nullptr);
         if (!barItem)

@@ -1,6 +1,7 @@
 #include "toolkit/ZDTableView.h"
 
 #include "toolkit/ZDDevice.h"
+#include "toolkit/ZDSlide_p.h"
 #include "toolkit/ZDStyle_p.h"
 #include "toolkit/ZDTableViewCell.h"
 
@@ -33,15 +34,10 @@ void animateGeometry(QWidget *widget, const QRect &from, const QRect &to,
         running->stop();
         delete running;
     }
-    auto *animation = new QPropertyAnimation(widget, "geometry", widget);
+    QPropertyAnimation *animation = zdSlide(widget, from, to, ZDDevice::kRowAnimationDuration);
     animation->setObjectName(QLatin1StringView(kRowAnimationName));
-    animation->setDuration(int(ZDDevice::kRowAnimationDuration * 1000));
-    animation->setStartValue(from);
-    animation->setEndValue(to);
-    animation->setEasingCurve(QEasingCurve::InOutQuad);
     if (done && context)
         QObject::connect(animation, &QPropertyAnimation::finished, context, std::move(done));
-    animation->start(QAbstractAnimation::DeleteWhenStopped);
 }
 
 } // namespace
@@ -124,6 +120,9 @@ ZDTableView::ZDTableView(QWidget *parent) : QScrollArea(parent)
     setWidgetResizable(false);
     setFrameShape(QFrame::NoFrame);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
+    // A tap on a row never takes the keyboard focus from the field being
+    // edited; the keyboard still reaches the table with Tab.
+    setFocusPolicy(Qt::TabFocus);
     m_content->installEventFilter(this);
     viewport()->installEventFilter(this);
     connect(verticalScrollBar(), &QScrollBar::sliderPressed, this, &ZDTableView::willBeginDragging);
@@ -391,7 +390,9 @@ void ZDTableView::scrollToRowAtIndexPath(ZDIndexPath indexPath, ScrollPosition p
     const QRect frame = rectForRowAtIndexPath(indexPath);
     if (frame.isNull())
         return;
-    const int visible = viewport()->height();
+    // The bottom inset is room under something that covers the table (the
+    // keyboard, a picker): rows are placed in the part above it.
+    const int visible = qMax(0, viewport()->height() - qRound(m_insetBottom));
     int target = contentOffset();
     switch (position) {
     case ScrollPosition::Top:
@@ -536,6 +537,10 @@ bool ZDTableView::eventFilter(QObject *watched, QEvent *event)
     }
     auto *cell = qobject_cast<ZDTableViewCell *>(watched);
     if (watched != m_content && !cell)
+        return QScrollArea::eventFilter(watched, event);
+    // The scroll area follows the content's size through its own filter: the
+    // scroll range grows and shrinks with rows, heights and the bottom inset.
+    if (watched == m_content && event->type() == QEvent::Resize)
         return QScrollArea::eventFilter(watched, event);
 
     switch (event->type()) {

@@ -90,10 +90,13 @@ public:
     void selectRowAtIndexPath(ZDIndexPath indexPath, bool animated, ScrollPosition position);
     void deselectRowAtIndexPath(ZDIndexPath indexPath, bool animated);
 
+    // Scrolls the row to a place in the visible area: the viewport less the
+    // bottom inset, which stands for whatever covers the table's foot.
     void scrollToRowAtIndexPath(ZDIndexPath indexPath, ScrollPosition position, bool animated);
     int contentOffset() const;
 
-    // Extra room under the last row, for a keyboard or a picker.
+    // Extra room under the last row, for a keyboard or a picker that covers
+    // the table's foot; the scroll range grows by it.
     qreal contentInsetBottom() const { return m_insetBottom; }
     void setContentInsetBottom(qreal inset);
 

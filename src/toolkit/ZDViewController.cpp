@@ -1,5 +1,7 @@
 #include "toolkit/ZDViewController.h"
 
+#include "resources/ZDLocalizedString.h"
+
 #include <QPalette>
 #include <QWidget>
 
@@ -9,7 +11,8 @@ ZDBarButtonItem::ZDBarButtonItem(const QString &title, Style style, std::functio
 {}
 
 ZDBarButtonItem::ZDBarButtonItem(SystemItem, std::function<void()> action, QObject *parent)
-    : ZDBarButtonItem(tr("Cancel"), Style::Plain, std::move(action), parent)
+    : ZDBarButtonItem(ZDLocalizedString(QStringLiteral("CANCEL")), Style::Plain, std::move(action),
+                      parent)
 {}
 
 void ZDBarButtonItem::setEnabled(bool enabled)

@@ -23,7 +23,8 @@ public:
 
     ZDBarButtonItem(const QString &title, Style style, std::function<void()> action,
                     QObject *parent = nullptr);
-    // A system button: its title comes from the system ("Cancel").
+    // A system button, titled in the user's language from the "Localizable"
+    // table (Cancel: the text of "CANCEL").
     ZDBarButtonItem(SystemItem item, std::function<void()> action, QObject *parent = nullptr);
 
     QString title() const { return m_title; }

@@ -20,6 +20,7 @@ namespace {
 
 // Exit statuses of the demo host.
 constexpr int kPublished = 0;
+constexpr int kUsage = 1;
 constexpr int kFailed = 2;
 constexpr int kCancelled = 3;
 
@@ -180,6 +181,9 @@ private Q_SLOTS:
                 signIn);
         QVERIFY2(run.exitCode == kPublished, qPrintable(run.output));
         QVERIFY2(run.output.contains(u"reads \"Sign-In Failed\""_s), qPrintable(run.output));
+        QVERIFY2(run.output.contains(u"did not accept that user name and password"_s),
+                 qPrintable(run.output));
+        QVERIFY2(run.output.contains(u"no longer answers"_s) == false, qPrintable(run.output));
 
         const QStringList published = service.published();
         QCOMPARE(published.size(), 1);
@@ -234,6 +238,7 @@ private Q_SLOTS:
         writeRandomFile(video, 64 * 1024 * 1024);
         const HostRun run = runHost(service, video, QStringList{u"--no-wrong-password"_s} + how);
         QVERIFY2(run.exitCode == kCancelled, qPrintable(run.output));
+        QVERIFY2(!run.output.contains(u"Publish failed"_s), qPrintable(run.output));
         // The service notices the dropped connection and clears its half-upload.
         QTRY_VERIFY_WITH_TIMEOUT(service.incoming().isEmpty(), 30000);
         QVERIFY(service.published().isEmpty());
@@ -292,6 +297,64 @@ private Q_SLOTS:
         }
         QTRY_VERIFY_WITH_TIMEOUT(service.incoming().isEmpty(), 30000);
         QVERIFY(service.published().isEmpty());
+    }
+
+    // What is not a video, or empty, is refused before the sheet opens; so is
+    // an option value that makes no sense, naming the fault.
+    void theHostRefusesWhatItCannotPublish_data()
+    {
+        QTest::addColumn<QByteArray>("content");
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QStringList>("options");
+        QTest::addColumn<QString>("message");
+        QTest::newRow("an empty file")
+            << QByteArray() << u"empty.mp4"_s << QStringList() << u"the file is empty"_s;
+        QTest::newRow("a text file") << QByteArray("# Notes\n\nNot a video at all.\n")
+                                     << u"README.md"_s << QStringList() << u"not a video"_s;
+        QTest::newRow("a bad upload mode")
+            << QByteArray(4096, 'x') << u"clip.mp4"_s << QStringList{u"--upload-mode"_s, u"fast"_s}
+            << u"--upload-mode \"fast\""_s;
+        QTest::newRow("a bad byte count")
+            << QByteArray(4096, 'x') << u"clip.mp4"_s << QStringList{u"--memory-limit"_s, u"lots"_s}
+            << u"--memory-limit \"lots\""_s;
+    }
+    void theHostRefusesWhatItCannotPublish()
+    {
+        QFETCH(QByteArray, content);
+        QFETCH(QString, name);
+        QFETCH(QStringList, options);
+        QFETCH(QString, message);
+        QTemporaryDir data;
+        Service service(data.path());
+        QVERIFY(service.start());
+        const QString path = m_files.filePath(name);
+        QFile file(path);
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(content);
+        file.close();
+        const HostRun run = runHost(service, path, options);
+        QVERIFY2(run.exitCode == kUsage, qPrintable(run.output));
+        QVERIFY2(run.output.contains(message), qPrintable(run.output));
+        QVERIFY2(!run.output.contains(u"Usage:"_s), qPrintable(run.output)); // not the whole help
+        QVERIFY(service.published().isEmpty());
+    }
+
+    // With nothing listening at the service's address the user is told that
+    // the service cannot be reached, not that the password is wrong.
+    void anUnreachableServiceIsNotAWrongPassword()
+    {
+        QTemporaryDir data;
+        Service service(data.path());
+        QVERIFY(service.start());
+        const QString url = service.url();
+        service.stop(); // its port now refuses connections
+        const QString video = m_files.filePath(u"unreachable.mp4"_s);
+        writeRandomFile(video, 64 * 1024);
+        const HostRun run = runHost(service, video, {});
+        QVERIFY2(run.exitCode == kCancelled, qPrintable(run.output));
+        QVERIFY2(run.output.contains(u"could not be reached at "_s + url), qPrintable(run.output));
+        QVERIFY2(!run.output.contains(u"did not accept"_s), qPrintable(run.output));
+        QVERIFY2(run.output.contains(u"gives up and cancels"_s), qPrintable(run.output));
     }
 
 private:

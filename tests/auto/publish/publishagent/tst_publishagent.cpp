@@ -4,7 +4,10 @@
 #include "publish/ZDPublishAgent.h"
 #include "toolkit/ZDDevice.h"
 
+#include <QLabel>
 #include <QTest>
+
+#include <limits>
 
 namespace {
 
@@ -24,12 +27,12 @@ public:
     qint64 estimatedHDUploadBytes() override
     {
         calls << u"HD"_s;
-        return 48 * 1024 * 1024;
+        return hdBytes;
     }
     qint64 estimatedSDUploadBytes() override
     {
         calls << u"SD"_s;
-        return 12 * 1024 * 1024;
+        return sdBytes;
     }
     void setChosenOption(int option) override { calls << u"option:%1"_s.arg(option); }
     void confirmPublishing() override { calls << u"confirm"_s; }
@@ -54,6 +57,8 @@ public:
     }
 
     QStringList calls;
+    qint64 hdBytes = 48 * 1024 * 1024;
+    qint64 sdBytes = 12 * 1024 * 1024;
 
 private:
     TestAuthenticator *m_auth;
@@ -85,6 +90,8 @@ private Q_SLOTS:
     void progressAndOutcomeReachTheHost();
     void aJobWhoseDelegateIsGoneReportsNowhere();
     void aSecondFormIsAFault();
+    void estimatesBeyond32BitsSaturateAndShowAsALeast_data();
+    void estimatesBeyond32BitsSaturateAndShowAsALeast();
 };
 
 void tst_PublishAgent::buildsOneFormWithTheHostsSizesHDFirst()
@@ -188,6 +195,46 @@ void tst_PublishAgent::aSecondFormIsAFault()
     QVERIFY2(
         diedSaying(outcome, {"!_publishViewController", "ZDPublishAgent::navigationController"}),
         outcome.stderrText.constData());
+}
+
+void tst_PublishAgent::estimatesBeyond32BitsSaturateAndShowAsALeast_data()
+{
+    QTest::addColumn<qint64>("estimate");
+    QTest::addColumn<qint32>("size");
+    QTest::addColumn<QString>("shown");
+    constexpr qint64 GiB = 1024LL * 1024 * 1024;
+    QTest::newRow("12 MiB") << 12 * 1024 * 1024LL << 12 * 1024 * 1024
+                            << L("SIZE_FORMAT_PARENS").arg(u"12.0 MB"_s);
+    QTest::newRow("just under 2 GiB")
+        << 2 * GiB - 2 << qint32(2 * GiB - 2) << L("SIZE_FORMAT_PARENS").arg(u"2.0 GB"_s);
+    QTest::newRow("3 GiB") << 3 * GiB << std::numeric_limits<qint32>::max()
+                           << L("SIZE_OR_MORE_FORMAT_PARENS").arg(u"2.0 GB"_s);
+    QTest::newRow("5 GiB, which wraps to 1 GiB")
+        << 5 * GiB << std::numeric_limits<qint32>::max()
+        << L("SIZE_OR_MORE_FORMAT_PARENS").arg(u"2.0 GB"_s);
+}
+
+void tst_PublishAgent::estimatesBeyond32BitsSaturateAndShowAsALeast()
+{
+    QFETCH(qint64, estimate);
+    QFETCH(qint32, size);
+    QFETCH(QString, shown);
+    QLocale::setDefault(QLocale::c());
+    TestAuthenticator auth;
+    auth.setSignedIn(u"Ann"_s);
+    RecordingAgent agent(&auth);
+    agent.hdBytes = estimate;
+    agent.sdBytes = estimate;
+    QWidget *window = agent.navigationController()->view();
+    window->resize(320, 480);
+    window->show();
+    QVERIFY(QTest::qWaitForWindowExposed(window));
+    auto *form = static_cast<TestForm *>(agent.publishViewController());
+    QCOMPARE(form->SDSize(), size);
+    QCOMPARE(form->HDSize(), size);
+    QCOMPARE(form->optionCell(0)->sizeLabel()->text(), shown);
+    QVERIFY(!shown.isEmpty());
+    QLocale::setDefault(QLocale::system());
 }
 
 QTEST_MAIN(tst_PublishAgent)

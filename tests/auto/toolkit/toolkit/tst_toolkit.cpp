@@ -163,6 +163,10 @@ private Q_SLOTS:
     void scrollingToAMiddleRowAndTheBottomInset();
     void draggingTheTableIsReported();
     void tableNeverDeletesTheCellsItShows();
+    void aChosenRowShowsACheckmarkAndBlueTextUntilUnchosen();
+    void theScrollRangeFollowsRowsHeightsAndTheInset();
+    void aTapOnARowLeavesTheFocusWhereItIs();
+    void longTitlesElideAndLongAlertTextsWrapWithinTheWindow();
     void alertButtonsReportTheirIndexAndTheAlertGoesAway();
     void alertReturnKeyRunsTheActionWhileItsTargetLives();
     void deviceKindOrientationsAndURLs();
@@ -363,10 +367,13 @@ void tst_Toolkit::scrollingToAMiddleRowAndTheBottomInset()
     QCOMPARE(window.table->contentWidget()->height(), before + 216);
     window.table->scrollToRowAtIndexPath({0, 15}, ZDTableView::ScrollPosition::Middle, false);
     const QRect row = window.table->rectForRowAtIndexPath({0, 15});
+    // The middle of what the inset leaves visible.
     QCOMPARE(window.table->contentOffset(),
-             row.center().y() - window.table->viewport()->height() / 2);
+             row.center().y() - (window.table->viewport()->height() - 216) / 2);
     window.table->scrollToRowAtIndexPath({0, 0}, ZDTableView::ScrollPosition::Middle, true);
-    QTRY_COMPARE(window.table->contentOffset(), 0);
+    const QRect first = window.table->rectForRowAtIndexPath({0, 0});
+    QTRY_COMPARE(window.table->contentOffset(),
+                 qMax(0, first.center().y() - (window.table->viewport()->height() - 216) / 2));
 }
 
 void tst_Toolkit::draggingTheTableIsReported()
@@ -400,6 +407,137 @@ void tst_Toolkit::tableNeverDeletesTheCellsItShows()
     // The table is gone; the cells are still ours, unparented.
     QCOMPARE(rows.cells[0][0]->parent(), nullptr);
     rows.cells[0][0]->textLabel()->setText(u"still alive"_s);
+}
+
+void tst_Toolkit::aChosenRowShowsACheckmarkAndBlueTextUntilUnchosen()
+{
+    ZDTableViewCell cell;
+    cell.resize(300, 44);
+    cell.textLabel()->setText(u"Public"_s);
+    const auto textColour = [&cell] {
+        return cell.textLabel()->palette().color(QPalette::Active, QPalette::WindowText);
+    };
+    const auto paintedBlue = [&cell] {
+        const QImage image = cell.grab().toImage();
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = image.width() - 40; x < image.width(); ++x)
+                if (image.pixelColor(x, y).blue() > 100 && image.pixelColor(x, y).red() < 120)
+                    return true;
+        return false;
+    };
+    QVERIFY(!paintedBlue());
+    cell.setChosen(true);
+    QVERIFY(cell.isChosen());
+    QCOMPARE(cell.accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+    QCOMPARE(textColour(), QColor(0x38, 0x54, 0x87));
+    QVERIFY(paintedBlue()); // the checkmark at the right
+    // The highlight turns the text white and gives the blue back after.
+    cell.setHighlighted(true);
+    QCOMPARE(textColour(), QColor(Qt::white));
+    cell.setHighlighted(false);
+    QCOMPARE(textColour(), QColor(0x38, 0x54, 0x87));
+    cell.setChosen(false);
+    QCOMPARE(cell.accessoryType(), ZDTableViewCell::Accessory::None);
+    QCOMPARE(textColour(), QColor(Qt::black));
+    QVERIFY(!paintedBlue());
+}
+
+void tst_Toolkit::theScrollRangeFollowsRowsHeightsAndTheInset()
+{
+    Rows rows({3});
+    Window window(rows, QSize(320, 300));
+    QScrollBar *bar = window.table->verticalScrollBar();
+    const auto reachesTheEnd = [&] {
+        return bar->maximum() == qMax(0, window.table->contentWidget()->height() -
+                                             window.table->viewport()->height());
+    };
+    QVERIFY(reachesTheEnd());
+    const int before = bar->maximum();
+    for (int r = 3; r < 20; ++r)
+        rows.cells[0].push_back(Rows::makeCell(0, r));
+    QList<ZDIndexPath> added;
+    for (int r = 3; r < 20; ++r)
+        added << ZDIndexPath{0, r};
+    window.table->insertRowsAtIndexPaths(added, ZDTableView::RowAnimation::None);
+    QVERIFY(bar->maximum() > before);
+    QVERIFY(reachesTheEnd());
+    rows.tallRow = 600;
+    window.table->beginUpdates();
+    window.table->endUpdates();
+    QVERIFY(reachesTheEnd());
+    window.table->setContentInsetBottom(216);
+    QVERIFY(reachesTheEnd());
+    window.table->scrollToRowAtIndexPath({0, 19}, ZDTableView::ScrollPosition::Bottom, false);
+    QCOMPARE(window.table->contentOffset(), window.table->rectForRowAtIndexPath({0, 19}).bottom() -
+                                                (window.table->viewport()->height() - 216));
+    window.table->setContentInsetBottom(0);
+    rows.cells[0].resize(3);
+    window.table->deleteRowsAtIndexPaths(added, ZDTableView::RowAnimation::None);
+    QVERIFY(reachesTheEnd());
+}
+
+void tst_Toolkit::aTapOnARowLeavesTheFocusWhereItIs()
+{
+    Rows rows({3});
+    Window window(rows);
+    auto *field = new QLineEdit(&window.widget);
+    field->show();
+    window.widget.activateWindow();
+    field->setFocus();
+    QTRY_VERIFY(field->hasFocus());
+    window.click({0, 2});
+    QCOMPARE(rows.selected.size(), 1);
+    QVERIFY(rows.selected.front() == (ZDIndexPath{0, 2}));
+    QVERIFY(field->hasFocus());
+    QVERIFY(window.table->focusPolicy() & Qt::TabFocus); // still reached by keyboard
+}
+
+void tst_Toolkit::longTitlesElideAndLongAlertTextsWrapWithinTheWindow()
+{
+    CountingController root;
+    const QString title = u"Ein Video ver\u00f6ffentlichen und mit allen teilen"_s;
+    root.navigationItem()->setTitle(title);
+    root.navigationItem()->setRightBarButtonItem(std::make_unique<ZDBarButtonItem>(
+        u"Ver\u00f6ffentlichen"_s, ZDBarButtonItem::Style::Done, [] {}));
+    root.navigationItem()->setLeftBarButtonItem(
+        std::make_unique<ZDBarButtonItem>(ZDBarButtonItem::SystemItem::Cancel, [] {}));
+    ZDNavigationController navigation(&root);
+    QWidget *window = navigation.view();
+    window->resize(320, 480);
+    window->show();
+    QVERIFY(QTest::qWaitForWindowExposed(window));
+    // The texts do not set the window's size.
+    QCOMPARE(window->width(), 320);
+    QVERIFY(window->minimumSizeHint().width() <= 320);
+    QLabel *label = navigation.titleLabel();
+    QVERIFY(label->text().endsWith(QChar(0x2026)));
+    QVERIFY(label->fontMetrics().horizontalAdvance(label->text()) <= label->width());
+    QVERIFY(label->geometry().left() > navigation.leftButton()->geometry().right());
+    QVERIFY(label->geometry().right() < navigation.rightButton()->geometry().left());
+    QCOMPARE(label->accessibleName(), title);
+    // Wider, the whole title shows.
+    window->resize(700, 480);
+    QTRY_COMPARE(label->text(), title);
+
+    window->resize(320, 480);
+    auto *alert =
+        new ZDAlertView(u"Anmeldung fehlgeschlagen \u2014 bitte noch einmal versuchen"_s,
+                        u"Benutzername oder Passwort sind falsch, oder der Dienst ist gerade nicht "
+                        u"erreichbar. Bitte pr\u00fcfen Sie beides und versuchen Sie es erneut."_s,
+                        nullptr, u"OK"_s);
+    alert->show(window);
+    QCOMPARE(window->width(), 320);
+    const QWidget *box = alert->findChild<QWidget *>(u"alertBox"_s);
+    QVERIFY(box);
+    QVERIFY(QRect(QPoint(0, 0), window->size())
+                .contains(QRect(box->mapTo(window, QPoint(0, 0)), box->size())));
+    for (const QLabel *text : box->findChildren<QLabel *>()) {
+        QVERIFY(text->heightForWidth(text->width()) <= text->height());
+        QVERIFY(box->rect().contains(text->geometry()));
+    }
+    const QPushButton *ok = alert->buttonAtIndex(0);
+    QVERIFY(box->rect().contains(ok->geometry()));
+    alert->dismissWithClickedButtonIndex(0, false);
 }
 
 void tst_Toolkit::alertButtonsReportTheirIndexAndTheAlertGoesAway()
@@ -530,8 +668,50 @@ void tst_Toolkit::rendersAGroupedScreenWithAnAlert()
     alert->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
     alert->show(window);
     QTest::qWait(300);
+    const QImage image = window->grab().toImage();
     const QString path = QCoreApplication::applicationDirPath() + u"/toolkit-phone.png"_s;
-    QVERIFY(window->grab().save(path));
+    QVERIFY(image.save(path));
+    // What the picture must show, read back from its pixels.
+    const auto at = [&](const QWidget *widget, QPoint point) {
+        return image.pixelColor(widget->mapTo(window, point));
+    };
+    const auto near = [](QColor a, QColor b) {
+        return qAbs(a.red() - b.red()) + qAbs(a.green() - b.green()) + qAbs(a.blue() - b.blue()) <
+               24;
+    };
+    // Under the alert's veil (black at 110 of 255) every colour is darker.
+    const auto dimmed = [](QColor c) {
+        return QColor(c.red() * 145 / 255, c.green() * 145 / 255, c.blue() * 145 / 255);
+    };
+    const QWidget *bar = window->findChild<QWidget *>(u"navigationBar"_s);
+    QVERIFY(bar);
+    QVERIFY2(near(at(bar, QPoint(bar->width() / 2, 3)), dimmed(QColor(0x6d, 0x84, 0xa2))),
+             "the bar's colour");
+    const QWidget *rowsView = screen.table->contentWidget();
+    const auto rowRect = [&](ZDIndexPath ip) { return screen.table->rectForRowAtIndexPath(ip); };
+    // The grey background beside the groups, a white row, the selected row's blue.
+    QVERIFY2(near(at(rowsView, QPoint(3, rowRect({0, 0}).center().y())),
+                  dimmed(QColor(0xd8, 0xdc, 0xe3))),
+             "the grouped background");
+    QVERIFY2(near(at(rowsView, QPoint(rowRect({1, 1}).center().x(), rowRect({1, 1}).top() + 4)),
+                  dimmed(Qt::white)),
+             "a plain row");
+    const QColor selected =
+        at(rowsView, QPoint(rowRect({2, 0}).right() - 20, rowRect({2, 0}).center().y()));
+    QVERIFY2(selected.blue() > selected.red() + 60, "the selected row's blue");
+    // The checkmark of the chosen row, at its right.
+    const QRect chosen = rowRect({1, 1});
+    bool checkmark = false;
+    for (int x = chosen.right() - 30; x < chosen.right(); ++x)
+        for (int y = chosen.top(); y < chosen.bottom(); ++y)
+            checkmark |= near(at(rowsView, QPoint(x, y)), dimmed(QColor(0x38, 0x54, 0x87)));
+    QVERIFY2(checkmark, "the checkmark");
+    // The alert's dark blue box with its two fields in white.
+    const QWidget *box = alert->findChild<QWidget *>(u"alertBox"_s);
+    QVERIFY(box);
+    const QColor boxColour = at(box, QPoint(box->width() / 2, 4));
+    QVERIFY2(boxColour.blue() > 60 && boxColour.red() < 80, "the alert's box");
+    QCOMPARE(at(alert->textFieldAtIndex(1), QPoint(20, 10)), QColor(Qt::white));
     alert->dismissWithClickedButtonIndex(0, false);
 }
 

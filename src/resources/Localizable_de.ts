@@ -71,5 +71,37 @@
         <source>TERMS_OF_USE</source>
         <translation>Nutzungsbedingungen</translation>
     </message>
+    <message>
+        <source>USER_NAME</source>
+        <translation>Benutzername</translation>
+    </message>
+    <message>
+        <source>PASSWORD</source>
+        <translation>Passwort</translation>
+    </message>
+    <message>
+        <source>KEY_SHIFT</source>
+        <translation>Umschalt</translation>
+    </message>
+    <message>
+        <source>KEY_DELETE</source>
+        <translation>Löschen</translation>
+    </message>
+    <message>
+        <source>KEY_COMMA</source>
+        <translation>Komma</translation>
+    </message>
+    <message>
+        <source>KEY_SPACE</source>
+        <translation>Leerzeichen</translation>
+    </message>
+    <message>
+        <source>KEY_RETURN</source>
+        <translation>Eingabe</translation>
+    </message>
+    <message>
+        <source>KEY_SPLIT</source>
+        <translation>Tastatur teilen</translation>
+    </message>
 </context>
 </TS>

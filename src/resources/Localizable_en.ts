@@ -75,5 +75,37 @@
         <source>TERMS_OF_USE</source>
         <translation>Terms of Use</translation>
     </message>
+    <message>
+        <source>USER_NAME</source>
+        <translation>User name</translation>
+    </message>
+    <message>
+        <source>PASSWORD</source>
+        <translation>Password</translation>
+    </message>
+    <message>
+        <source>KEY_SHIFT</source>
+        <translation>Shift</translation>
+    </message>
+    <message>
+        <source>KEY_DELETE</source>
+        <translation>Delete</translation>
+    </message>
+    <message>
+        <source>KEY_COMMA</source>
+        <translation>Comma</translation>
+    </message>
+    <message>
+        <source>KEY_SPACE</source>
+        <translation>Space</translation>
+    </message>
+    <message>
+        <source>KEY_RETURN</source>
+        <translation>Return</translation>
+    </message>
+    <message>
+        <source>KEY_SPLIT</source>
+        <translation>Split keyboard</translation>
+    </message>
 </context>
 </TS>

@@ -93,7 +93,7 @@ std::optional<ZDCellList> DemoPublishViewController::accessCells()
 
 QString DemoPublishViewController::videoAccess() const
 {
-    return accessValues().value(qsizetype(m_accessRow), accessValues().constFirst());
+    return accessValues().value(qsizetype(accessRow()), accessValues().constFirst());
 }
 
 ZDAlertView *DemoPublishViewController::accountAlert()

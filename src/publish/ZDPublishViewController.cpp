@@ -5,6 +5,7 @@
 #include "core/ZDNotificationCenter.h"
 #include "host/FileSizeFormatter.h"
 #include "publish/ZDFooterContainerView.h"
+#include "publish/ZDFormKeyboardRoom_p.h"
 #include "resources/ZDLocalizedString.h"
 #include "toolkit/ZDDevice.h"
 #include "toolkit/ZDKeyboard.h"
@@ -12,7 +13,6 @@
 #include <QApplication>
 #include <QLabel>
 #include <QLineEdit>
-#include <QPropertyAnimation>
 #include <QPushButton>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -31,14 +31,6 @@ constexpr qreal kRowHeight = 40.0;
 constexpr qreal kAccessRowHeight = 52.0;
 constexpr qreal kInitialDescriptionHeight = 120.0;
 constexpr qreal kLogoMargin = 15.0;
-// The room the picker takes on a tablet, and the keyboard's on a phone.
-constexpr qreal kTabletPickerHeight = 216.0;
-constexpr qreal kFooterPadding = 10.0;
-
-QColor blueText()
-{
-    return QColor(0x38, 0x54, 0x87);
-}
 
 // The view above the first section. It lends the form's logo image view and
 // gives it back before it goes, so the table may delete it at will.
@@ -80,7 +72,14 @@ bool ZDDescriptionRowShouldResize(float current, float target)
 
 // --- construction and teardown ---------------------------------------------------
 
-ZDPublishViewController::ZDPublishViewController(QObject *parent) : ZDViewController(parent)
+ZDPublishViewController::ZDPublishViewController(QObject *parent)
+    : ZDViewController(parent),
+      m_room(std::make_unique<ZDFormKeyboardRoom>(this, [this]() -> std::optional<ZDIndexPath> {
+          // Only the first tag row is looked at.
+          if (m_tableView && !m_tagCells.empty() && m_tagCells.front()->isFirstResponder())
+              return m_tableView->indexPathForCell(m_tagCells.front().get());
+          return std::nullopt;
+      }))
 {
     auto &center = ZDNotificationCenter::defaultCenter();
     center.addObserver(this, ZDKeyboardDidShowNotification, nullptr,
@@ -113,7 +112,7 @@ void ZDPublishViewController::_finishConstruction()
 ZDPublishViewController::~ZDPublishViewController()
 {
     ZDNotificationCenter::defaultCenter().removeObserver(this);
-    delete m_pickerContainer; // the picker goes with it
+    m_room.reset(); // the wheel goes with it
     // The cells go before the view (deleted by the base) that shows them; the
     // table lets go of them as they go.
 }
@@ -167,8 +166,6 @@ QWidget *ZDPublishViewController::loadView()
     _finishConstruction(); // for a form made without create()
     QWidget *view = ZDViewController::loadView();
     m_descriptionHeight = kInitialDescriptionHeight;
-    if (m_pickerContainer) // a wheel made before an unload waits below the edge
-        m_pickerContainer->setParent(view);
 
     m_tableView = new ZDTableView(view);
     auto *layout = new QVBoxLayout(view);
@@ -219,6 +216,7 @@ QWidget *ZDPublishViewController::loadView()
     connect(m_footerContainer->termsButton(), &QPushButton::clicked, this,
             &ZDPublishViewController::_termsButtonPressed);
     m_tableView->setTableFooterView(m_footerContainer.get());
+    m_room->attach(view, m_tableView, m_footerContainer.get());
     m_tableView->reloadData();
 
     if (m_accessCells && !m_accessCells->empty())
@@ -229,10 +227,8 @@ QWidget *ZDPublishViewController::loadView()
 void ZDPublishViewController::didReceiveMemoryWarning()
 {
     // The wheel outlives an unloaded view: take it out before the view goes.
-    if (isViewLoaded() && !view()->isVisible() && m_pickerContainer) {
-        m_pickerContainer->hide();
-        m_pickerContainer->setParent(nullptr);
-    }
+    if (isViewLoaded() && !view()->isVisible())
+        m_room->keepWheelThroughUnload();
     ZDViewController::didReceiveMemoryWarning();
 }
 
@@ -297,7 +293,7 @@ std::optional<ZDCategory> ZDPublishViewController::videoCategory()
     if (!all)
         return std::nullopt;
     // Before the wheel is made its selected row reads as 0.
-    const int row = m_picker ? m_picker->selectedRowInComponent(0) : 0;
+    const int row = picker() ? picker()->selectedRowInComponent(0) : 0;
     return row >= 0 && row < all->size() ? std::optional(all->at(row)) : std::nullopt;
 }
 
@@ -465,7 +461,7 @@ ZDTableViewCell *ZDPublishViewController::tableViewCellForRowAtIndexPath(ZDTable
 void ZDPublishViewController::prepareOptionCell(int row)
 {
     EditableTextCell *cell = m_optionCells[size_t(row)].get();
-    QColor colour = row == m_selectedOption ? blueText() : QColor(Qt::black);
+    cell->setChosen(row == m_selectedOption);
     const QString format = L("SIZE_FORMAT_PARENS");
     if (row != 0) {
         cell->mainLabel()->setText(L("HD"));
@@ -476,15 +472,12 @@ void ZDPublishViewController::prepareOptionCell(int row)
             // The raw key on screen is what services expect here.
             cell->sizeLabel()->setText(QStringLiteral("REQUIRES_WIFI"));
             cell->setUserInteractionEnabled(false);
-            colour = QColor::fromRgbF(0.7f, 0.7f, 0.7f, 1.0f);
+            cell->setTextColor(QColor::fromRgbF(0.7f, 0.7f, 0.7f, 1.0f));
         }
     } else {
         cell->mainLabel()->setText(L("STANDARD_DEFINITION"));
         cell->sizeLabel()->setText(format.arg(FileSizeFormatter(float(m_SDSize), 1)));
     }
-    cell->setTextColor(colour);
-    cell->setAccessoryType(row == m_selectedOption ? ZDTableViewCell::Accessory::Checkmark
-                                                   : ZDTableViewCell::Accessory::None);
 }
 
 QString ZDPublishViewController::tableViewTitleForFooterInSection(ZDTableView *, int section)
@@ -542,25 +535,17 @@ void ZDPublishViewController::tableViewDidSelectRowAtIndexPath(ZDTableView *tabl
     } else if (section == s.title) {
         (row == 0 ? m_titleCell : m_descriptionCell)->becomeFirstResponder();
     } else if (section == s.hd) {
-        EditableTextCell *old = m_optionCells[size_t(m_selectedOption)].get();
-        old->setAccessoryType(ZDTableViewCell::Accessory::None);
-        old->setTextColor(Qt::black);
+        m_optionCells[size_t(m_selectedOption)]->setChosen(false);
         tableView->deselectRowAtIndexPath(indexPath, true);
-        m_optionCells[size_t(row)]->setAccessoryType(ZDTableViewCell::Accessory::Checkmark);
-        m_optionCells[size_t(row)]->setTextColor(blueText());
+        m_optionCells[size_t(row)]->setChosen(true);
         m_selectedOption = row;
         if (!ZDDevice::isTablet())
             orderOutKeyboard();
     } else if (section == s.access) {
-        if (m_accessRow < m_accessCells->size()) {
-            ZDTableViewCell *old = (*m_accessCells)[m_accessRow].get();
-            old->setAccessoryType(ZDTableViewCell::Accessory::None);
-            old->setTextColor(Qt::black);
-        }
+        if (m_accessRow < m_accessCells->size())
+            (*m_accessCells)[m_accessRow]->setChosen(false);
         tableView->deselectRowAtIndexPath(indexPath, true);
-        ZDTableViewCell *chosen = (*m_accessCells)[size_t(row)].get();
-        chosen->setAccessoryType(ZDTableViewCell::Accessory::Checkmark);
-        chosen->setTextColor(blueText());
+        (*m_accessCells)[size_t(row)]->setChosen(true);
         m_accessRow = quintptr(row);
         if (!ZDDevice::isTablet())
             orderOutKeyboard();
@@ -675,66 +660,34 @@ void ZDPublishViewController::tagCellEndOfTagCharacterPressed(EditableTagCell *)
         m_tableView->scrollToRowAtIndexPath(*indexPath, ZDTableView::ScrollPosition::Middle, true);
 }
 
-namespace {
-
-void slide(QWidget *widget, const QRect &to)
+ZDPickerView *ZDPublishViewController::picker() const
 {
-    auto *animation = new QPropertyAnimation(widget, "geometry", widget);
-    animation->setDuration(int(ZDDevice::kNavigationTransitionDuration * 1000));
-    animation->setStartValue(widget->geometry());
-    animation->setEndValue(to);
-    animation->setEasingCurve(QEasingCurve::InOutQuad);
-    animation->start(QAbstractAnimation::DeleteWhenStopped);
+    return m_room->picker();
 }
 
-} // namespace
+QWidget *ZDPublishViewController::pickerContainer() const
+{
+    return m_room->pickerContainer();
+}
+
+bool ZDPublishViewController::isShowingPicker() const
+{
+    return m_room->isShowingPicker();
+}
+
+bool ZDPublishViewController::isViewShrunk() const
+{
+    return m_room->isShrunk();
+}
 
 void ZDPublishViewController::_showPicker()
 {
-    QWidget *form = view();
-    const QSize bounds = form->size();
-    // Where the keyboard would stand: the keyboard's size on a phone, 216 points
-    // high across the view on a tablet.
-    const QSize size = ZDDevice::isTablet() ? QSize(bounds.width(), int(kTabletPickerHeight))
-                                            : ZDKeyboard::defaultSize(bounds.width()).toSize();
-    const QRect resting(0, bounds.height() - size.height(), size.width(), size.height());
-    if (!m_picker) {
-        m_pickerContainer = new QWidget(form);
-        m_pickerContainer->setAutoFillBackground(true);
-        QPalette palette = m_pickerContainer->palette();
-        palette.setColor(QPalette::Window, Qt::white);
-        m_pickerContainer->setPalette(palette);
-        m_pickerContainer->setGeometry(resting);
-        m_picker = new ZDPickerView(m_pickerContainer);
-        m_picker->setGeometry(0, 0, size.width(), size.height());
-        m_picker->setDelegate(this);
-        m_picker->setShowsSelectionIndicator(true);
-        m_pickerContainer->show();
-    }
-    m_pickerContainer->raise();
-    if (m_showingPicker)
-        return;
-    m_pickerContainer->setGeometry(resting.translated(0, size.height()));
-    m_picker->resize(size.width(), size.height()); // follows the container's width only
-    _shrinkView();
-    m_showingPicker = true;
-    slide(m_pickerContainer, resting);
-    m_tableView->scrollToRowAtIndexPath({int(m_sectionIndices.category), 0},
-                                        ZDTableView::ScrollPosition::Middle, true);
+    m_room->showPicker({int(m_sectionIndices.category), 0});
 }
 
 void ZDPublishViewController::_hidePicker()
 {
-    if (!m_showingPicker)
-        return;
-    if (m_tableView)
-        m_tableView->deselectRowAtIndexPath({int(m_sectionIndices.category), 0}, true);
-    if (m_pickerContainer) {
-        const QRect from = m_pickerContainer->geometry();
-        slide(m_pickerContainer, from.translated(0, from.height()));
-    }
-    m_showingPicker = false;
-    _unshrinkView();
+    m_room->hidePicker({int(m_sectionIndices.category), 0});
 }
 
 int ZDPublishViewController::numberOfComponentsInPickerView(ZDPickerView *)
@@ -779,67 +732,29 @@ void ZDPublishViewController::pickerViewDidSelectRowInComponent(ZDPickerView *pi
 
 void ZDPublishViewController::_shrinkView()
 {
-    if (m_viewShrunk || !m_tableView)
-        return;
-    m_tableView->setContentInsetBottom(
-        ZDDevice::isTablet() ? kTabletPickerHeight : float(ZDKeyboard::defaultSize(0).height()));
-    // Only the first tag row is looked at.
-    if (!m_tagCells.empty() && m_tagCells.front()->isFirstResponder()) {
-        if (const auto indexPath = m_tableView->indexPathForCell(m_tagCells.front().get()))
-            m_tableView->scrollToRowAtIndexPath(*indexPath, ZDTableView::ScrollPosition::Middle,
-                                                true);
-    }
-    m_viewShrunk = true;
+    m_room->shrink();
 }
 
 void ZDPublishViewController::_unshrinkView()
 {
-    if (!m_viewShrunk)
-        return;
-    if (m_tableView)
-        m_tableView->setContentInsetBottom(0);
-    m_viewShrunk = false;
+    m_room->unshrink();
 }
 
 void ZDPublishViewController::_footerFrameDidChangeWithSplitKeyboard(bool splitKeyboard)
 {
-    if (!m_footerContainer || !m_tableView)
-        return;
-    const QRect frame = m_footerContainer->geometry();
-    const QPushButton *button = m_footerContainer->termsButton();
-    int height = int((button ? button->height() : 0) + kFooterPadding);
-    // On a tablet the footer grows by the depth the keyboard's top edge reaches
-    // into the view, so every row can still be scrolled above the keyboard.
-    const ZDKeyboard &keyboard = ZDKeyboard::shared();
-    if (ZDDevice::isTablet() && keyboard.isAutomaticKeyboardOnScreen() && !splitKeyboard) {
-        const QRect keys = keyboard.keyboardFrameInWindow();
-        if (keys.isValid()) {
-            const QWidget *form = view();
-            height += form->height() - form->mapFrom(form->window(), keys.topLeft()).y();
-        }
-    }
-    m_footerContainer->setFrameBypassDelegate(QRect(frame.x(), frame.y(), frame.width(), height),
-                                              true);
-    m_tableView->setTableFooterView(m_footerContainer.get());
+    m_room->sizeFooter(splitKeyboard);
 }
 
 void ZDPublishViewController::_automaticKeyboardDidShow(const ZDNotification &)
 {
-    if (ZDDevice::isTablet())
-        _footerFrameDidChangeWithSplitKeyboard(false);
-    else
-        _shrinkView();
+    m_room->keyboardDidShow();
 }
 
 void ZDPublishViewController::_automaticKeyboardDidHide(const ZDNotification &notification)
 {
-    if (ZDDevice::isTablet()) {
-        // The split flag is read under a key that no notification sets, so it is
-        // always false: the footer is sized as for a whole keyboard.
-        _footerFrameDidChangeWithSplitKeyboard(notification.userInfo.value(QString()).toBool());
-    } else if (!m_showingPicker) {
-        _unshrinkView(); // the picker still needs the room while it is up
-    }
+    // The split flag is read under a key that no notification sets, so it is
+    // always false: a tablet's footer is sized as for a whole keyboard.
+    m_room->keyboardDidHide(notification.userInfo.value(QString()).toBool());
 }
 
 void ZDPublishViewController::resignResponder()
@@ -848,7 +763,7 @@ void ZDPublishViewController::resignResponder()
         if (QWidget *focus = view()->window()->focusWidget())
             focus->clearFocus();
     }
-    _unshrinkView();
+    m_room->unshrink();
 }
 
 void ZDPublishViewController::orderOutKeyboard()

@@ -21,6 +21,7 @@
 class QLabel;
 class ZDAuthenticator;
 class ZDFooterContainerView;
+class ZDFormKeyboardRoom;
 class ZDPublishViewController;
 struct ZDNotification;
 
@@ -184,9 +185,14 @@ public:
     ZDAlertView *authenticationAlert() const { return m_authenticationAlert; }
     ZDAlertView *shownAccountAlert() const { return m_accountAlert; }
     ZDAlertView *authenticationFailedAlert() const { return m_authenticationFailedAlert; }
-    ZDPickerView *picker() const { return m_picker; }
-    QWidget *pickerContainer() const { return m_pickerContainer; }
-    bool isShowingPicker() const { return m_showingPicker; }
+    ZDPickerView *picker() const;
+    QWidget *pickerContainer() const;
+    bool isShowingPicker() const;
+    // The table is shortened for the keyboard or the category wheel.
+    bool isViewShrunk() const;
+    // The index of the chosen access row (the first one until the user taps
+    // another); meaningless while the service supplies no access rows.
+    quintptr accessRow() const { return m_accessRow; }
 
     void _finishConstruction();
 
@@ -221,10 +227,6 @@ protected:
 
     // The form's fields; a service subclass may read them.
     QPointer<ZDTableView> m_tableView;
-    QPointer<ZDPickerView> m_picker;
-    QPointer<QWidget> m_pickerContainer; // kept across view unloads
-    bool m_viewShrunk = false;
-    bool m_showingPicker = false;
     std::unique_ptr<QLabel> m_headerImageView;
     std::unique_ptr<EditableTextCell> m_titleCell;
     std::unique_ptr<EditableTextCell> m_descriptionCell;
@@ -250,4 +252,7 @@ protected:
 private:
     void prepareOptionCell(int row);
     bool m_constructed = false;
+    // The keyboard's and the wheel's room at the foot of the view; it owns the
+    // wheel, which outlives view unloads.
+    std::unique_ptr<ZDFormKeyboardRoom> m_room;
 };

@@ -3,6 +3,7 @@
 #include "core/ZDNotificationCenter.h"
 #include "resources/ZDLocalizedString.h"
 #include "toolkit/ZDDevice.h"
+#include "toolkit/ZDSlide_p.h"
 #include "toolkit/ZDStyle_p.h"
 
 #include <QApplication>
@@ -296,11 +297,9 @@ void ZDKeyboard::slide(bool up)
     m_panel->show();
     m_panel->raise();
     delete m_animation; // a slide under way gives way to this one
-    auto *animation = new QPropertyAnimation(m_panel, "geometry", m_panel);
+    QPropertyAnimation *animation = zdSlide(m_panel, m_panel->geometry(), up ? resting : below,
+                                            ZDDevice::kKeyboardAnimationDuration);
     m_animation = animation;
-    animation->setDuration(int(ZDDevice::kKeyboardAnimationDuration * 1000));
-    animation->setStartValue(m_panel->geometry());
-    animation->setEndValue(up ? resting : below);
     connect(animation, &QPropertyAnimation::finished, this, [this, up, resting] {
         if (!up && m_panel)
             m_panel->hide();
@@ -308,5 +307,4 @@ void ZDKeyboard::slide(bool up)
             up ? ZDKeyboardDidShowNotification : ZDKeyboardDidHideNotification, this,
             {{QStringLiteral("frame"), resting}});
     });
-    animation->start(QAbstractAnimation::DeleteWhenStopped);
 }

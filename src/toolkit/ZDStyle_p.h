@@ -50,18 +50,15 @@ inline QColor selectionBottom()
 {
     return QColor(0x01, 0x5e, 0xe6);
 }
-// The blue of a chosen row's text.
-inline QColor cellBlueText()
+// The slate blue of a chosen row's text and checkmark and of a value cell's
+// detail text.
+inline QColor tableBlue()
 {
     return isDark() ? QColor(0x8a, 0xb4, 0xf8) : QColor(0x38, 0x54, 0x87);
 }
 inline QColor footerText()
 {
     return isDark() ? QColor(0xb0, 0xb6, 0xc2) : QColor(0x4c, 0x56, 0x6c);
-}
-inline QColor detailText()
-{
-    return cellBlueText();
 }
 inline QColor barTint()
 {

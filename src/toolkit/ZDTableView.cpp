@@ -2,6 +2,7 @@
 
 #include "toolkit/ZDAccessible_p.h"
 #include "toolkit/ZDDevice.h"
+#include "toolkit/ZDSlide_p.h"
 #include "toolkit/ZDStyle_p.h"
 #include "toolkit/ZDTableViewCell.h"
 
@@ -38,15 +39,10 @@ void animateGeometry(QWidget *widget, const QRect &from, const QRect &to,
         running->stop();
         delete running;
     }
-    auto *animation = new QPropertyAnimation(widget, "geometry", widget);
+    QPropertyAnimation *animation = zdSlide(widget, from, to, ZDDevice::kRowAnimationDuration);
     animation->setObjectName(QLatin1StringView(kRowAnimationName));
-    animation->setDuration(int(ZDDevice::kRowAnimationDuration * 1000));
-    animation->setStartValue(from);
-    animation->setEndValue(to);
-    animation->setEasingCurve(QEasingCurve::InOutQuad);
     if (done && context)
         QObject::connect(animation, &QPropertyAnimation::finished, context, std::move(done));
-    animation->start(QAbstractAnimation::DeleteWhenStopped);
 }
 
 } // namespace

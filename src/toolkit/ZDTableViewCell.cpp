@@ -38,6 +38,13 @@ void ZDTableViewCell::setAccessoryType(Accessory accessory)
     update();
 }
 
+void ZDTableViewCell::setChosen(bool chosen)
+{
+    m_chosen = chosen;
+    setTextColor(chosen ? zdstyle::tableBlue() : QColor(Qt::black));
+    setAccessoryType(chosen ? Accessory::Checkmark : Accessory::None);
+}
+
 void ZDTableViewCell::setHighlighted(bool highlighted)
 {
     if (m_fade)
@@ -94,7 +101,7 @@ void ZDTableViewCell::applyTextColors()
     };
     paint(m_textLabel, m_textColor);
     if (m_detailLabel)
-        paint(m_detailLabel, zdstyle::detailText());
+        paint(m_detailLabel, zdstyle::tableBlue());
 }
 
 void ZDTableViewCell::setGroupPosition(bool first, bool last)
@@ -152,7 +159,7 @@ void ZDTableViewCell::paintEvent(QPaintEvent *)
         painter.setOpacity(1);
     }
     if (m_accessory == Accessory::Checkmark) {
-        const QColor colour = m_highlight > 0 ? QColor(Qt::white) : zdstyle::cellBlueText();
+        const QColor colour = m_highlight > 0 ? QColor(Qt::white) : zdstyle::tableBlue();
         QPen pen(colour, 2.6, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin);
         painter.setPen(pen);
         const QPointF c(width() - zdstyle::kCellPadding - 9, height() / 2.0);

@@ -37,6 +37,13 @@ public:
     Accessory accessoryType() const { return m_accessory; }
     void setAccessoryType(Accessory accessory);
 
+    // The chosen row of a group of options (a quality, an access level) shows
+    // a checkmark and its text in the table's blue; an unchosen one has no
+    // accessory and black text. Setting it sets both, so a later
+    // setTextColor() (a greyed-out option) or setAccessoryType() wins.
+    bool isChosen() const { return m_chosen; }
+    void setChosen(bool chosen);
+
     // A cell that does not take touches is skipped by the table's selection.
     bool isUserInteractionEnabled() const { return m_interactive; }
     void setUserInteractionEnabled(bool enabled) { m_interactive = enabled; }
@@ -73,6 +80,7 @@ private:
     QLabel *m_detailLabel = nullptr;
     QColor m_textColor = Qt::black;
     Accessory m_accessory = Accessory::None;
+    bool m_chosen = false;
     bool m_interactive = true;
     bool m_showsSelection = true;
     qreal m_highlight = 0;

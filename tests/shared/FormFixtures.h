@@ -134,7 +134,6 @@ public:
     bool checkParametersAndWarn() override { return allowPublish; }
 
     // Fields a service subclass may read.
-    quintptr accessRow() const { return m_accessRow; }
     ZDTableViewCell *accessCell(size_t i) const { return (*m_accessCells)[i].get(); }
     EditableTextCell *optionCell(size_t i) const { return m_optionCells[i].get(); }
     EditableTextCell *titleCell() const { return m_titleCell.get(); }

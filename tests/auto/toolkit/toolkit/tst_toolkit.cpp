@@ -163,6 +163,7 @@ private Q_SLOTS:
     void scrollingToAMiddleRowAndTheBottomInset();
     void draggingTheTableIsReported();
     void tableNeverDeletesTheCellsItShows();
+    void aChosenRowShowsACheckmarkAndBlueTextUntilUnchosen();
     void alertButtonsReportTheirIndexAndTheAlertGoesAway();
     void alertReturnKeyRunsTheActionWhileItsTargetLives();
     void deviceKindOrientationsAndURLs();
@@ -400,6 +401,39 @@ void tst_Toolkit::tableNeverDeletesTheCellsItShows()
     // The table is gone; the cells are still ours, unparented.
     QCOMPARE(rows.cells[0][0]->parent(), nullptr);
     rows.cells[0][0]->textLabel()->setText(u"still alive"_s);
+}
+
+void tst_Toolkit::aChosenRowShowsACheckmarkAndBlueTextUntilUnchosen()
+{
+    ZDTableViewCell cell;
+    cell.resize(300, 44);
+    cell.textLabel()->setText(u"Public"_s);
+    const auto textColour = [&cell] {
+        return cell.textLabel()->palette().color(QPalette::Active, QPalette::WindowText);
+    };
+    const auto paintedBlue = [&cell] {
+        const QImage image = cell.grab().toImage();
+        for (int y = 0; y < image.height(); ++y)
+            for (int x = image.width() - 40; x < image.width(); ++x)
+                if (image.pixelColor(x, y).blue() > 100 && image.pixelColor(x, y).red() < 120)
+                    return true;
+        return false;
+    };
+    QVERIFY(!paintedBlue());
+    cell.setChosen(true);
+    QVERIFY(cell.isChosen());
+    QCOMPARE(cell.accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+    QCOMPARE(textColour(), QColor(0x38, 0x54, 0x87));
+    QVERIFY(paintedBlue()); // the checkmark at the right
+    // The highlight turns the text white and gives the blue back after.
+    cell.setHighlighted(true);
+    QCOMPARE(textColour(), QColor(Qt::white));
+    cell.setHighlighted(false);
+    QCOMPARE(textColour(), QColor(0x38, 0x54, 0x87));
+    cell.setChosen(false);
+    QCOMPARE(cell.accessoryType(), ZDTableViewCell::Accessory::None);
+    QCOMPARE(textColour(), QColor(Qt::black));
+    QVERIFY(!paintedBlue());
 }
 
 void tst_Toolkit::alertButtonsReportTheirIndexAndTheAlertGoesAway()

@@ -30,7 +30,8 @@ public:
     // Null in the default style.
     QLabel *detailTextLabel() const { return m_detailLabel; }
 
-    // The text label's colour when the row is not highlighted (black by default).
+    // The text label's colour when the row is not highlighted (black by
+    // default; the palette's text colour under a dark application palette).
     QColor textColor() const { return m_textColor; }
     void setTextColor(const QColor &colour);
 
@@ -66,6 +67,7 @@ protected:
     QRect contentRect() const;
     void paintEvent(QPaintEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
+    void changeEvent(QEvent *event) override;
     virtual void highlightChanged(bool highlighted);
     // Places the labels (and a subclass's widgets) in contentRect(); runs when
     // the cell's size or its accessory changes.

@@ -103,5 +103,13 @@
         <source>KEY_SPLIT</source>
         <translation>Tastatur teilen</translation>
     </message>
+    <message>
+        <source>REQUIRES_WIFI</source>
+        <translation>erfordert WLAN</translation>
+    </message>
+    <message>
+        <source>LIST_POSITION_FORMAT</source>
+        <translation>%1 von %2</translation>
+    </message>
 </context>
 </TS>

@@ -107,5 +107,13 @@
         <source>KEY_SPLIT</source>
         <translation>Split keyboard</translation>
     </message>
+    <message>
+        <source>REQUIRES_WIFI</source>
+        <translation>requires Wi-Fi</translation>
+    </message>
+    <message>
+        <source>LIST_POSITION_FORMAT</source>
+        <translation>%1 of %2</translation>
+    </message>
 </context>
 </TS>

@@ -119,12 +119,14 @@ int main(int argc, char **argv)
                                         u"The video is deleted just before publishing."_s);
     const QCommandLineOption staySignedIn(u"stay-signed-in"_s,
                                           u"The scripted run keeps a stored sign-in."_s);
+    const QCommandLineOption keyboardOnly(
+        u"keyboard-only"_s, u"The scripted user uses the keyboard alone, never the mouse."_s);
     const QCommandLineOption screenshots(u"screenshots"_s, u"Save pictures of the sheet here."_s,
                                          u"dir"_s);
-    parser.addOptions({service,     scriptedOption, tablet,     noKeyring,    mode,
-                       threshold,   memoryLimit,    title,      description,  tags,
-                       category,    access,         hd,         rightFirst,   cancelSheet,
-                       cancelAfter, revoke,         deleteFile, staySignedIn, screenshots});
+    parser.addOptions({service,      scriptedOption, tablet,      noKeyring,   mode,     threshold,
+                       memoryLimit,  title,          description, tags,        category, access,
+                       hd,           rightFirst,     cancelSheet, cancelAfter, revoke,   deleteFile,
+                       staySignedIn, screenshots,    keyboardOnly});
     parser.process(app);
 
     DemoVideo::setBaseURL(QUrl(parser.value(service)));
@@ -167,7 +169,10 @@ int main(int argc, char **argv)
     }
 
     ZDDevice::setKind(parser.isSet(tablet) ? ZDDeviceKind::Tablet : ZDDeviceKind::Phone);
-    ZDKeyboard::shared().setEnabled(true);
+    // The on-screen keyboard is for fingers: a touch screen, or the scripted
+    // user who taps; never over the fields of a desktop that types.
+    ZDKeyboard::shared().setEnabled(ZDKeyboard::hasTouchScreen() ||
+                                    (scripted && !parser.isSet(keyboardOnly)));
 
     auto sheet = std::make_unique<HostSheet>(videoPath, uploadOptions);
     sheet->resize(ZDDevice::screenSize(ZDDevice::kind()).toSize());
@@ -194,6 +199,7 @@ int main(int argc, char **argv)
     script.revokeBeforePublish = parser.isSet(revoke);
     script.deleteFileBeforePublish = parser.isSet(deleteFile);
     script.screenshotDir = parser.value(screenshots);
+    script.keyboardOnly = parser.isSet(keyboardOnly);
     ScriptedUser user(*sheet, script);
 
     // A picture of the progress page about half-way.
@@ -204,8 +210,11 @@ int main(int argc, char **argv)
             user.screenshot(u"demo-progress.png"_s);
         }
     });
-    QObject::connect(sheet.get(), &HostSheet::finished, &app,
-                     [&] { user.screenshot(u"demo-result.png"_s); });
+    QObject::connect(sheet.get(), &HostSheet::finished, &app, [&] {
+        user.screenshot(u"demo-result.png"_s);
+        if (script.keyboardOnly)
+            std::printf("user: reached the result page with %d mouse events\n", user.mouseEvents());
+    });
 
     if (scripted && !parser.isSet(staySignedIn)) {
         // Every run starts signed out, so that the sign-in is part of it.

@@ -254,12 +254,13 @@ void ZDPickerView::keyPressEvent(QKeyEvent *event)
         const auto startsWithTyped = [this](int r) {
             return titleForRowInComponent(r, 0).startsWith(m_typed, Qt::CaseInsensitive);
         };
-        // A repeated single letter steps through the rows that start with it.
-        const bool repeat = m_typed.size() == 2 && m_typed[0] == m_typed[1];
-        if (repeat)
+        // A single letter (typed anew or repeated) steps on to the next row
+        // that starts with it; a longer start may stay on the current row.
+        if (m_typed.size() == 2 && m_typed[0] == m_typed[1])
             m_typed.chop(1);
+        const int from = m_typed.size() == 1 ? 1 : 0;
         int found = -1;
-        for (int i = repeat ? 1 : 0; i < c.rows + (repeat ? 1 : 0) && found < 0; ++i) {
+        for (int i = from; i < c.rows + from && found < 0; ++i) {
             const int r = (c.selected + i) % c.rows;
             if (startsWithTyped(r))
                 found = r;

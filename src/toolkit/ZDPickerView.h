@@ -33,8 +33,9 @@ public:
 // The wheel takes the keyboard focus (click or Tab): Up and Down turn the first
 // component by one row, Page Up and Page Down by the rows the wheel shows at
 // once, Home and End to the first and last row, and typing the start of a title
-// turns to the first row whose title starts with what was typed (letters typed
-// in quick succession add up, as in a list). Screen readers hear it as a combo
+// turns to the next row whose title starts with what was typed (letters typed
+// in quick succession add up, as in a list; one letter pressed again and again
+// steps through the rows that start with it). Screen readers hear it as a combo
 // whose value is the selected title and whose choices are the rows.
 //
 // Callback contract: pickerViewDidSelectRowInComponent() arrives once each time

@@ -457,8 +457,13 @@ ZDTableViewCell *ZDPublishViewController::tableViewCellForRowAtIndexPath(ZDTable
     const ZDSectionIndices &s = m_sectionIndices;
     const int section = indexPath.section;
     const int row = indexPath.row;
-    if (section == s.title)
-        return row == 0 ? m_titleCell.get() : m_descriptionCell.get();
+    if (section == s.title) {
+        // The editors are named by what they hold, for screen readers.
+        EditableTextCell *cell = row == 0 ? m_titleCell.get() : m_descriptionCell.get();
+        if (QWidget *editor = cell->editor())
+            editor->setAccessibleName(L(row == 0 ? "TITLE" : "DESCRIPTION"));
+        return cell;
+    }
     if (section == s.hd) {
         prepareOptionCell(row);
         return m_optionCells[size_t(row)].get();

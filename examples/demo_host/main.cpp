@@ -24,6 +24,8 @@
 #include <QCommandLineParser>
 #include <QDir>
 #include <QFileInfo>
+#include <QLocale>
+#include <QPalette>
 #include <QTimer>
 
 #include <cstdio>
@@ -76,6 +78,8 @@ int main(int argc, char **argv)
     if (scripted)
         defaultHandler = qInstallMessageHandler(quietOffscreenRemarks);
     QApplication app(argc, argv);
+    // Right to left for languages written so (the table has Arabic).
+    app.setLayoutDirection(QLocale().textDirection());
     QApplication::setApplicationName(u"zd_demo_host"_s);
 
     QCommandLineParser parser;
@@ -119,15 +123,32 @@ int main(int argc, char **argv)
                                         u"The video is deleted just before publishing."_s);
     const QCommandLineOption staySignedIn(u"stay-signed-in"_s,
                                           u"The scripted run keeps a stored sign-in."_s);
+    const QCommandLineOption dark(u"dark"_s, u"A dark colour scheme."_s);
     const QCommandLineOption keyboardOnly(
         u"keyboard-only"_s, u"The scripted user uses the keyboard alone, never the mouse."_s);
     const QCommandLineOption screenshots(u"screenshots"_s, u"Save pictures of the sheet here."_s,
                                          u"dir"_s);
-    parser.addOptions({service,      scriptedOption, tablet,      noKeyring,   mode,     threshold,
-                       memoryLimit,  title,          description, tags,        category, access,
-                       hd,           rightFirst,     cancelSheet, cancelAfter, revoke,   deleteFile,
-                       staySignedIn, screenshots,    keyboardOnly});
+    parser.addOptions(
+        {service,      scriptedOption, tablet,       noKeyring,   mode,     threshold,
+         memoryLimit,  title,          description,  tags,        category, access,
+         hd,           rightFirst,     cancelSheet,  cancelAfter, revoke,   deleteFile,
+         staySignedIn, screenshots,    keyboardOnly, dark});
     parser.process(app);
+    if (parser.isSet(dark)) {
+        // What a dark system colour scheme hands the application.
+        QPalette palette;
+        palette.setColor(QPalette::Window, QColor(0x26, 0x28, 0x2c));
+        palette.setColor(QPalette::WindowText, QColor(0xe8, 0xea, 0xed));
+        palette.setColor(QPalette::Base, QColor(0x1e, 0x1f, 0x22));
+        palette.setColor(QPalette::AlternateBase, QColor(0x2d, 0x2f, 0x34));
+        palette.setColor(QPalette::Text, QColor(0xe8, 0xea, 0xed));
+        palette.setColor(QPalette::Button, QColor(0x33, 0x36, 0x3b));
+        palette.setColor(QPalette::ButtonText, QColor(0xe8, 0xea, 0xed));
+        palette.setColor(QPalette::Highlight, QColor(0x4c, 0x8d, 0xf6));
+        palette.setColor(QPalette::HighlightedText, Qt::white);
+        palette.setColor(QPalette::PlaceholderText, QColor(0x8a, 0x8f, 0x98));
+        QApplication::setPalette(palette);
+    }
 
     DemoVideo::setBaseURL(QUrl(parser.value(service)));
     if (parser.isSet(noKeyring))

@@ -22,8 +22,8 @@ void notify(QObject *object, QAccessible::Event event);
 // brackets that a size label wears on screen.
 QString spokenText(const QString &shown);
 
-// A role chosen by the owner of a row, overriding the one the table guesses
-// from the row's contents (see ZDTableViewCell's docs).
+// A dynamic property (a QAccessible::Role as int) by which the owner of a row
+// overrides the role guessed from the row's contents (see ZDTableViewCell).
 constexpr char kRoleProperty[] = "zdAccessibleRole";
 
 } // namespace zdaccessible

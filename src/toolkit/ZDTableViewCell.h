@@ -14,6 +14,16 @@ class QVariantAnimation;
 // layoutContents(), keeping clear of contentRect()'s outside.
 //
 // A cell belongs to whoever made it; a table only shows it.
+//
+// Screen readers hear a row as: a panel around its text editor when it holds
+// one (the editor speaks for itself), a radio-like choice when a row of its
+// section carries a checkmark (checked while it carries one), a combo with the
+// detail text as its value in the value style, and a button otherwise. The
+// name is the text label followed by any other visible label (brackets
+// dropped: "Standard, 286.1 MB"); setAccessibleName() replaces it. A row that
+// does not take touches is announced unavailable, and a checkmark that comes
+// or goes sends an accessibility state change. Under a right-to-left layout
+// direction the labels and the checkmark are mirrored.
 class ZD_EXPORT ZDTableViewCell : public QWidget
 {
     Q_OBJECT

@@ -135,6 +135,7 @@ QWidget *HostSheet::makeProgressPage()
     m_progressBar = new QProgressBar;
     m_progressBar->setRange(0, 1000);
     m_progressBar->setTextVisible(false);
+    m_progressBar->setAccessibleName(u"Upload progress"_s);
     layout->addWidget(m_progressBar);
     m_progressText = new QLabel;
     m_progressText->setAlignment(Qt::AlignCenter);

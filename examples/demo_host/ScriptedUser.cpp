@@ -7,6 +7,7 @@
 #include <net/JSONHTTPRequest.h>
 #include <toolkit/ZDAlertView.h>
 #include <toolkit/ZDNavigationController.h>
+#include <toolkit/ZDPickerView.h>
 
 #include <QApplication>
 #include <QDir>
@@ -89,7 +90,166 @@ bool revokeSignIns()
     return QTest::qWaitFor([&] { return waiter.done; }, kPatience) && waiter.ok;
 }
 
+// Counts the mouse presses and releases the whole application receives.
+struct MouseCounter : QObject
+{
+    int count = 0;
+    bool eventFilter(QObject *, QEvent *event) override
+    {
+        if (event->type() == QEvent::MouseButtonPress ||
+            event->type() == QEvent::MouseButtonRelease ||
+            event->type() == QEvent::MouseButtonDblClick)
+            ++count;
+        return false;
+    }
+};
+
+MouseCounter &mouseCounter()
+{
+    static MouseCounter counter;
+    return counter;
+}
+
+// A key pressed where the keyboard focus is (the window when nothing has it).
+void press(QWidget *window, Qt::Key key, Qt::KeyboardModifiers modifiers = {})
+{
+    QWidget *target = QApplication::focusWidget();
+    QTest::keyClick(target ? target : window, key, modifiers);
+    QTest::qWait(30);
+}
+
 } // namespace
+
+int ScriptedUser::mouseEvents() const
+{
+    return mouseCounter().count;
+}
+
+// Presses Tab until `target` holds the focus; a stop is skipped at most twice
+// round the whole sheet.
+bool ScriptedUser::tabTo(QWidget *target)
+{
+    for (int i = 0; i < 80 && QApplication::focusWidget() != target; ++i)
+        press(m_sheet.window(), Qt::Key_Tab);
+    return QApplication::focusWidget() == target;
+}
+
+bool ScriptedUser::signInByKeyboard(const QString &password)
+{
+    DemoPublishViewController *form = m_sheet.form();
+    if (!QTest::qWaitFor([&] { return visible(form->authenticationAlert()); }, kPatience))
+        return fail("the sign-in dialog did not appear");
+    QTest::qWait(300);
+    ZDAlertView *dialog = form->authenticationAlert();
+    if (QApplication::focusWidget() != dialog->textFieldAtIndex(0))
+        return fail("the sign-in dialog did not take the focus");
+    type(QApplication::focusWidget(), m_script.user);
+    press(m_sheet.window(), Qt::Key_Tab);
+    type(QApplication::focusWidget(), password);
+    press(m_sheet.window(), Qt::Key_Return);
+    return true;
+}
+
+bool ScriptedUser::fillInByKeyboard()
+{
+    DemoPublishViewController *form = m_sheet.form();
+    ZDTableView *table = form->tableView();
+    const ZDSectionIndices sections = form->sectionIndices();
+    QWidget *window = m_sheet.window();
+    QPushButton *publish = m_sheet.navigation()->rightButton();
+    qApp->installEventFilter(&mouseCounter());
+
+    QTest::qWait(300);
+    if (!publish->isEnabled()) {
+        if (m_script.wrongPasswordFirst) {
+            say(u"signs in as %1 with a wrong password, by keyboard"_s.arg(m_script.user));
+            if (!signInByKeyboard(u"not-the-password"_s))
+                return false;
+            if (!QTest::qWaitFor([&] { return visible(form->authenticationFailedAlert()); },
+                                 kPatience))
+                return fail("no alert told of the refused sign-in");
+            QTest::qWait(300);
+            say(u"hears \"%1\" and presses Return"_s.arg(
+                form->authenticationFailedAlert()->title()));
+            press(window, Qt::Key_Return);
+        }
+        say(u"signs in as %1, by keyboard"_s.arg(m_script.user));
+        if (!signInByKeyboard(m_script.password))
+            return false;
+        if (!QTest::qWaitFor([&] { return publish->isEnabled(); }, kPatience))
+            return fail("the sign-in did not succeed");
+    }
+    QTest::qWait(300);
+
+    say(u"tabs to the title and types it, then the description"_s);
+    if (!tabTo(editorAt(table, {int(sections.title), 0})))
+        return fail("Tab never reached the title");
+    type(QApplication::focusWidget(), m_script.title);
+    press(window, Qt::Key_Tab);
+    if (QApplication::focusWidget() != editorAt(table, {int(sections.title), 1}))
+        return fail("Tab from the title did not reach the description");
+    type(QApplication::focusWidget(), m_script.description);
+
+    if (!m_script.tags.isEmpty()) {
+        say(u"tabs to the tags and types %1"_s.arg(m_script.tags.join(u", ")));
+        if (!tabTo(editorAt(table, {int(sections.tags), 0})))
+            return fail("Tab never reached the tags");
+        for (qsizetype i = 0; i < m_script.tags.size(); ++i) {
+            const bool last = i + 1 == m_script.tags.size();
+            type(QApplication::focusWidget(), m_script.tags[i] + (last ? u""_s : u","_s));
+            QTest::qWait(350);
+        }
+    }
+
+    if (sections.category >= 0 && !m_script.category.isEmpty()) {
+        say(u"opens the category wheel with Space and types the start of %1"_s.arg(
+            m_script.category));
+        if (!tabTo(table->cellForRowAtIndexPath({int(sections.category), 0})))
+            return fail("Tab never reached the category row");
+        press(window, Qt::Key_Space);
+        ZDPickerView *wheel = form->picker();
+        if (!wheel || QApplication::focusWidget() != wheel)
+            return fail("the category wheel did not take the focus");
+        QTest::qWait(400);
+        // Its first letter, again and again, steps through the names that start so.
+        const QString wanted = m_script.category;
+        for (int i = 0;
+             i < 40 && wheel->titleForRowInComponent(wheel->selectedRowInComponent(0), 0) != wanted;
+             ++i) {
+            type(wheel, wanted.left(1));
+            QTest::qWait(500); // each press is a search of its own
+        }
+        if (wheel->titleForRowInComponent(wheel->selectedRowInComponent(0), 0) != wanted)
+            return fail("typing the category's first letter did not turn the wheel to it");
+        QTest::qWait(300);
+        press(window, Qt::Key_Escape); // the wheel goes away, the focus returns to the row
+        QTest::qWait(400);
+    }
+    if (sections.hd >= 0) {
+        say(m_script.highDefinition ? u"chooses high definition with Space"_s
+                                    : u"keeps standard definition"_s);
+        if (!tabTo(
+                table->cellForRowAtIndexPath({int(sections.hd), m_script.highDefinition ? 1 : 0})))
+            return fail("Tab never reached the quality row");
+        press(window, Qt::Key_Space);
+    }
+    if (sections.access >= 0) {
+        const qsizetype row = DemoPublishViewController::accessValues().indexOf(m_script.access);
+        if (row < 0)
+            return fail("no such access row");
+        say(u"makes the video %1 with Space"_s.arg(m_script.access));
+        if (!tabTo(table->cellForRowAtIndexPath({int(sections.access), int(row)})))
+            return fail("Tab never reached the access row");
+        press(window, Qt::Key_Space);
+    }
+    screenshot(u"demo-form-keyboard-only.png"_s);
+
+    say(u"tabs to Publish and presses Space"_s);
+    if (!tabTo(publish))
+        return fail("Tab never reached Publish");
+    press(window, Qt::Key_Space);
+    return true;
+}
 
 bool ScriptedUser::fail(const char *what) const
 {
@@ -173,6 +333,8 @@ bool ScriptedUser::signInAsScripted()
 
 bool ScriptedUser::fillInAndPublish()
 {
+    if (m_script.keyboardOnly)
+        return fillInByKeyboard();
     DemoPublishViewController *form = m_sheet.form();
     ZDTableView *table = form->tableView();
     const ZDSectionIndices sections = form->sectionIndices();

@@ -6,6 +6,7 @@
 #include <optional>
 
 class HostSheet;
+class QWidget;
 
 // A user who fills in the publishing sheet with real clicks and keystrokes, for
 // the demo without a display and for end-to-end tests: signs in (first with a
@@ -29,6 +30,7 @@ struct Script
     bool revokeBeforePublish = false;       // the service revokes the sign-in first
     bool deleteFileBeforePublish = false;   // the video goes away before it is sent
     QString screenshotDir;                  // where to save pictures of the sheet
+    bool keyboardOnly = false;              // Tab, arrows, Space and typing; no mouse
 };
 
 class ScriptedUser
@@ -39,6 +41,8 @@ public:
     // Runs the script up to the press of publish (or cancel). False when the
     // sheet did not do what a user waits for; the reason is printed.
     bool fillInAndPublish();
+    // Mouse presses and releases that reached any widget since the script began.
+    int mouseEvents() const;
     // Saves a picture of the sheet as `name` in the screenshot folder, if any.
     void screenshot(const QString &name) const;
 
@@ -47,6 +51,9 @@ private:
     bool signInAsScripted();
     bool readSignInFailure(bool screenshotIt);
     bool fail(const char *what) const;
+    bool fillInByKeyboard();
+    bool signInByKeyboard(const QString &password);
+    bool tabTo(QWidget *target);
 
     HostSheet &m_sheet;
     bool m_gaveUp = false;

@@ -24,6 +24,8 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QMimeDatabase>
+#include <QLocale>
+#include <QPalette>
 #include <QTimer>
 
 #include <cstdio>
@@ -101,6 +103,8 @@ int main(int argc, char **argv)
     if (scripted)
         defaultHandler = qInstallMessageHandler(quietOffscreenRemarks);
     QApplication app(argc, argv);
+    // Right to left for languages written so (the table has Arabic).
+    app.setLayoutDirection(QLocale().textDirection());
     QApplication::setApplicationName(u"zd_demo_host"_s);
 
     QCommandLineParser parser;
@@ -146,13 +150,31 @@ int main(int argc, char **argv)
                                         u"The video is deleted just before publishing."_s);
     const QCommandLineOption staySignedIn(u"stay-signed-in"_s,
                                           u"The scripted run keeps a stored sign-in."_s);
+    const QCommandLineOption dark(u"dark"_s, u"A dark colour scheme."_s);
+    const QCommandLineOption keyboardOnly(
+        u"keyboard-only"_s, u"The scripted user uses the keyboard alone, never the mouse."_s);
     const QCommandLineOption screenshots(u"screenshots"_s, u"Save pictures of the sheet here."_s,
                                          u"dir"_s);
     parser.addOptions({service,      scriptedOption, tablet,      noKeyring,   mode,     threshold,
                        memoryLimit,  title,          description, tags,        category, access,
                        hd,           rightFirst,     cancelSheet, cancelAfter, revoke,   deleteFile,
-                       staySignedIn, screenshots,    oauth2});
+                       staySignedIn, screenshots,    oauth2,       keyboardOnly,   dark});
     parser.process(app);
+    if (parser.isSet(dark)) {
+        // What a dark system colour scheme hands the application.
+        QPalette palette;
+        palette.setColor(QPalette::Window, QColor(0x26, 0x28, 0x2c));
+        palette.setColor(QPalette::WindowText, QColor(0xe8, 0xea, 0xed));
+        palette.setColor(QPalette::Base, QColor(0x1e, 0x1f, 0x22));
+        palette.setColor(QPalette::AlternateBase, QColor(0x2d, 0x2f, 0x34));
+        palette.setColor(QPalette::Text, QColor(0xe8, 0xea, 0xed));
+        palette.setColor(QPalette::Button, QColor(0x33, 0x36, 0x3b));
+        palette.setColor(QPalette::ButtonText, QColor(0xe8, 0xea, 0xed));
+        palette.setColor(QPalette::Highlight, QColor(0x4c, 0x8d, 0xf6));
+        palette.setColor(QPalette::HighlightedText, Qt::white);
+        palette.setColor(QPalette::PlaceholderText, QColor(0x8a, 0x8f, 0x98));
+        QApplication::setPalette(palette);
+    }
 
     DemoVideo::setBaseURL(QUrl(parser.value(service)));
     DemoAuthenticator::setUsesOAuth2(parser.isSet(oauth2));
@@ -207,7 +229,10 @@ int main(int argc, char **argv)
     }
 
     ZDDevice::setKind(parser.isSet(tablet) ? ZDDeviceKind::Tablet : ZDDeviceKind::Phone);
-    ZDKeyboard::shared().setEnabled(true);
+    // The on-screen keyboard is for fingers: a touch screen, or the scripted
+    // user who taps; never over the fields of a desktop that types.
+    ZDKeyboard::shared().setEnabled(ZDKeyboard::hasTouchScreen() ||
+                                    (scripted && !parser.isSet(keyboardOnly)));
 
     auto sheet = std::make_unique<HostSheet>(videoPath, uploadOptions);
     sheet->resize(ZDDevice::screenSize(ZDDevice::kind()).toSize());
@@ -233,6 +258,7 @@ int main(int argc, char **argv)
     script.revokeBeforePublish = parser.isSet(revoke);
     script.deleteFileBeforePublish = parser.isSet(deleteFile);
     script.screenshotDir = parser.value(screenshots);
+    script.keyboardOnly = parser.isSet(keyboardOnly);
     ScriptedUser user(*sheet, script);
 
     // A picture of the progress page about half-way.
@@ -243,8 +269,11 @@ int main(int argc, char **argv)
             user.screenshot(u"demo-progress.png"_s);
         }
     });
-    QObject::connect(sheet.get(), &HostSheet::finished, &app,
-                     [&] { user.screenshot(u"demo-result.png"_s); });
+    QObject::connect(sheet.get(), &HostSheet::finished, &app, [&] {
+        user.screenshot(u"demo-result.png"_s);
+        if (script.keyboardOnly)
+            std::printf("user: reached the result page with %d mouse events\n", user.mouseEvents());
+    });
 
     if (scripted && !parser.isSet(staySignedIn)) {
         // Every run starts signed out, so that the sign-in is part of it.

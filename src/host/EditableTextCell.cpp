@@ -39,6 +39,7 @@ EditableTextCell::EditableTextCell(const QRect &frame, bool multiLine, QWidget *
         m_text->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
         m_text->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
         m_text->setAcceptRichText(false);
+        m_text->setTabChangesFocus(true); // Tab moves on to the next row, as in a form
         m_text->viewport()->setAutoFillBackground(false);
         m_text->setStyleSheet(QStringLiteral("background: transparent;"));
         m_text->installEventFilter(this);

@@ -1,11 +1,14 @@
 #include "publish/ZDFormKeyboardRoom_p.h"
 
 #include "publish/ZDFooterContainerView.h"
+#include "resources/ZDLocalizedString.h"
 #include "toolkit/ZDDevice.h"
 #include "toolkit/ZDKeyboard.h"
 #include "toolkit/ZDPickerView.h"
 #include "toolkit/ZDSlide_p.h"
+#include "toolkit/ZDTableViewCell.h"
 
+#include <QAccessible>
 #include <QPalette>
 
 namespace {
@@ -87,6 +90,7 @@ void ZDFormKeyboardRoom::showPicker(ZDIndexPath categoryRow)
         m_picker->setGeometry(0, 0, size.width(), size.height());
         m_picker->setDelegate(m_pickerDelegate);
         m_picker->setShowsSelectionIndicator(true);
+        m_picker->setAccessibleName(ZDLocalizedString(QStringLiteral("CATEGORY")));
     }
     // A wheel kept through an unload comes back hidden: show it again.
     m_pickerContainer->show();
@@ -98,6 +102,10 @@ void ZDFormKeyboardRoom::showPicker(ZDIndexPath categoryRow)
     m_picker->resize(size.width(), size.height()); // follows the container's width only
     shrink();
     m_showingPicker = true;
+    // Reachable by Tab only while it is up, and announced as it comes.
+    m_picker->setFocusPolicy(Qt::StrongFocus);
+    QAccessibleEvent shown(m_picker.data(), QAccessible::ObjectShow);
+    QAccessible::updateAccessibility(&shown);
     zdSlide(m_pickerContainer, below, resting, ZDDevice::kNavigationTransitionDuration);
     m_table->scrollToRowAtIndexPath(categoryRow, ZDTableView::ScrollPosition::Middle, true);
 }
@@ -114,6 +122,15 @@ void ZDFormKeyboardRoom::hidePicker(ZDIndexPath categoryRow)
                 ZDDevice::kNavigationTransitionDuration);
     }
     m_showingPicker = false;
+    if (m_picker) {
+        const bool hadFocus = m_picker->hasFocus();
+        m_picker->setFocusPolicy(Qt::NoFocus);
+        if (hadFocus && m_table)
+            if (QWidget *row = m_table->cellForRowAtIndexPath(categoryRow))
+                row->setFocus(Qt::OtherFocusReason);
+        QAccessibleEvent hidden(m_picker.data(), QAccessible::ObjectHide);
+        QAccessible::updateAccessibility(&hidden);
+    }
     unshrink();
 }
 

@@ -10,10 +10,13 @@
 #include "toolkit/ZDDevice.h"
 #include "toolkit/ZDKeyboard.h"
 
+#include <QAccessible>
 #include <QApplication>
+#include <QKeyEvent>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPushButton>
+#include <QShortcut>
 #include <QTimer>
 #include <QVBoxLayout>
 
@@ -183,6 +186,19 @@ QWidget *ZDPublishViewController::loadView()
     m_descriptionHeight = kInitialDescriptionHeight;
 
     m_tableView = new ZDTableView(view);
+    // Escape puts a focused wheel away, and is otherwise the Cancel button of
+    // the sheet (an alert over it takes its own Escape first: it holds the
+    // focus, outside this view).
+    auto *escape = new QShortcut(QKeySequence(Qt::Key_Escape), view);
+    escape->setContext(Qt::WidgetWithChildrenShortcut);
+    connect(escape, &QShortcut::activated, this, [this] {
+        if (ZDPickerView *wheel = picker(); wheel && wheel->hasFocus()) {
+            _hidePicker();
+            return;
+        }
+        if (ZDBarButtonItem *cancel = navigationItem()->leftBarButtonItem())
+            cancel->trigger();
+    });
     auto *layout = new QVBoxLayout(view);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(m_tableView);
@@ -456,14 +472,27 @@ ZDTableViewCell *ZDPublishViewController::tableViewCellForRowAtIndexPath(ZDTable
     const ZDSectionIndices &s = m_sectionIndices;
     const int section = indexPath.section;
     const int row = indexPath.row;
-    if (section == s.title)
-        return row == 0 ? m_titleCell.get() : m_descriptionCell.get();
+    if (section == s.title) {
+        // The editors are named by what they hold, for screen readers.
+        EditableTextCell *cell = row == 0 ? m_titleCell.get() : m_descriptionCell.get();
+        if (QWidget *editor = cell->editor())
+            editor->setAccessibleName(L(row == 0 ? "TITLE" : "DESCRIPTION"));
+        return cell;
+    }
     if (section == s.hd) {
         prepareOptionCell(row);
         return m_optionCells[size_t(row)].get();
     }
-    if (section == s.tags)
-        return m_tagCells[size_t(row)].get();
+    if (section == s.tags) {
+        // Each tag row says where it stands in the list of tags.
+        EditableTextCell *tag = m_tagCells[size_t(row)].get();
+        if (QWidget *editor = tag->editor()) {
+            editor->setAccessibleName(L("TAGS"));
+            editor->setAccessibleDescription(
+                L("LIST_POSITION_FORMAT").arg(row + 1).arg(m_tagCells.size()));
+        }
+        return tag;
+    }
     if (section == s.category)
         return m_categoryCell.get();
     if (section == s.access)
@@ -482,10 +511,13 @@ void ZDPublishViewController::prepareOptionCell(int row)
         if (m_enableHDSection) {
             cell->sizeLabel()->setText(sizeText(m_HDSize));
             cell->setUserInteractionEnabled(true);
+            cell->setAccessibleName(QString());
         } else {
             // The raw key on screen is what services expect here.
             cell->sizeLabel()->setText(QStringLiteral("REQUIRES_WIFI"));
             cell->setUserInteractionEnabled(false);
+            // A screen reader says the words the raw key stands for.
+            cell->setAccessibleName(L("HD") + u", " + L("REQUIRES_WIFI"));
             cell->setTextColor(QColor::fromRgbF(0.7f, 0.7f, 0.7f, 1.0f));
         }
     } else {
@@ -540,10 +572,15 @@ void ZDPublishViewController::tableViewDidSelectRowAtIndexPath(ZDTableView *tabl
         _hidePicker();
 
     if (section == s.category) {
+        // A row reached by keyboard hands the focus on to the wheel; a tap
+        // leaves no focus anywhere.
+        const bool byKeyboard = QApplication::focusWidget() == m_categoryCell.get();
         orderOutKeyboard();
         _showPicker();
         if (QWidget *focus = tableView->window()->focusWidget())
             focus->clearFocus();
+        if (ZDPickerView *wheel = picker(); wheel && byKeyboard)
+            wheel->setFocus(Qt::OtherFocusReason);
     } else if (section == s.tags) {
         m_tagCells[size_t(row)]->becomeFirstResponder();
     } else if (section == s.title) {

@@ -171,5 +171,37 @@
         <source>PASSWORD</source>
         <translation>Passwort</translation>
     </message>
+    <message>
+        <source>KEY_SHIFT</source>
+        <translation>Umschalt</translation>
+    </message>
+    <message>
+        <source>KEY_DELETE</source>
+        <translation>Löschen</translation>
+    </message>
+    <message>
+        <source>KEY_COMMA</source>
+        <translation>Komma</translation>
+    </message>
+    <message>
+        <source>KEY_SPACE</source>
+        <translation>Leerzeichen</translation>
+    </message>
+    <message>
+        <source>KEY_RETURN</source>
+        <translation>Eingabe</translation>
+    </message>
+    <message>
+        <source>KEY_SPLIT</source>
+        <translation>Tastatur teilen</translation>
+    </message>
+    <message>
+        <source>REQUIRES_WIFI</source>
+        <translation>erfordert WLAN</translation>
+    </message>
+    <message>
+        <source>LIST_POSITION_FORMAT</source>
+        <translation>%1 von %2</translation>
+    </message>
 </context>
 </TS>

@@ -171,5 +171,37 @@
         <source>PASSWORD</source>
         <translation>Password</translation>
     </message>
+    <message>
+        <source>KEY_SHIFT</source>
+        <translation>Shift</translation>
+    </message>
+    <message>
+        <source>KEY_DELETE</source>
+        <translation>Delete</translation>
+    </message>
+    <message>
+        <source>KEY_COMMA</source>
+        <translation>Comma</translation>
+    </message>
+    <message>
+        <source>KEY_SPACE</source>
+        <translation>Space</translation>
+    </message>
+    <message>
+        <source>KEY_RETURN</source>
+        <translation>Return</translation>
+    </message>
+    <message>
+        <source>KEY_SPLIT</source>
+        <translation>Split keyboard</translation>
+    </message>
+    <message>
+        <source>REQUIRES_WIFI</source>
+        <translation>requires Wi-Fi</translation>
+    </message>
+    <message>
+        <source>LIST_POSITION_FORMAT</source>
+        <translation>%1 of %2</translation>
+    </message>
 </context>
 </TS>

@@ -2,6 +2,7 @@
 
 #include "resources/ZDLocalizedString.h"
 #include "toolkit/ZDKeyboard.h"
+#include "toolkit/ZDAccessible_p.h"
 #include "toolkit/ZDStyle_p.h"
 
 #include <QApplication>
@@ -17,6 +18,7 @@
 #include <QVBoxLayout>
 
 #include <algorithm>
+using namespace Qt::StringLiterals;
 
 namespace {
 
@@ -49,6 +51,7 @@ ZDAlertView::ZDAlertView(const QString &title, const QString &message,
         m_buttons << cancelButtonTitle;
     }
     m_buttons << otherButtonTitles;
+    zdaccessible::install();
     setAttribute(Qt::WA_DeleteOnClose, false);
     hide();
 }
@@ -150,6 +153,9 @@ void ZDAlertView::rebuild()
         } else if (m_style == Style::LoginAndPasswordInput) {
             field->setPlaceholderText(ZDLocalizedString(QStringLiteral("USER_NAME")));
         }
+        // Named for screen readers by what it asks for.
+        field->setAccessibleName(ZDLocalizedString(
+            field->echoMode() == QLineEdit::Password ? u"PASSWORD"_s : u"USER_NAME"_s));
         field->installEventFilter(this);
         layout->addWidget(field);
         m_fields.append(field);
@@ -159,7 +165,8 @@ void ZDAlertView::rebuild()
     buttons->setSpacing(8);
     for (int i = 0; i < m_buttons.size(); ++i) {
         auto *button = new QPushButton(m_buttons[i], m_box);
-        button->setFocusPolicy(Qt::NoFocus);
+        button->setFocusPolicy(Qt::StrongFocus);
+        button->setAutoDefault(true); // Return presses the focused button
         button->setFont(zdstyle::font(16));
         button->setStyleSheet(buttonStyle(i != m_cancelIndex && m_buttons.size() > 1));
         connect(button, &QPushButton::clicked, this,
@@ -200,8 +207,15 @@ void ZDAlertView::show(QWidget *window)
     layoutInWindow();
     QWidget::show();
     raise();
+    // The focus moves into the alert: its first field, else its first other
+    // button, else its only one.
     if (!m_fields.isEmpty())
-        m_fields.front()->setFocus();
+        m_fields.front()->setFocus(Qt::OtherFocusReason);
+    else if (QPushButton *button = buttonAtIndex(std::max(0, firstOtherButtonIndex())))
+        button->setFocus(Qt::OtherFocusReason);
+    else
+        setFocus(Qt::OtherFocusReason);
+    zdaccessible::notify(this, QAccessible::DialogStart);
     auto *fade = new QGraphicsOpacityEffect(m_box);
     m_box->setGraphicsEffect(fade);
     auto *animation = new QPropertyAnimation(fade, "opacity", this);
@@ -249,6 +263,7 @@ void ZDAlertView::dismissWithClickedButtonIndex(int buttonIndex, bool)
         return;
     if (QWidget *window = parentWidget())
         window->removeEventFilter(this);
+    zdaccessible::notify(this, QAccessible::DialogEnd);
     hide();
     deleteLater();
 }
@@ -271,11 +286,33 @@ bool ZDAlertView::eventFilter(QObject *watched, QEvent *event)
 
 void ZDAlertView::keyPressEvent(QKeyEvent *event)
 {
-    if (event->key() == Qt::Key_Escape && m_cancelIndex >= 0) {
-        dismissWithClickedButtonIndex(m_cancelIndex, true);
+    if (event->key() == Qt::Key_Escape) {
+        // Escape stops here even without a cancel button: the window under the
+        // alert must not take it as its own.
+        if (m_cancelIndex >= 0)
+            dismissWithClickedButtonIndex(m_cancelIndex, true);
+        event->accept();
         return;
     }
     QWidget::keyPressEvent(event);
+}
+
+// Tab and Shift+Tab go round the alert's own fields and buttons: what lies
+// under the alert cannot be reached while it is up.
+bool ZDAlertView::focusNextPrevChild(bool next)
+{
+    QList<QWidget *> stops;
+    for (QLineEdit *field : std::as_const(m_fields))
+        stops << field;
+    for (QPushButton *button : std::as_const(m_buttonWidgets))
+        stops << button;
+    if (stops.isEmpty())
+        return true;
+    const qsizetype at = stops.indexOf(QApplication::focusWidget());
+    const qsizetype count = stops.size();
+    const qsizetype to = at < 0 ? 0 : (at + (next ? 1 : count - 1)) % count;
+    stops[to]->setFocus(next ? Qt::TabFocusReason : Qt::BacktabFocusReason);
+    return true;
 }
 
 void ZDAlertView::paintEvent(QPaintEvent *)

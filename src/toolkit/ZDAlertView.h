@@ -37,6 +37,13 @@ public:
 // dismissed; whoever keeps a pointer to it keeps a QPointer. The delegate is not
 // owned. Pressing return in a text field runs the return-key action while its
 // target lives, and does nothing else.
+//
+// Keyboard: on show() the focus moves to the first text field, or else to the
+// first button after the cancel button; Tab and Shift+Tab stay among the
+// alert's fields and buttons; Space or Return presses the focused button;
+// Escape is the cancel button (nothing when there is none). Screen readers
+// hear a modal dialog named by the title and described by the message, its
+// fields named "USER_NAME" and "PASSWORD" from the string table.
 class ZD_EXPORT ZDAlertView : public QWidget
 {
     Q_OBJECT
@@ -87,6 +94,7 @@ protected:
     void paintEvent(QPaintEvent *event) override;
     bool eventFilter(QObject *watched, QEvent *event) override;
     void keyPressEvent(QKeyEvent *event) override;
+    bool focusNextPrevChild(bool next) override;
 
 private:
     void rebuild();

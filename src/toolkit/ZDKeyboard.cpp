@@ -1,6 +1,7 @@
 #include "toolkit/ZDKeyboard.h"
 
 #include "core/ZDNotificationCenter.h"
+#include "resources/ZDLocalizedString.h"
 #include "toolkit/ZDDevice.h"
 #include "toolkit/ZDSlide_p.h"
 #include "toolkit/ZDStyle_p.h"
@@ -8,6 +9,7 @@
 #include <QApplication>
 #include <QGridLayout>
 #include <QHBoxLayout>
+#include <QInputDevice>
 #include <QInputMethod>
 #include <QKeyEvent>
 #include <QLineEdit>
@@ -18,6 +20,8 @@
 #include <QTextEdit>
 #include <QTimer>
 #include <QVBoxLayout>
+
+#include <algorithm>
 
 const QString ZDKeyboardDidShowNotification = QStringLiteral("ZDKeyboardDidShowNotification");
 const QString ZDKeyboardDidHideNotification = QStringLiteral("ZDKeyboardDidHideNotification");
@@ -68,7 +72,9 @@ public:
             auto *row = new QHBoxLayout;
             row->setSpacing(4);
             if (r == 2)
-                row->addWidget(makeKey(QStringLiteral("\u21e7"), [this] { m_shift = !m_shift; }));
+                row->addWidget(makeKey(
+                    QStringLiteral("\u21e7"), [this] { m_shift = !m_shift; },
+                    QStringLiteral("KEY_SHIFT")));
             for (const QChar letter : rows[r]) {
                 row->addWidget(makeKey(QString(letter), [this, letter] {
                     const QString text = m_shift ? QString(letter.toUpper()) : QString(letter);
@@ -77,24 +83,32 @@ public:
                 }));
             }
             if (r == 2)
-                row->addWidget(
-                    makeKey(QStringLiteral("\u232b"), [] { type(Qt::Key_Backspace, {}); }));
+                row->addWidget(makeKey(
+                    QStringLiteral("\u232b"), [] { type(Qt::Key_Backspace, {}); },
+                    QStringLiteral("KEY_DELETE")));
             layout->addLayout(row);
         }
         auto *bottom = new QHBoxLayout;
         bottom->setSpacing(4);
-        bottom->addWidget(
-            makeKey(QStringLiteral(","), [] { type(Qt::Key_Comma, QStringLiteral(",")); }));
-        bottom->addWidget(
-            makeKey(QStringLiteral("space"), [] { type(Qt::Key_Space, QStringLiteral(" ")); }), 4);
+        bottom->addWidget(makeKey(
+            QStringLiteral(","), [] { type(Qt::Key_Comma, QStringLiteral(",")); },
+            QStringLiteral("KEY_COMMA")));
+        bottom->addWidget(makeKey(
+                              QStringLiteral("space"),
+                              [] { type(Qt::Key_Space, QStringLiteral(" ")); },
+                              QStringLiteral("KEY_SPACE")),
+                          4);
         if (ZDDevice::isTablet()) {
-            bottom->addWidget(makeKey(QStringLiteral("split"), [] {
-                ZDKeyboard::shared().setSplit(!ZDKeyboard::shared().isSplit());
-            }));
+            bottom->addWidget(makeKey(
+                QStringLiteral("split"),
+                [] { ZDKeyboard::shared().setSplit(!ZDKeyboard::shared().isSplit()); },
+                QStringLiteral("KEY_SPLIT")));
         }
-        bottom->addWidget(
-            makeKey(QStringLiteral("return"), [] { type(Qt::Key_Return, QStringLiteral("\r")); }),
-            2);
+        bottom->addWidget(makeKey(
+                              QStringLiteral("return"),
+                              [] { type(Qt::Key_Return, QStringLiteral("\r")); },
+                              QStringLiteral("KEY_RETURN")),
+                          2);
         layout->addLayout(bottom);
     }
 
@@ -125,10 +139,15 @@ protected:
     }
 
 private:
-    QPushButton *makeKey(const QString &label, std::function<void()> action)
+    // A key never takes the focus (the field being typed into keeps it); a
+    // screen reader hears it by its letter or, for a symbol, by `spokenKey`.
+    QPushButton *makeKey(const QString &label, std::function<void()> action,
+                         const QString &spokenKey = QString())
     {
         auto *button = new QPushButton(label, this);
         button->setFocusPolicy(Qt::NoFocus);
+        if (!spokenKey.isEmpty())
+            button->setAccessibleName(ZDLocalizedString(spokenKey));
         button->setMinimumHeight(38);
         button->setFont(zdstyle::font(18));
         button->setStyleSheet(QStringLiteral(
@@ -142,6 +161,14 @@ private:
 
     bool m_shift = false;
 };
+
+bool ZDKeyboard::hasTouchScreen()
+{
+    const auto devices = QInputDevice::devices();
+    return std::any_of(devices.begin(), devices.end(), [](const QInputDevice *device) {
+        return device->type() == QInputDevice::DeviceType::TouchScreen;
+    });
+}
 
 ZDKeyboard &ZDKeyboard::shared()
 {

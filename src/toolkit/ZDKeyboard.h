@@ -25,6 +25,11 @@ ZD_EXPORT extern const QString ZDKeyboardDidHideNotification;
 // slides away when no text field has the focus or when ordered out. On a tablet
 // it can be split in two halves.
 //
+// The panel is off by default: a desktop types on its physical keyboard, and a
+// panel over the fields would only hide them. Hosts turn it on where fingers
+// type (hasTouchScreen()) and tests turn it on to drive it; its keys never
+// take the focus and are named for screen readers.
+//
 // Notification contract: one did-show after each slide-up completes, one
 // did-hide after each slide-away completes, on the main thread.
 class ZD_EXPORT ZDKeyboard : public QObject
@@ -39,6 +44,9 @@ public:
 
     // The keyboard's size in portrait across a view `width` points wide.
     static QSizeF defaultSize(int width) { return QSizeF(width, 216.0); }
+
+    // A touch screen is attached: the case for turning the panel on.
+    static bool hasTouchScreen();
 
     bool isEnabled() const { return m_enabled; }
     void setEnabled(bool enabled);

@@ -78,7 +78,9 @@ QWidget *ZDNavigationController::loadView()
     for (QPushButton *button : {m_leftButton.data(), m_rightButton.data()}) {
         button->setFlat(true);
         button->setCursor(Qt::PointingHandCursor);
-        button->setFocusPolicy(Qt::NoFocus);
+        // Reached with Tab after the root's own controls; Space or Return presses.
+        button->setFocusPolicy(Qt::StrongFocus);
+        button->setAutoDefault(true);
         button->setStyleSheet(zdstyle::barButtonStyleSheet());
     }
     barLayout->addWidget(m_leftButton);
@@ -132,6 +134,9 @@ void ZDNavigationController::updateBar()
         return;
     ZDNavigationItem *item = m_root->navigationItem();
     static_cast<TitleLabel *>(m_titleLabel.data())->setTitle(item->title());
+    // Screen readers name the page (the bar's parent) by the bar's title.
+    if (QWidget *page = m_titleLabel->parentWidget()->parentWidget())
+        page->setAccessibleName(item->title());
     const auto apply = [](QPushButton *button, const ZDBarButtonItem *barItem) {
         button->setVisible(barItem != nullptr);
         if (!barItem)

@@ -1,12 +1,17 @@
 #include "toolkit/ZDPickerView.h"
 
+#include "toolkit/ZDAccessible_p.h"
 #include "toolkit/ZDDevice.h"
 #include "toolkit/ZDStyle_p.h"
 
+#include <QAccessible>
 #include <QApplication>
+#include <QDateTime>
+#include <QKeyEvent>
 #include <QLinearGradient>
 #include <QMouseEvent>
 #include <QPainter>
+#include <QStyle>
 #include <QVariantAnimation>
 #include <QWheelEvent>
 
@@ -28,7 +33,9 @@ void ZDPickerViewDelegate::pickerViewDidSelectRowInComponent(ZDPickerView *, int
 
 ZDPickerView::ZDPickerView(QWidget *parent) : QWidget(parent)
 {
+    zdaccessible::install();
     setAttribute(Qt::WA_OpaquePaintEvent);
+    setFocusPolicy(Qt::StrongFocus);
     m_settle = new QVariantAnimation(this);
     m_settle->setDuration(200);
     m_settle->setEasingCurve(QEasingCurve::OutCubic);
@@ -90,9 +97,26 @@ void ZDPickerView::selectRowInComponent(int row, int component, bool animated)
     if (!animated) {
         c.offset = row * c.rowHeight;
         update();
+        announceValue();
         return;
     }
     settle(component, row, false);
+}
+
+QString ZDPickerView::titleForRowInComponent(int row, int component) const
+{
+    ZDPickerViewDelegate *delegate = m_delegate.get();
+    if (!delegate || row < 0 || row >= numberOfRowsInComponent(component))
+        return QString();
+    return delegate
+        ->pickerViewTitleForRowForComponent(const_cast<ZDPickerView *>(this), row, component)
+        .value_or(QString());
+}
+
+void ZDPickerView::announceValue()
+{
+    QAccessibleValueChangeEvent event(this, selectedRowInComponent(0));
+    QAccessible::updateAccessibility(&event);
 }
 
 QRect ZDPickerView::componentRect(int component) const
@@ -128,6 +152,7 @@ void ZDPickerView::settle(int component, int row, bool notify)
         }
     });
     m_settle->start();
+    announceValue();
     if (notify) {
         if (ZDPickerViewDelegate *delegate = m_delegate.get())
             delegate->pickerViewDidSelectRowInComponent(this, row, component);
@@ -185,6 +210,86 @@ void ZDPickerView::wheelEvent(QWheelEvent *event)
     settle(component, std::clamp(c.selected + steps, 0, c.rows - 1), true);
 }
 
+void ZDPickerView::keyPressEvent(QKeyEvent *event)
+{
+    if (m_components.isEmpty() || m_components[0].rows == 0) {
+        QWidget::keyPressEvent(event);
+        return;
+    }
+    const Component &c = m_components[0];
+    const int page = std::max(1, int(height() / c.rowHeight) - 1);
+    int row = c.selected;
+    switch (event->key()) {
+    case Qt::Key_Up:
+        row -= 1;
+        break;
+    case Qt::Key_Down:
+        row += 1;
+        break;
+    case Qt::Key_PageUp:
+        row -= page;
+        break;
+    case Qt::Key_PageDown:
+        row += page;
+        break;
+    case Qt::Key_Home:
+        row = 0;
+        break;
+    case Qt::Key_End:
+        row = c.rows - 1;
+        break;
+    default: {
+        const QString text = event->text();
+        if (text.isEmpty() || !text.front().isPrint() ||
+            (event->modifiers() & (Qt::ControlModifier | Qt::AltModifier))) {
+            QWidget::keyPressEvent(event);
+            return;
+        }
+        // Letters typed in quick succession search for a longer start.
+        const qint64 now = QDateTime::currentMSecsSinceEpoch();
+        if (now - m_typedAt > QApplication::keyboardInputInterval())
+            m_typed.clear();
+        m_typedAt = now;
+        m_typed += text;
+        const auto startsWithTyped = [this](int r) {
+            return titleForRowInComponent(r, 0).startsWith(m_typed, Qt::CaseInsensitive);
+        };
+        // A single letter (typed anew or repeated) steps on to the next row
+        // that starts with it; a longer start may stay on the current row.
+        if (m_typed.size() == 2 && m_typed[0] == m_typed[1])
+            m_typed.chop(1);
+        const int from = m_typed.size() == 1 ? 1 : 0;
+        int found = -1;
+        for (int i = from; i < c.rows + from && found < 0; ++i) {
+            const int r = (c.selected + i) % c.rows;
+            if (startsWithTyped(r))
+                found = r;
+        }
+        event->accept();
+        if (found < 0 || found == c.selected)
+            return;
+        settle(0, found, true);
+        return;
+    }
+    }
+    event->accept();
+    row = std::clamp(row, 0, c.rows - 1);
+    if (row != c.selected)
+        settle(0, row, true);
+}
+
+void ZDPickerView::focusInEvent(QFocusEvent *event)
+{
+    QWidget::focusInEvent(event);
+    update();
+}
+
+void ZDPickerView::focusOutEvent(QFocusEvent *event)
+{
+    QWidget::focusOutEvent(event);
+    update();
+}
+
 void ZDPickerView::paintEvent(QPaintEvent *)
 {
     QPainter painter(this);
@@ -200,10 +305,12 @@ void ZDPickerView::paintEvent(QPaintEvent *)
         const Component &c = m_components[ci];
         const QRect area = componentRect(ci).adjusted(2, 8, -2, -8);
         QLinearGradient wheel(0, area.top(), 0, area.bottom());
-        wheel.setColorAt(0, QColor(0x9a, 0x9a, 0x9a));
-        wheel.setColorAt(0.2, Qt::white);
-        wheel.setColorAt(0.8, Qt::white);
-        wheel.setColorAt(1, QColor(0x9a, 0x9a, 0x9a));
+        const QColor base = palette().color(QPalette::Base);
+        const QColor rim = base.lightnessF() > 0.5 ? base.darker(160) : base.lighter(160);
+        wheel.setColorAt(0, rim);
+        wheel.setColorAt(0.2, base);
+        wheel.setColorAt(0.8, base);
+        wheel.setColorAt(1, rim);
         painter.setPen(QColor(0x22, 0x22, 0x22));
         painter.setBrush(wheel);
         painter.drawRoundedRect(area, 4, 4);
@@ -221,10 +328,13 @@ void ZDPickerView::paintEvent(QPaintEvent *)
             // Rows further from the middle fade, like the far side of a wheel.
             const qreal distance = std::min(1.0, std::abs(centre - middle) / middle);
             painter.setOpacity(1.0 - 0.6 * distance);
-            painter.setPen(Qt::black);
+            painter.setPen(palette().color(QPalette::Text));
+            // Leading alignment: the titles start at the right in a right-to-left layout.
             painter.drawText(
                 QRectF(area.left() + 12, centre - c.rowHeight / 2, area.width() - 24, c.rowHeight),
-                Qt::AlignVCenter | Qt::AlignLeft, *title);
+                int(QStyle::visualAlignment(layoutDirection(),
+                                            Qt::AlignVCenter | Qt::AlignLeading)),
+                *title);
         }
         painter.restore();
     }
@@ -237,5 +347,11 @@ void ZDPickerView::paintEvent(QPaintEvent *)
         painter.setPen(QColor(0x55, 0x5f, 0x80));
         painter.setBrush(glass);
         painter.drawRoundedRect(band, 3, 3);
+    }
+    if (hasFocus()) {
+        // The keyboard focus: a ring in the palette's highlight around the band.
+        painter.setPen(QPen(palette().color(QPalette::Highlight), 3));
+        painter.setBrush(Qt::NoBrush);
+        painter.drawRoundedRect(QRectF(3, middle - 24, width() - 6, 48), 4, 4);
     }
 }

@@ -30,8 +30,17 @@ public:
 // turns the mouse wheel, or taps a row above or below the middle) and the row
 // that settles under the selection indicator is selected.
 //
+// The wheel takes the keyboard focus (click or Tab): Up and Down turn the first
+// component by one row, Page Up and Page Down by the rows the wheel shows at
+// once, Home and End to the first and last row, and typing the start of a title
+// turns to the next row whose title starts with what was typed (letters typed
+// in quick succession add up, as in a list; one letter pressed again and again
+// steps through the rows that start with it). Screen readers hear it as a combo
+// whose value is the selected title and whose choices are the rows.
+//
 // Callback contract: pickerViewDidSelectRowInComponent() arrives once each time
-// a user gesture settles on a row, never for selectRowInComponent().
+// a user gesture (pointer or key) settles on a row, never for
+// selectRowInComponent(); a key that would not move the wheel sends nothing.
 class ZD_EXPORT ZDPickerView : public QWidget
 {
     Q_OBJECT
@@ -52,6 +61,8 @@ public:
     // 0 for a wheel never turned; -1 for a component without rows.
     int selectedRowInComponent(int component) const;
     void selectRowInComponent(int row, int component, bool animated);
+    // The delegate's title for a row; empty when it has none.
+    QString titleForRowInComponent(int row, int component) const;
 
 protected:
     void paintEvent(QPaintEvent *event) override;
@@ -59,6 +70,9 @@ protected:
     void mouseMoveEvent(QMouseEvent *event) override;
     void mouseReleaseEvent(QMouseEvent *event) override;
     void wheelEvent(QWheelEvent *event) override;
+    void keyPressEvent(QKeyEvent *event) override;
+    void focusInEvent(QFocusEvent *event) override;
+    void focusOutEvent(QFocusEvent *event) override;
 
 private:
     struct Component
@@ -71,6 +85,7 @@ private:
     int componentAt(const QPoint &point) const;
     QRect componentRect(int component) const;
     void settle(int component, int row, bool notify);
+    void announceValue();
 
     ZDWeakRef<ZDPickerViewDelegate> m_delegate;
     QList<Component> m_components;
@@ -80,4 +95,6 @@ private:
     qreal m_dragStartOffset = 0;
     bool m_dragMoved = false;
     QVariantAnimation *m_settle = nullptr;
+    QString m_typed; // the start of a title typed so far
+    qint64 m_typedAt = 0;
 };

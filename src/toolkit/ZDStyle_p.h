@@ -4,26 +4,43 @@
 
 #include <QColor>
 #include <QFont>
+#include <QGuiApplication>
 #include <QPalette>
 #include <QString>
 
 namespace zdstyle {
 
+// The application palette is a dark one (a dark system colour scheme, or a host
+// that set dark colours): the groups turn dark and their text light. A light
+// palette keeps the classic colours.
+inline bool isDark()
+{
+    const QPalette palette = QGuiApplication::palette();
+    return palette.color(QPalette::Window).lightness() <
+           palette.color(QPalette::WindowText).lightness();
+}
+
 inline QColor groupedBackground()
 {
-    return QColor(0xd8, 0xdc, 0xe3);
+    return isDark() ? QGuiApplication::palette().color(QPalette::Window).darker(130)
+                    : QColor(0xd8, 0xdc, 0xe3);
 }
 inline QColor cellBackground()
 {
-    return Qt::white;
+    return isDark() ? QGuiApplication::palette().color(QPalette::Base) : QColor(Qt::white);
+}
+// Text on a row: the palette's text in the dark, black in the classic look.
+inline QColor cellText()
+{
+    return isDark() ? QGuiApplication::palette().color(QPalette::Text) : QColor(Qt::black);
 }
 inline QColor cellBorder()
 {
-    return QColor(0xab, 0xb0, 0xb8);
+    return isDark() ? QColor(0x5a, 0x5e, 0x66) : QColor(0xab, 0xb0, 0xb8);
 }
 inline QColor separator()
 {
-    return QColor(0xe0, 0xe0, 0xe0);
+    return isDark() ? QColor(0x44, 0x47, 0x4e) : QColor(0xe0, 0xe0, 0xe0);
 }
 inline QColor selectionTop()
 {
@@ -37,15 +54,15 @@ inline QColor selectionBottom()
 // detail text.
 inline QColor tableBlue()
 {
-    return QColor(0x38, 0x54, 0x87);
+    return isDark() ? QColor(0x8a, 0xb4, 0xf8) : QColor(0x38, 0x54, 0x87);
 }
 inline QColor footerText()
 {
-    return QColor(0x4c, 0x56, 0x6c);
+    return isDark() ? QColor(0xb0, 0xb6, 0xc2) : QColor(0x4c, 0x56, 0x6c);
 }
 inline QColor barTint()
 {
-    return QColor(0x6d, 0x84, 0xa2);
+    return isDark() ? QColor(0x2f, 0x3a, 0x4a) : QColor(0x6d, 0x84, 0xa2);
 }
 
 inline QFont font(int pointSize, QFont::Weight weight = QFont::Normal)

@@ -1,16 +1,21 @@
 #include "toolkit/ZDTableView.h"
 
+#include "toolkit/ZDAccessible_p.h"
 #include "toolkit/ZDDevice.h"
 #include "toolkit/ZDSlide_p.h"
 #include "toolkit/ZDStyle_p.h"
 #include "toolkit/ZDTableViewCell.h"
 
 #include <QApplication>
+#include <QKeyEvent>
+#include <QLineEdit>
 #include <QMouseEvent>
 #include <QPainter>
 #include <QPainterPath>
+#include <QPlainTextEdit>
 #include <QPropertyAnimation>
 #include <QScrollBar>
+#include <QTextEdit>
 
 #include <algorithm>
 
@@ -111,6 +116,36 @@ private:
     ZDTableView *m_table;
 };
 
+// The mark of the row that holds the keyboard focus: a ring laid over the row,
+// a child of it so that it follows the row wherever it moves.
+class ZDTableView::FocusRing : public QWidget
+{
+public:
+    FocusRing()
+    {
+        setAttribute(Qt::WA_TransparentForMouseEvents);
+        setFocusPolicy(Qt::NoFocus);
+        hide();
+    }
+
+    void attach(QWidget *row)
+    {
+        setParent(row);
+        setGeometry(row->rect());
+        raise();
+        show();
+    }
+
+protected:
+    void paintEvent(QPaintEvent *) override
+    {
+        QPainter painter(this);
+        painter.setRenderHint(QPainter::Antialiasing);
+        painter.setPen(QPen(palette().color(QPalette::Highlight), 3));
+        painter.drawRoundedRect(QRectF(rect()).adjusted(2, 2, -2, -2), 6, 6);
+    }
+};
+
 // --- the table ---------------------------------------------------------------
 
 ZDTableView::ZDTableView(QWidget *parent) : QScrollArea(parent)
@@ -120,9 +155,9 @@ ZDTableView::ZDTableView(QWidget *parent) : QScrollArea(parent)
     setWidgetResizable(false);
     setFrameShape(QFrame::NoFrame);
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
-    // A tap on a row never takes the keyboard focus from the field being
-    // edited; the keyboard still reaches the table with Tab.
-    setFocusPolicy(Qt::TabFocus);
+    // The rows are the stops, not the table around them.
+    setFocusPolicy(Qt::NoFocus);
+    zdaccessible::install();
     m_content->installEventFilter(this);
     viewport()->installEventFilter(this);
     connect(verticalScrollBar(), &QScrollBar::sliderPressed, this, &ZDTableView::willBeginDragging);
@@ -130,6 +165,7 @@ ZDTableView::ZDTableView(QWidget *parent) : QScrollArea(parent)
 
 ZDTableView::~ZDTableView()
 {
+    delete m_focusRing;
     // Cells and the footer view belong to others: give them back before the
     // content widget deletes its children.
     for (const Section &section : std::as_const(m_sections)) {
@@ -252,13 +288,90 @@ void ZDTableView::place(ZDTableViewCell *cell)
         return;
     cell->setParent(m_content);
     cell->installEventFilter(this);
+    // A row without an editor of its own is a Tab stop itself (never a click
+    // one: a tap leaves the focus to the delegate).
+    if (focusStop(cell) == nullptr && cell->focusPolicy() == Qt::NoFocus)
+        cell->setFocusPolicy(Qt::TabFocus);
     cell->show();
+}
+
+// The widget of a row that the Tab chain stops at: its first editor, else the
+// row itself when it takes the focus, else none.
+QWidget *ZDTableView::focusStop(ZDTableViewCell *cell)
+{
+    if (!cell)
+        return nullptr;
+    for (QObject *child : cell->children()) {
+        auto *widget = qobject_cast<QWidget *>(child);
+        if (widget &&
+            (qobject_cast<QLineEdit *>(widget) || qobject_cast<QTextEdit *>(widget) ||
+             qobject_cast<QPlainTextEdit *>(widget)) &&
+            (widget->focusPolicy() & Qt::TabFocus))
+            return widget;
+    }
+    return cell->focusPolicy() & Qt::TabFocus ? cell : nullptr;
+}
+
+// Puts the rows' stops into the window's Tab chain right after the table, in
+// reading order, followed by the footer view's controls.
+void ZDTableView::chainFocus()
+{
+    QList<QWidget *> stops;
+    for (const Section &section : std::as_const(m_sections)) {
+        for (const Row &row : section.rows) {
+            if (QWidget *stop = focusStop(row.cell))
+                stops << stop;
+        }
+    }
+    if (m_footerView && m_footerView->parent() == m_content) {
+        if (m_footerView->focusPolicy() & Qt::TabFocus)
+            stops << m_footerView;
+        for (QWidget *child : m_footerView->findChildren<QWidget *>()) {
+            if (child->focusPolicy() & Qt::TabFocus)
+                stops << child;
+        }
+    }
+    QWidget *previous = this;
+    for (QWidget *stop : std::as_const(stops)) {
+        QWidget::setTabOrder(previous, stop);
+        previous = stop;
+    }
+}
+
+bool ZDTableView::moveFocusFrom(ZDTableViewCell *cell, int step)
+{
+    const std::optional<ZDIndexPath> from = indexPathForCell(cell);
+    if (!from)
+        return false;
+    for (int r = from->row + step; r >= 0 && r < numberOfRowsInSection(from->section); r += step) {
+        if (QWidget *stop = focusStop(cellForRowAtIndexPath({from->section, r}))) {
+            scrollToRowAtIndexPath({from->section, r}, ScrollPosition::None, false);
+            stop->setFocus(step > 0 ? Qt::TabFocusReason : Qt::BacktabFocusReason);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool ZDTableView::activateRowAtIndexPath(ZDIndexPath indexPath)
+{
+    ZDTableViewCell *cell = cellForRowAtIndexPath(indexPath);
+    if (!cell || !cell->isUserInteractionEnabled())
+        return false;
+    selectRowAtIndexPath(indexPath, false, ScrollPosition::None);
+    if (ZDTableViewDelegate *delegate = m_delegate.get())
+        delegate->tableViewDidSelectRowAtIndexPath(this, indexPath);
+    return true;
 }
 
 void ZDTableView::release(ZDTableViewCell *cell)
 {
     if (!cell || cell->parent() != m_content)
         return;
+    if (m_focusRing && m_focusRing->parent() == cell) {
+        m_focusRing->hide();
+        m_focusRing->setParent(nullptr);
+    }
     cell->removeEventFilter(this);
     cell->hide();
     cell->setHighlighted(false);
@@ -344,7 +457,12 @@ void ZDTableView::layoutContent(bool animated)
             m_leaving.removeAll(cell);
         }
     }
+    for (const auto &inserted : std::as_const(m_pending)) {
+        if (inserted.inserted && inserted.cell)
+            zdaccessible::notify(inserted.cell, QAccessible::ObjectCreated);
+    }
     m_pending.clear();
+    chainFocus();
     m_content->resize(width, qRound(y + m_insetBottom));
     m_content->update();
 }
@@ -544,6 +662,44 @@ bool ZDTableView::eventFilter(QObject *watched, QEvent *event)
         return QScrollArea::eventFilter(watched, event);
 
     switch (event->type()) {
+    case QEvent::FocusIn:
+        if (cell) {
+            if (!m_focusRing)
+                m_focusRing = new FocusRing;
+            m_focusRing->attach(cell);
+            if (const auto indexPath = indexPathForCell(cell))
+                scrollToRowAtIndexPath(*indexPath, ScrollPosition::None, false);
+        }
+        return false;
+    case QEvent::FocusOut:
+        if (m_focusRing && m_focusRing->parent() == cell)
+            m_focusRing->hide();
+        return false;
+    case QEvent::Resize:
+        if (m_focusRing && m_focusRing->parent() == cell)
+            m_focusRing->setGeometry(cell->rect());
+        return false;
+    case QEvent::KeyPress: {
+        // Keys the row's own editor left alone reach the row here too.
+        auto *key = static_cast<QKeyEvent *>(event);
+        if (!cell || (key->modifiers() & ~Qt::KeypadModifier) != Qt::NoModifier)
+            return false;
+        switch (key->key()) {
+        case Qt::Key_Up:
+        case Qt::Key_Down:
+            return moveFocusFrom(cell, key->key() == Qt::Key_Up ? -1 : 1);
+        case Qt::Key_Space:
+        case Qt::Key_Return:
+        case Qt::Key_Enter:
+            if (QApplication::focusWidget() != cell)
+                return false;
+            if (const auto indexPath = indexPathForCell(cell))
+                activateRowAtIndexPath(*indexPath);
+            return true;
+        default:
+            return false;
+        }
+    }
     case QEvent::MouseButtonPress: {
         auto *mouse = static_cast<QMouseEvent *>(event);
         if (mouse->button() != Qt::LeftButton)
@@ -590,9 +746,7 @@ bool ZDTableView::eventFilter(QObject *watched, QEvent *event)
                 pressed->setHighlighted(false);
             return true;
         }
-        selectRowAtIndexPath(*indexPath, false, ScrollPosition::None);
-        if (ZDTableViewDelegate *delegate = m_delegate.get())
-            delegate->tableViewDidSelectRowAtIndexPath(this, *indexPath);
+        activateRowAtIndexPath(*indexPath);
         return true;
     }
     default:

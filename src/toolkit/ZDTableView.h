@@ -54,9 +54,19 @@ public:
 // background, with an optional header view above and footer text below, and an
 // optional table footer view after the last section.
 //
+// Keyboard: every row is one stop of the window's Tab chain, in reading order
+// (a row holding a text editor is reached in its editor, any other row takes
+// the focus itself, and the table footer view's controls follow the last row);
+// the table itself is no stop. Up and Down move the focus to the previous or
+// next row of the same section; Space, Return and Enter on a focused row do
+// what a tap does (activateRowAtIndexPath()). The focused row wears a ring in
+// the palette's highlight colour. A click never moves the focus to a row, so a
+// tap leaves the keyboard focus where the delegate puts it.
+//
 // Callback contract: the delegate hears tableViewDidSelectRowAtIndexPath() when
-// the user presses and releases on the same row that takes touches; it may
-// change the table (deselect, insert or delete rows) from inside.
+// the user presses and releases on the same row that takes touches, or
+// activates it by key or through assistive technology; it may change the table
+// (deselect, insert or delete rows) from inside.
 // scrollViewWillBeginDragging() arrives once per drag, wheel turn or scroll-bar
 // drag. Data source and delegate are not owned and may be destroyed first.
 class ZD_EXPORT ZDTableView : public QScrollArea
@@ -89,6 +99,9 @@ public:
     // Selects a row without telling the delegate.
     void selectRowAtIndexPath(ZDIndexPath indexPath, bool animated, ScrollPosition position);
     void deselectRowAtIndexPath(ZDIndexPath indexPath, bool animated);
+    // Does what a tap on the row does: selects it and tells the delegate. A row
+    // that does not take touches is left alone (false).
+    bool activateRowAtIndexPath(ZDIndexPath indexPath);
 
     // Scrolls the row to a place in the visible area: the viewport less the
     // bottom inset, which stands for whatever covers the table's foot.
@@ -136,6 +149,7 @@ private:
         QRect footerFrame;
     };
     class Content;
+    class FocusRing;
 
     Row makeRow(ZDIndexPath indexPath);
     void refreshHeaders();
@@ -144,6 +158,9 @@ private:
     void place(ZDTableViewCell *cell);
     void release(ZDTableViewCell *cell);
     void willBeginDragging();
+    void chainFocus();
+    bool moveFocusFrom(ZDTableViewCell *cell, int step);
+    static QWidget *focusStop(ZDTableViewCell *cell);
     ZDTableViewCell *cellAt(const QPoint &contentPoint) const;
 
     QPointer<Content> m_content;
@@ -164,6 +181,7 @@ private:
     };
     QList<PendingAnimation> m_pending;
     QList<QPointer<ZDTableViewCell>> m_leaving;
+    QPointer<FocusRing> m_focusRing;
 
     // Touch tracking: the row under a press, and a drag in progress.
     QPointer<ZDTableViewCell> m_pressedCell;

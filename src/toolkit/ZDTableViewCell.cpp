@@ -2,10 +2,12 @@
 
 #include "toolkit/ZDStyle_p.h"
 
+#include <QAccessible>
 #include <QLabel>
 #include <QLinearGradient>
 #include <QPainter>
 #include <QPainterPath>
+#include <QStyle>
 #include <QVariantAnimation>
 
 namespace {
@@ -23,6 +25,7 @@ ZDTableViewCell::ZDTableViewCell(Style style, QWidget *parent) : QWidget(parent)
         m_detailLabel->setFont(zdstyle::font(17));
         m_detailLabel->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
     }
+    m_textColor = zdstyle::cellText();
     applyTextColors();
     setAttribute(Qt::WA_Hover, false);
 }
@@ -33,15 +36,23 @@ void ZDTableViewCell::setAccessoryType(Accessory accessory)
 {
     if (m_accessory == accessory)
         return;
+    const bool wasChecked = m_accessory == Accessory::Checkmark;
     m_accessory = accessory;
     layoutContents();
     update();
+    if (wasChecked != (accessory == Accessory::Checkmark)) {
+        // A checkmark that comes or goes is a choice made or undone.
+        QAccessible::State changed;
+        changed.checked = true;
+        QAccessibleStateChangeEvent event(this, changed);
+        QAccessible::updateAccessibility(&event);
+    }
 }
 
 void ZDTableViewCell::setChosen(bool chosen)
 {
     m_chosen = chosen;
-    setTextColor(chosen ? zdstyle::tableBlue() : QColor(Qt::black));
+    setTextColor(chosen ? zdstyle::tableBlue() : zdstyle::cellText());
     setAccessoryType(chosen ? Accessory::Checkmark : Accessory::None);
 }
 
@@ -111,24 +122,42 @@ void ZDTableViewCell::setGroupPosition(bool first, bool last)
     update();
 }
 
-QRect ZDTableViewCell::contentRect() const
+// The content area as laid out left to right; contentRect() mirrors it.
+static QRect logicalContentRect(const QRect &bounds, bool accessory)
 {
-    QRect area = rect().adjusted(zdstyle::kCellPadding, 0, -zdstyle::kCellPadding, 0);
-    if (m_accessory != Accessory::None)
+    QRect area = bounds.adjusted(zdstyle::kCellPadding, 0, -zdstyle::kCellPadding, 0);
+    if (accessory)
         area.setRight(area.right() - kAccessoryWidth + zdstyle::kCellPadding);
     return area;
 }
 
+QRect ZDTableViewCell::contentRect() const
+{
+    return QStyle::visualRect(layoutDirection(), rect(),
+                              logicalContentRect(rect(), m_accessory != Accessory::None));
+}
+
 void ZDTableViewCell::layoutContents()
 {
-    const QRect area = contentRect();
+    const QRect area = logicalContentRect(rect(), m_accessory != Accessory::None);
+    const auto place = [this](QWidget *widget, const QRect &logical) {
+        widget->setGeometry(QStyle::visualRect(layoutDirection(), rect(), logical));
+    };
     if (!m_detailLabel) {
-        m_textLabel->setGeometry(area);
+        place(m_textLabel, area);
         return;
     }
+    // The label leads and the detail trails, whichever way the text runs.
     const int split = area.left() + area.width() * 2 / 5;
-    m_textLabel->setGeometry(QRect(area.topLeft(), QPoint(split, area.bottom())));
-    m_detailLabel->setGeometry(QRect(QPoint(split + 6, area.top()), area.bottomRight()));
+    place(m_textLabel, QRect(area.topLeft(), QPoint(split, area.bottom())));
+    place(m_detailLabel, QRect(QPoint(split + 6, area.top()), area.bottomRight()));
+}
+
+void ZDTableViewCell::changeEvent(QEvent *event)
+{
+    QWidget::changeEvent(event);
+    if (event->type() == QEvent::LayoutDirectionChange)
+        layoutContents();
 }
 
 void ZDTableViewCell::resizeEvent(QResizeEvent *event)
@@ -162,7 +191,10 @@ void ZDTableViewCell::paintEvent(QPaintEvent *)
         const QColor colour = m_highlight > 0 ? QColor(Qt::white) : zdstyle::tableBlue();
         QPen pen(colour, 2.6, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin);
         painter.setPen(pen);
-        const QPointF c(width() - zdstyle::kCellPadding - 9, height() / 2.0);
+        // The checkmark trails: at the left edge in a right-to-left layout.
+        const qreal x = layoutDirection() == Qt::RightToLeft ? zdstyle::kCellPadding + 9
+                                                             : width() - zdstyle::kCellPadding - 9;
+        const QPointF c(x, height() / 2.0);
         const QPointF points[] = {c + QPointF(-6, 0), c + QPointF(-2, 5), c + QPointF(6, -6)};
         painter.drawPolyline(points, 3);
     }

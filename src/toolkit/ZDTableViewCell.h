@@ -14,6 +14,16 @@ class QVariantAnimation;
 // layoutContents(), keeping clear of contentRect()'s outside.
 //
 // A cell belongs to whoever made it; a table only shows it.
+//
+// Screen readers hear a row as: a panel around its text editor when it holds
+// one (the editor speaks for itself), a radio-like choice when a row of its
+// section carries a checkmark (checked while it carries one), a combo with the
+// detail text as its value in the value style, and a button otherwise. The
+// name is the text label followed by any other visible label (brackets
+// dropped: "Standard, 286.1 MB"); setAccessibleName() replaces it. A row that
+// does not take touches is announced unavailable, and a checkmark that comes
+// or goes sends an accessibility state change. Under a right-to-left layout
+// direction the labels and the checkmark are mirrored.
 class ZD_EXPORT ZDTableViewCell : public QWidget
 {
     Q_OBJECT
@@ -30,7 +40,8 @@ public:
     // Null in the default style.
     QLabel *detailTextLabel() const { return m_detailLabel; }
 
-    // The text label's colour when the row is not highlighted (black by default).
+    // The text label's colour when the row is not highlighted (black by
+    // default; the palette's text colour under a dark application palette).
     QColor textColor() const { return m_textColor; }
     void setTextColor(const QColor &colour);
 
@@ -66,6 +77,7 @@ protected:
     QRect contentRect() const;
     void paintEvent(QPaintEvent *event) override;
     void resizeEvent(QResizeEvent *event) override;
+    void changeEvent(QEvent *event) override;
     virtual void highlightChanged(bool highlighted);
     // Places the labels (and a subclass's widgets) in contentRect(); runs when
     // the cell's size or its accessory changes.

@@ -204,6 +204,36 @@ private Q_SLOTS:
                  qPrintable(run.output));
     }
 
+    void publishingByKeyboardAloneNeedsNoMouse()
+    {
+        QTemporaryDir data;
+        Service service(data.path());
+        QVERIFY(service.start());
+        const QString video = m_files.filePath(u"keys.mp4"_s);
+        writeRandomFile(video, 512 * 1024 + 3);
+        const HostRun run =
+            runHost(service, video,
+                    {u"--keyboard-only"_s, u"--title"_s,
+                     u"By keys \u2014 \u0645\u0641\u0627\u062A\u064A\u062D"_s, u"--description"_s,
+                     u"No mouse was harmed."_s, u"--tags"_s, u"tab,space"_s, u"--category"_s,
+                     u"Pets & Animals"_s, u"--access"_s, u"unlisted"_s, u"--hd"_s});
+        QVERIFY2(run.exitCode == kPublished, qPrintable(run.output));
+        QVERIFY2(run.output.contains(u"hears \"Sign-In Failed\""_s), qPrintable(run.output));
+        QVERIFY2(run.output.contains(u"reached the result page with 0 mouse events"_s),
+                 qPrintable(run.output));
+        const QStringList published = service.published();
+        QCOMPARE(published.size(), 1);
+        const QJsonObject meta = service.meta(published.first());
+        QCOMPARE(meta.value(u"title").toString(),
+                 u"By keys \u2014 \u0645\u0641\u0627\u062A\u064A\u062D"_s);
+        QCOMPARE(meta.value(u"description").toString(), u"No mouse was harmed."_s);
+        QCOMPARE(meta.value(u"tags").toArray().toVariantList(),
+                 QVariantList({u"tab"_s, u"space"_s}));
+        QCOMPARE(meta.value(u"category").toString(), u"animals"_s);
+        QCOMPARE(meta.value(u"access").toString(), u"unlisted"_s);
+        QCOMPARE(md5Of(service.storedVideo(published.first())), md5Of(video));
+    }
+
     void refusalReachesTheHostSheetWithTheServicesReason()
     {
         QTemporaryDir data;

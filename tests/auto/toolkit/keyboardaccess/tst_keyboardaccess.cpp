@@ -1,0 +1,542 @@
+// The toolkit without a mouse and without sight: Tab chains, row and wheel
+// keys, alerts' keys, and what Qt's accessibility layer reports of each widget.
+
+#include "toolkit/ZDAlertView.h"
+#include "toolkit/ZDDevice.h"
+#include "toolkit/ZDKeyboard.h"
+#include "toolkit/ZDNavigationController.h"
+#include "toolkit/ZDPickerView.h"
+#include "toolkit/ZDTableView.h"
+#include "toolkit/ZDTableViewCell.h"
+
+#include <QAccessible>
+#include <QApplication>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPushButton>
+#include <QTest>
+
+#include <memory>
+#include <vector>
+
+using namespace Qt::StringLiterals;
+
+namespace {
+
+// Section 0: a row with a text editor and a plain row; section 1: three choice
+// rows, the first checked and the last not taking touches; a footer button.
+class Form : public ZDTableViewDataSource, public ZDTableViewDelegate
+{
+public:
+    Form()
+    {
+        auto editorRow = std::make_unique<ZDTableViewCell>();
+        editor = new QLineEdit(editorRow.get());
+        editor->setAccessibleName(u"Title"_s);
+        rows.push_back({});
+        rows[0].push_back(std::move(editorRow));
+        rows[0].push_back(plain(u"Account"_s));
+        rows.push_back({});
+        for (const QString &name : {u"Small"_s, u"Medium"_s, u"Large"_s})
+            rows[1].push_back(plain(name));
+        rows[1][0]->setAccessoryType(ZDTableViewCell::Accessory::Checkmark);
+        rows[1][2]->setUserInteractionEnabled(false);
+        footer.resize(320, 40);
+        terms = new QPushButton(u"Terms"_s, &footer);
+    }
+    static std::unique_ptr<ZDTableViewCell> plain(const QString &text)
+    {
+        auto cell = std::make_unique<ZDTableViewCell>();
+        cell->textLabel()->setText(text);
+        return cell;
+    }
+    ZDTableViewCell *cell(int s, int r) { return rows[size_t(s)][size_t(r)].get(); }
+
+    int numberOfSectionsInTableView(ZDTableView *) override { return int(rows.size()); }
+    int tableViewNumberOfRowsInSection(ZDTableView *, int section) override
+    {
+        return int(rows[size_t(section)].size());
+    }
+    ZDTableViewCell *tableViewCellForRowAtIndexPath(ZDTableView *, ZDIndexPath ip) override
+    {
+        return rows[size_t(ip.section)][size_t(ip.row)].get();
+    }
+    void tableViewDidSelectRowAtIndexPath(ZDTableView *, ZDIndexPath ip) override
+    {
+        selected.append(ip);
+    }
+
+    std::vector<std::vector<std::unique_ptr<ZDTableViewCell>>> rows;
+    QLineEdit *editor = nullptr;
+    QWidget footer;
+    QPushButton *terms = nullptr;
+    QList<ZDIndexPath> selected;
+};
+
+struct Shown
+{
+    explicit Shown(Form &form)
+    {
+        window.resize(320, 480);
+        table = new ZDTableView(&window);
+        table->setGeometry(window.rect());
+        table->setDataSource(&form);
+        table->setDelegate(&form);
+        table->reloadData();
+        table->setTableFooterView(&form.footer);
+        window.show();
+        QApplication::setActiveWindow(&window);
+        QVERIFY(QTest::qWaitForWindowActive(&window));
+    }
+    ~Shown() { table->setTableFooterView(nullptr); }
+    QWidget window;
+    ZDTableView *table = nullptr;
+};
+
+// The widgets Tab visits from `start`, until it comes back.
+QList<QWidget *> tabRound(QWidget *start, Qt::Key key = Qt::Key_Tab)
+{
+    start->setFocus(Qt::OtherFocusReason);
+    QList<QWidget *> seen{start};
+    for (int i = 0; i < 20; ++i) {
+        QTest::keyClick(QApplication::focusWidget(), key);
+        if (QApplication::focusWidget() == start)
+            break;
+        seen << QApplication::focusWidget();
+    }
+    return seen;
+}
+
+QAccessibleInterface *accessible(QObject *object)
+{
+    return QAccessible::queryAccessibleInterface(object);
+}
+
+class Fruit : public ZDPickerViewDelegate
+{
+public:
+    int numberOfComponentsInPickerView(ZDPickerView *) override { return 1; }
+    int pickerViewNumberOfRowsInComponent(ZDPickerView *, int) override
+    {
+        return int(names.size());
+    }
+    std::optional<QString> pickerViewTitleForRowForComponent(ZDPickerView *, int row, int) override
+    {
+        return names.value(row);
+    }
+    void pickerViewDidSelectRowInComponent(ZDPickerView *, int row, int) override
+    {
+        picked.append(row);
+    }
+    QStringList names{u"Apple"_s,    u"Apricot"_s, u"Banana"_s, u"Cherry"_s,
+                      u"Chestnut"_s, u"Date"_s,    u"Fig"_s,    u"Grape"_s,
+                      u"Kiwi"_s,     u"Lemon"_s,   u"Lime"_s,   u"Mango"_s};
+    QList<int> picked;
+};
+
+class Recorder : public ZDAlertViewDelegate
+{
+public:
+    void alertViewWillDismissWithButtonIndex(ZDAlertView *, int index) override
+    {
+        dismissed.append(index);
+    }
+    QList<int> dismissed;
+};
+
+} // namespace
+
+class tst_KeyboardAccess : public QObject
+{
+    Q_OBJECT
+
+private Q_SLOTS:
+    void initTestCase()
+    {
+        QApplication::setKeyboardInputInterval(60 * 60 * 1000); // typed letters always add up
+        ZDDevice::setKind(ZDDeviceKind::Phone);
+    }
+
+    void tabVisitsRowsInReadingOrderThenTheFooterNotTheTable();
+    void rowsAddedLaterTakeTheirPlaceInTheTabChain();
+    void arrowsMoveWithinASectionAndKeysActivateLikeATap_data();
+    void arrowsMoveWithinASectionAndKeysActivateLikeATap();
+    void onlyTheFocusedRowWearsTheRing();
+    void wheelTurnsWithKeysAndTellsItsDelegateOnlyWhenItMoves_data();
+    void wheelTurnsWithKeysAndTellsItsDelegateOnlyWhenItMoves();
+    void alertKeepsTabInsideAndEscapeIsItsCancelButton();
+    void navigationBarButtonsComeAfterTheRootsControls();
+    void rowsAreAnnouncedWithRoleNameValueAndState();
+    void wheelIsAComboWithItsChoicesAndReportsItsValue();
+    void alertIsADialogWithItsMessageAndNamedFields();
+    void keyboardPanelKeysAreNamedAndNeverTakeTheFocus();
+};
+
+void tst_KeyboardAccess::tabVisitsRowsInReadingOrderThenTheFooterNotTheTable()
+{
+    Form form;
+    Shown shown(form);
+    const QList<QWidget *> expected{form.editor,     form.cell(0, 1), form.cell(1, 0),
+                                    form.cell(1, 1), form.cell(1, 2), form.terms};
+    QCOMPARE(tabRound(form.editor), expected);
+    // Shift+Tab goes the same way back.
+    QList<QWidget *> back = tabRound(form.editor, Qt::Key_Backtab);
+    std::reverse(back.begin() + 1, back.end());
+    QCOMPARE(back, expected);
+    QCOMPARE(shown.table->focusPolicy(), Qt::NoFocus);
+    // A click on a row leaves the focus where it was.
+    form.editor->setFocus();
+    QTest::mouseClick(shown.table->contentWidget(), Qt::LeftButton, {},
+                      shown.table->rectForRowAtIndexPath({1, 1}).center());
+    QCOMPARE(QApplication::focusWidget(), form.editor);
+    QCOMPARE(form.selected, (QList<ZDIndexPath>{ZDIndexPath{1, 1}}));
+}
+
+void tst_KeyboardAccess::rowsAddedLaterTakeTheirPlaceInTheTabChain()
+{
+    Form form;
+    Shown shown(form);
+    form.rows[0].insert(form.rows[0].begin() + 1, Form::plain(u"New"_s));
+    shown.table->insertRowsAtIndexPaths({{0, 1}}, ZDTableView::RowAnimation::Top);
+    QTRY_VERIFY(form.cell(0, 1)->isVisible());
+    const QList<QWidget *> round = tabRound(form.editor);
+    QCOMPARE(round.value(1), form.cell(0, 1));
+    QCOMPARE(round.value(2), form.cell(0, 2));
+    QCOMPARE(round.last(), form.terms);
+}
+
+void tst_KeyboardAccess::arrowsMoveWithinASectionAndKeysActivateLikeATap_data()
+{
+    QTest::addColumn<int>("key");
+    QTest::newRow("space") << int(Qt::Key_Space);
+    QTest::newRow("return") << int(Qt::Key_Return);
+    QTest::newRow("enter") << int(Qt::Key_Enter);
+}
+
+void tst_KeyboardAccess::arrowsMoveWithinASectionAndKeysActivateLikeATap()
+{
+    QFETCH(int, key);
+    Form form;
+    Shown shown(form);
+    form.cell(1, 0)->setFocus(Qt::TabFocusReason);
+    QTest::keyClick(form.cell(1, 0), Qt::Key_Up); // the first row of its section: stays
+    QCOMPARE(QApplication::focusWidget(), form.cell(1, 0));
+    QTest::keyClick(form.cell(1, 0), Qt::Key_Down);
+    QCOMPARE(QApplication::focusWidget(), form.cell(1, 1));
+    QTest::keyClick(form.cell(1, 1), Qt::Key(key));
+    QCOMPARE(form.selected, (QList<ZDIndexPath>{ZDIndexPath{1, 1}}));
+    QVERIFY(shown.table->indexPathForSelectedRow() == (ZDIndexPath{1, 1}));
+    QVERIFY(form.cell(1, 1)->isHighlighted());
+    // A row that takes no touches takes no keys either, but can be reached.
+    QTest::keyClick(form.cell(1, 1), Qt::Key_Down);
+    QCOMPARE(QApplication::focusWidget(), form.cell(1, 2));
+    QTest::keyClick(form.cell(1, 2), Qt::Key(key));
+    QCOMPARE(form.selected.size(), 1);
+    // Down from an editor's row reaches the next row; Return in the editor is the editor's.
+    form.editor->setFocus();
+    QTest::keyClick(form.editor, Qt::Key_Return);
+    QCOMPARE(form.selected.size(), 1);
+    QTest::keyClick(form.editor, Qt::Key_Down);
+    QCOMPARE(QApplication::focusWidget(), form.cell(0, 1));
+    QTest::keyClick(form.cell(0, 1), Qt::Key_Up);
+    QCOMPARE(QApplication::focusWidget(), form.editor);
+}
+
+void tst_KeyboardAccess::onlyTheFocusedRowWearsTheRing()
+{
+    Form form;
+    Shown shown(form);
+    const QImage before = form.cell(0, 1)->grab().toImage();
+    form.cell(0, 1)->setFocus(Qt::TabFocusReason);
+    QTRY_VERIFY(form.cell(0, 1)->grab().toImage() != before);
+    const QColor ring = form.cell(0, 1)->palette().color(QPalette::Highlight);
+    QCOMPARE(form.cell(0, 1)->grab().toImage().pixelColor(2, 20), ring);
+    QTest::keyClick(form.cell(0, 1), Qt::Key_Tab);
+    QTRY_COMPARE(form.cell(0, 1)->grab().toImage(), before);
+}
+
+void tst_KeyboardAccess::wheelTurnsWithKeysAndTellsItsDelegateOnlyWhenItMoves_data()
+{
+    QTest::addColumn<int>("from");
+    QTest::addColumn<QString>("keys"); // one key per character, see below
+    QTest::addColumn<int>("to");
+    QTest::addColumn<int>("calls");
+    // d/u: Down/Up, n/p: Page Down/Up, h/e: Home/End, other letters: typed.
+    QTest::newRow("down") << 0 << u"d"_s << 1 << 1;
+    QTest::newRow("up at the top stays") << 0 << u"u"_s << 0 << 0;
+    QTest::newRow("end then home") << 3 << u"eh"_s << 0 << 2;
+    QTest::newRow("page down then up") << 0 << u"np"_s << 0 << 2;
+    QTest::newRow("typed start") << 0 << u"C"_s << 3 << 1;
+    QTest::newRow("typed longer start") << 0 << u"CHES"_s << 4 << 2;
+    QTest::newRow("same letter steps on") << 0 << u"LL"_s << 10 << 2;
+    QTest::newRow("nothing starts so") << 2 << u"Z"_s << 2 << 0;
+}
+
+void tst_KeyboardAccess::wheelTurnsWithKeysAndTellsItsDelegateOnlyWhenItMoves()
+{
+    QFETCH(int, from);
+    QFETCH(QString, keys);
+    QFETCH(int, to);
+    QFETCH(int, calls);
+    QWidget window;
+    window.resize(320, 216);
+    Fruit fruit;
+    auto *wheel = new ZDPickerView(&window);
+    wheel->setGeometry(window.rect());
+    wheel->setDelegate(&fruit);
+    wheel->selectRowInComponent(from, 0, false);
+    window.show();
+    QApplication::setActiveWindow(&window);
+    QVERIFY(QTest::qWaitForWindowActive(&window));
+    wheel->setFocus(Qt::TabFocusReason);
+    QVERIFY(wheel->hasFocus());
+    for (const QChar c : keys) {
+        switch (c.unicode()) {
+        case u'd':
+            QTest::keyClick(wheel, Qt::Key_Down);
+            break;
+        case u'u':
+            QTest::keyClick(wheel, Qt::Key_Up);
+            break;
+        case u'n':
+            QTest::keyClick(wheel, Qt::Key_PageDown);
+            break;
+        case u'p':
+            QTest::keyClick(wheel, Qt::Key_PageUp);
+            break;
+        case u'h':
+            QTest::keyClick(wheel, Qt::Key_Home);
+            break;
+        case u'e':
+            QTest::keyClick(wheel, Qt::Key_End);
+            break;
+        default:
+            QTest::keyClick(wheel, c.toLower().toLatin1());
+            break;
+        }
+    }
+    QCOMPARE(wheel->selectedRowInComponent(0), to);
+    QCOMPARE(fruit.picked.size(), calls);
+    if (calls > 0)
+        QCOMPARE(fruit.picked.last(), to);
+}
+
+void tst_KeyboardAccess::alertKeepsTabInsideAndEscapeIsItsCancelButton()
+{
+    QWidget window;
+    window.resize(320, 480);
+    auto *under = new QPushButton(u"Under"_s, &window);
+    window.show();
+    QApplication::setActiveWindow(&window);
+    QVERIFY(QTest::qWaitForWindowActive(&window));
+    Recorder recorder;
+
+    QPointer<ZDAlertView> login =
+        new ZDAlertView(u"Sign in"_s, QString(), &recorder, u"Cancel"_s, {u"Sign In"_s});
+    login->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
+    login->show(&window);
+    QCOMPARE(QApplication::focusWidget(), login->textFieldAtIndex(0));
+    const QList<QWidget *> round = tabRound(login->textFieldAtIndex(0));
+    QCOMPARE(round, (QList<QWidget *>{login->textFieldAtIndex(0), login->textFieldAtIndex(1),
+                                      login->buttonAtIndex(0), login->buttonAtIndex(1)}));
+    QVERIFY(!round.contains(under));
+    QTest::keyClick(login->textFieldAtIndex(1), Qt::Key_Escape);
+    QCOMPARE(recorder.dismissed, QList<int>{0});
+    QTRY_VERIFY(!login);
+
+    // Without fields the focus starts on the first other button; Return presses it.
+    QPointer<ZDAlertView> question = new ZDAlertView(u"Sign out?"_s, u"You will be asked again."_s,
+                                                     &recorder, u"Cancel"_s, {u"Sign Out"_s});
+    question->show(&window);
+    QCOMPARE(QApplication::focusWidget(), question->buttonAtIndex(1));
+    QTest::keyClick(question->buttonAtIndex(1), Qt::Key_Return);
+    QCOMPARE(recorder.dismissed, (QList<int>{0, 1}));
+    QTRY_VERIFY(!question);
+
+    // Escape on an alert without a cancel button stays in the alert.
+    bool windowHeardEscape = false;
+    struct EscapeWatch : QObject
+    {
+        bool *heard;
+        bool eventFilter(QObject *, QEvent *e) override
+        {
+            if (e->type() == QEvent::KeyPress &&
+                static_cast<QKeyEvent *>(e)->key() == Qt::Key_Escape)
+                *heard = true;
+            return false;
+        }
+    } watch;
+    watch.heard = &windowHeardEscape;
+    window.installEventFilter(&watch);
+    QPointer<ZDAlertView> notice =
+        new ZDAlertView(u"Done"_s, QString(), &recorder, QString(), {u"OK"_s});
+    notice->show(&window);
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Escape);
+    QVERIFY(notice && notice->isVisibleAlert());
+    QVERIFY(!windowHeardEscape);
+    QTest::keyClick(QApplication::focusWidget(), Qt::Key_Space);
+    QCOMPARE(recorder.dismissed, (QList<int>{0, 1, 0}));
+}
+
+void tst_KeyboardAccess::navigationBarButtonsComeAfterTheRootsControls()
+{
+    ZDViewController root;
+    int triggered = 0;
+    root.navigationItem()->setTitle(u"Publish"_s);
+    root.navigationItem()->setLeftBarButtonItem(
+        std::make_unique<ZDBarButtonItem>(u"Cancel"_s, ZDBarButtonItem::Style::Plain, [] {}));
+    root.navigationItem()->setRightBarButtonItem(std::make_unique<ZDBarButtonItem>(
+        u"Done"_s, ZDBarButtonItem::Style::Done, [&triggered] { ++triggered; }));
+    auto *field = new QLineEdit(root.view());
+    ZDNavigationController navigation(&root);
+    navigation.view()->resize(320, 480);
+    navigation.view()->show();
+    QApplication::setActiveWindow(navigation.view());
+    QVERIFY(QTest::qWaitForWindowActive(navigation.view()));
+    QCOMPARE(tabRound(field),
+             (QList<QWidget *>{field, navigation.leftButton(), navigation.rightButton()}));
+    QCOMPARE(navigation.view()->accessibleName(), u"Publish"_s);
+    navigation.rightButton()->setFocus();
+    QTest::keyClick(navigation.rightButton(), Qt::Key_Space);
+    QCOMPARE(triggered, 1);
+}
+
+void tst_KeyboardAccess::rowsAreAnnouncedWithRoleNameValueAndState()
+{
+    Form form;
+    auto valueRow = std::make_unique<ZDTableViewCell>(ZDTableViewCell::Style::Value1);
+    valueRow->textLabel()->setText(u"Category"_s);
+    valueRow->detailTextLabel()->setText(u"Music"_s);
+    auto *size = new QLabel(u"(286.1 MB)"_s, form.cell(1, 0));
+    Q_UNUSED(size);
+    form.rows[0].push_back(std::move(valueRow));
+    Shown shown(form);
+
+    struct Expected
+    {
+        ZDTableViewCell *cell;
+        QAccessible::Role role;
+        QString name;
+        QString value;
+        bool checked, disabled, focusable;
+    };
+    const Expected rows[] = {
+        {form.cell(0, 0), QAccessible::Grouping, QString(), QString(), false, false, false},
+        {form.cell(0, 1), QAccessible::Button, u"Account"_s, QString(), false, false, true},
+        {form.cell(0, 2), QAccessible::ComboBox, u"Category"_s, u"Music"_s, false, false, true},
+        {form.cell(1, 0), QAccessible::RadioButton, u"Small, 286.1 MB"_s, QString(), true, false,
+         true},
+        {form.cell(1, 1), QAccessible::RadioButton, u"Medium"_s, QString(), false, false, true},
+        {form.cell(1, 2), QAccessible::RadioButton, u"Large"_s, QString(), false, true, true},
+    };
+    for (const Expected &row : rows) {
+        QAccessibleInterface *iface = accessible(row.cell);
+        QVERIFY(iface);
+        const QByteArray what = row.name.toUtf8();
+        QVERIFY2(iface->role() == row.role, what.constData());
+        QCOMPARE(iface->text(QAccessible::Name), row.name);
+        QCOMPARE(iface->text(QAccessible::Value), row.value);
+        QCOMPARE(bool(iface->state().checked), row.checked);
+        QCOMPARE(bool(iface->state().disabled), row.disabled);
+        QCOMPARE(bool(iface->state().focusable), row.focusable);
+    }
+    // The editor's row shows its editor and nothing of its own text.
+    QAccessibleInterface *editorRow = accessible(form.cell(0, 0));
+    QCOMPARE(editorRow->childCount(), 1);
+    QCOMPARE(editorRow->child(0)->role(), QAccessible::EditableText);
+    QCOMPARE(editorRow->child(0)->text(QAccessible::Name), u"Title"_s);
+    // The labels fold into the row: no child repeats them.
+    QCOMPARE(accessible(form.cell(1, 0))->childCount(), 0);
+
+    // Pressing through the accessible action is a tap; the focus is announced.
+    QAccessibleActionInterface *actions = accessible(form.cell(1, 1))->actionInterface();
+    QVERIFY(actions->actionNames().contains(QAccessibleActionInterface::pressAction()));
+    actions->doAction(QAccessibleActionInterface::pressAction());
+    QCOMPARE(form.selected, (QList<ZDIndexPath>{ZDIndexPath{1, 1}}));
+    QVERIFY(!accessible(form.cell(1, 2))
+                 ->actionInterface()
+                 ->actionNames()
+                 .contains(QAccessibleActionInterface::pressAction()));
+    form.cell(1, 1)->setFocus(Qt::TabFocusReason);
+    QVERIFY(accessible(form.cell(1, 1))->state().focused);
+}
+
+void tst_KeyboardAccess::wheelIsAComboWithItsChoicesAndReportsItsValue()
+{
+    Fruit fruit;
+    ZDPickerView wheel;
+    wheel.setAccessibleName(u"Fruit"_s);
+    wheel.setDelegate(&fruit);
+    wheel.selectRowInComponent(2, 0, false);
+    QAccessibleInterface *iface = accessible(&wheel);
+    QCOMPARE(iface->role(), QAccessible::ComboBox);
+    QCOMPARE(iface->text(QAccessible::Name), u"Fruit"_s);
+    QCOMPARE(iface->text(QAccessible::Value), u"Banana"_s);
+    QCOMPARE(iface->childCount(), 12);
+    QCOMPARE(iface->child(3)->text(QAccessible::Name), u"Cherry"_s);
+    QVERIFY(iface->child(2)->state().selected);
+    QVERIFY(!iface->child(3)->state().selected);
+    QCOMPARE(iface->indexOfChild(iface->child(5)), 5);
+    QCOMPARE(iface->child(5)->parent(), iface);
+    QAccessibleValueInterface *value = iface->valueInterface();
+    QCOMPARE(value->currentValue().toInt(), 2);
+    QCOMPARE(value->maximumValue().toInt(), 11);
+    value->setCurrentValue(7);
+    QCOMPARE(wheel.selectedRowInComponent(0), 7);
+    QCOMPARE(iface->text(QAccessible::Value), u"Grape"_s);
+    QVERIFY(fruit.picked.isEmpty()); // set from outside, like selectRowInComponent()
+}
+
+void tst_KeyboardAccess::alertIsADialogWithItsMessageAndNamedFields()
+{
+    QWidget window;
+    window.resize(320, 480);
+    window.show();
+    QVERIFY(QTest::qWaitForWindowExposed(&window));
+    QPointer<ZDAlertView> alert =
+        new ZDAlertView(u"Sign in"_s, u"to Demo Video"_s, nullptr, u"Cancel"_s, {u"Sign In"_s});
+    alert->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
+    alert->show(&window);
+    QAccessibleInterface *iface = accessible(alert);
+    QCOMPARE(iface->role(), QAccessible::Dialog);
+    QCOMPARE(iface->text(QAccessible::Name), u"Sign in"_s);
+    QCOMPARE(iface->text(QAccessible::Description), u"to Demo Video"_s);
+    QVERIFY(iface->state().modal);
+    QVERIFY(!accessible(alert->textFieldAtIndex(0))->text(QAccessible::Name).isEmpty());
+    QVERIFY(!accessible(alert->textFieldAtIndex(1))->text(QAccessible::Name).isEmpty());
+    QVERIFY(accessible(alert->textFieldAtIndex(0))->text(QAccessible::Name) !=
+            accessible(alert->textFieldAtIndex(1))->text(QAccessible::Name));
+    QCOMPARE(accessible(alert->buttonAtIndex(1))->text(QAccessible::Name), u"Sign In"_s);
+    alert->dismissWithClickedButtonIndex(0, false);
+}
+
+void tst_KeyboardAccess::keyboardPanelKeysAreNamedAndNeverTakeTheFocus()
+{
+    QWidget window;
+    window.resize(320, 480);
+    auto *field = new QLineEdit(&window);
+    window.show();
+    QApplication::setActiveWindow(&window);
+    QVERIFY(QTest::qWaitForWindowActive(&window));
+    ZDKeyboard::shared().setEnabled(true);
+    field->clearFocus();
+    field->setFocus();
+    QTRY_VERIFY(ZDKeyboard::shared().keyWithLabel(u"space"_s));
+    for (const QString &label : {u"\u21e7"_s, u"\u232b"_s, u","_s, u"space"_s, u"return"_s}) {
+        QWidget *key = ZDKeyboard::shared().keyWithLabel(label);
+        QVERIFY(key);
+        QCOMPARE(key->focusPolicy(), Qt::NoFocus);
+        // Symbols are said as words.
+        const QString name = accessible(key)->text(QAccessible::Name);
+        QVERIFY2(!name.isEmpty() && (label.size() > 1 || name != label), qPrintable(label));
+    }
+    QCOMPARE(accessible(ZDKeyboard::shared().keyWithLabel(u"q"_s))->text(QAccessible::Name),
+             u"q"_s);
+    QTest::mouseClick(ZDKeyboard::shared().keyWithLabel(u"q"_s), Qt::LeftButton);
+    QCOMPARE(QApplication::focusWidget(), field);
+    QCOMPARE(field->text(), u"q"_s);
+    ZDKeyboard::shared().setEnabled(false);
+}
+
+QTEST_MAIN(tst_KeyboardAccess)
+#include "tst_keyboardaccess.moc"

@@ -1,0 +1,108 @@
+#!/usr/bin/env python3
+"""Reads the demo host's window the way a screen reader does, through AT-SPI.
+
+Usage (under tools/with-atspi): atspi_walk.py ZD_DEMO_HOST
+
+Starts the host on the display, finds its application on the accessibility bus,
+walks its tree and checks what a screen-reader user would hear: the sign-in
+dialog with named fields, and the form's rows with their roles, names and
+states. Prints the walk; exits non-zero with the reason when something is
+missing.
+"""
+import os
+import subprocess
+import sys
+import tempfile
+import time
+
+import pyatspi
+
+
+def walk(node, depth=0, out=None):
+    out = [] if out is None else out
+    try:
+        states = node.getState()
+        names = [pyatspi.stateToString(s) for s in states.getStates()]
+        out.append((depth, node.getRoleName(), node.name or "", node.description or "", names))
+        for i in range(node.childCount):
+            child = node.getChildAtIndex(i)
+            if child is not None:
+                walk(child, depth + 1, out)
+    except Exception as error:  # a node that went away while being read
+        out.append((depth, "gone", str(error), "", []))
+    return out
+
+
+def find_app(name, deadline):
+    while time.time() < deadline:
+        desktop = pyatspi.Registry.getDesktop(0)
+        for i in range(desktop.childCount):
+            app = desktop.getChildAtIndex(i)
+            if app is not None and app.name == name:
+                return app
+        time.sleep(0.5)
+    return None
+
+
+def main():
+    host = sys.argv[1]
+    with tempfile.TemporaryDirectory() as tmp:
+        video = os.path.join(tmp, "clip.mp4")
+        with open(video, "wb") as f:
+            f.write(os.urandom(200 * 1024))
+        env = dict(os.environ, QT_QPA_PLATFORM="xcb")
+        proc = subprocess.Popen([host, video, "--no-keyring", "--service", "http://127.0.0.1:9/"],
+                                env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        try:
+            deadline = time.time() + 60
+            app = find_app("zd_demo_host", deadline)
+            if app is None:
+                print("atspi_walk: the demo host never appeared on the AT-SPI bus")
+                return 1
+            wanted = {
+                ("dialog", "Sign in to Demo Video"),
+                ("push button", "Publish"),
+                ("push button", "Cancel"),
+            }
+            rows = []
+            while time.time() < deadline:
+                rows = walk(app)
+                seen = {(role, name) for _, role, name, _, _ in rows}
+                texts = [(role, name) for _, role, name, _, _ in rows]
+                radios = [r for r in rows if r[1] == "radio button"]
+                fields = [r for r in rows if r[1] in ("text", "password text") and r[2]]
+                if wanted <= seen and len(radios) >= 2 and len(fields) >= 2:
+                    break
+                time.sleep(0.5)
+            for depth, role, name, description, states in rows:
+                print("%s%s \"%s\"%s [%s]" % ("  " * depth, role, name,
+                                               (" (" + description + ")") if description else "",
+                                               ", ".join(s for s in states if s in (
+                                                   "checked", "focused", "focusable", "enabled",
+                                                   "modal", "showing"))))
+            seen = {(role, name) for _, role, name, _, _ in rows}
+            missing = [w for w in wanted if w not in seen]
+            if missing:
+                print("atspi_walk: not on the bus: %s" % missing)
+                return 1
+            radios = [r for r in rows if r[1] == "radio button"]
+            standard = [r for r in radios if r[2].startswith("Standard, ") and "checked" in r[4]]
+            if len(radios) < 2 or len(standard) != 1:
+                print("atspi_walk: the quality rows are not radio buttons with one checked")
+                return 1
+            fields = [r for r in rows if r[1] in ("text", "password text") and r[2]]
+            if not {"User name", "Password", "Title", "Description"} <= {r[2] for r in fields}:
+                print("atspi_walk: the sign-in fields have no names")
+                return 1
+            print("atspi_walk: ok")
+            return 0
+        finally:
+            proc.terminate()
+            try:
+                proc.wait(10)
+            except subprocess.TimeoutExpired:
+                proc.kill()
+
+
+if __name__ == "__main__":
+    sys.exit(main())

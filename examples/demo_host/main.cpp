@@ -23,8 +23,8 @@
 #include <QCommandLineParser>
 #include <QDir>
 #include <QFileInfo>
-#include <QMimeDatabase>
 #include <QLocale>
+#include <QMimeDatabase>
 #include <QPalette>
 #include <QTimer>
 
@@ -155,10 +155,11 @@ int main(int argc, char **argv)
         u"keyboard-only"_s, u"The scripted user uses the keyboard alone, never the mouse."_s);
     const QCommandLineOption screenshots(u"screenshots"_s, u"Save pictures of the sheet here."_s,
                                          u"dir"_s);
-    parser.addOptions({service,      scriptedOption, tablet,      noKeyring,   mode,     threshold,
-                       memoryLimit,  title,          description, tags,        category, access,
-                       hd,           rightFirst,     cancelSheet, cancelAfter, revoke,   deleteFile,
-                       staySignedIn, screenshots,    oauth2,       keyboardOnly,   dark});
+    parser.addOptions({service,     scriptedOption, tablet,     noKeyring,    mode,
+                       threshold,   memoryLimit,    title,      description,  tags,
+                       category,    access,         hd,         rightFirst,   cancelSheet,
+                       cancelAfter, revoke,         deleteFile, staySignedIn, screenshots,
+                       oauth2,      keyboardOnly,   dark});
     parser.process(app);
     if (parser.isSet(dark)) {
         // What a dark system colour scheme hands the application.

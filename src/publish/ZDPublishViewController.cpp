@@ -815,8 +815,10 @@ void ZDPublishViewController::resignResponder()
 
 void ZDPublishViewController::orderOutKeyboard()
 {
+    // Only the form's own fields lose the focus: an alert the form has just put
+    // up keeps it.
     if (isViewLoaded()) {
-        if (QWidget *focus = view()->window()->focusWidget())
+        if (QWidget *focus = view()->window()->focusWidget(); focus && view()->isAncestorOf(focus))
             focus->clearFocus();
     }
     ZDKeyboard::shared().orderOutAutomaticKeyboard();

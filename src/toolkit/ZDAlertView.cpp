@@ -1,8 +1,8 @@
 #include "toolkit/ZDAlertView.h"
 
 #include "resources/ZDLocalizedString.h"
-#include "toolkit/ZDKeyboard.h"
 #include "toolkit/ZDAccessible_p.h"
+#include "toolkit/ZDKeyboard.h"
 #include "toolkit/ZDStyle_p.h"
 
 #include <QApplication>
@@ -198,6 +198,7 @@ void ZDAlertView::show(QWidget *window)
         window = visible == tops.end() ? nullptr : *visible;
     }
     m_shown = true;
+    m_focusBefore = QApplication::focusWidget();
     rebuild();
     if (window) {
         setParent(window->window());
@@ -264,7 +265,13 @@ void ZDAlertView::dismissWithClickedButtonIndex(int buttonIndex, bool)
     if (QWidget *window = parentWidget())
         window->removeEventFilter(this);
     zdaccessible::notify(this, QAccessible::DialogEnd);
+    // Like any dialog, the alert hands the focus back to where it was, unless
+    // its delegate has put it somewhere else meanwhile.
+    const QWidget *focus = QApplication::focusWidget();
+    const bool focusInside = !focus || focus == this || isAncestorOf(focus);
     hide();
+    if (focusInside && m_focusBefore && m_focusBefore->isVisible())
+        m_focusBefore->setFocus(Qt::OtherFocusReason);
     deleteLater();
 }
 

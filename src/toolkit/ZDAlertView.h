@@ -113,6 +113,7 @@ private:
     QList<QPushButton *> m_buttonWidgets;
     QPointer<QObject> m_returnTarget;
     std::function<void()> m_returnAction;
+    QPointer<QWidget> m_focusBefore; // gets the focus back when the alert goes
     bool m_shown = false;
     bool m_dismissed = false;
 };

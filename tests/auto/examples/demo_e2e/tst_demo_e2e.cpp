@@ -181,8 +181,11 @@ private Q_SLOTS:
                 signIn);
         QVERIFY2(run.exitCode == kPublished, qPrintable(run.output));
         QVERIFY2(run.output.contains(u"reads \"Sign-In Failed\""_s), qPrintable(run.output));
-        QVERIFY2(run.output.contains(u"did not accept that user name and password"_s),
-                 qPrintable(run.output));
+        // The demo's own OAuth 1.0a sign-in names the refusal in its next dialog;
+        // the library's OAuth 2.0 password dialog asks again as it is.
+        if (signIn.isEmpty())
+            QVERIFY2(run.output.contains(u"did not accept that user name and password"_s),
+                     qPrintable(run.output));
         QVERIFY2(run.output.contains(u"no longer answers"_s) == false, qPrintable(run.output));
 
         const QStringList published = service.published();

@@ -279,13 +279,18 @@ void tst_FormScreens::aRowTapLeavesTheFocusOnATabletAndSendsItAwayOnAPhone()
                                                   : ZDIndexPath{int(s.account), 0};
     sheet.tap(tapped);
     QTest::qWait(50);
-    if (kind == ZDDeviceKind::Tablet)
-        QCOMPARE(QApplication::focusWidget(), title);
-    else
-        QVERIFY(!title->hasFocus());
     QVERIFY(!sheet.table()->hasFocus());
-    if (ZDAlertView *alert = visibleAlert(sheet.form->shownAccountAlert()))
+    ZDAlertView *alert = visibleAlert(sheet.form->shownAccountAlert());
+    if (alert) {
+        // The account row's alert is a dialog: the focus is in it while it is up
+        // and comes back to where it was once it goes.
+        QVERIFY(alert->isAncestorOf(QApplication::focusWidget()));
         alert->dismissWithClickedButtonIndex(alert->cancelButtonIndex(), false);
+    }
+    if (kind == ZDDeviceKind::Tablet)
+        QTRY_COMPARE(QApplication::focusWidget(), title);
+    else if (!alert)
+        QVERIFY(!title->hasFocus());
 }
 
 void tst_FormScreens::everyScreenFitsItsWindowInEitherLanguage_data()

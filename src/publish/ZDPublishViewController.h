@@ -109,7 +109,8 @@ public:
     // The estimated upload sizes in bytes that the quality rows show. They are
     // 32-bit: a larger size is given as ZDSaturatedSize(bytes), which stops at
     // 2,147,483,647 instead of wrapping, and a row whose size is exactly that
-    // shows it as a least ("2.0 GB or more"), since the true size is not known.
+    // shows it as a least ("2.1 GB or more", in the decimal units of
+    // FileSizeFormatter), since the true size is not known.
     // Read when the rows are shown.
     qint32 SDSize() const { return m_SDSize; }
     void setSDSize(qint32 size) { m_SDSize = size; }

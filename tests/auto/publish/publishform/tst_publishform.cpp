@@ -264,14 +264,14 @@ void tst_PublishForm::qualityRowsFollowTheEnableFlagAndCarryOneCheckmark()
     QCOMPARE(hdCell->mainLabel()->text(), L("HD"));
     QCOMPARE(hdCell->textColor(), QColor::fromRgbF(0.7f, 0.7f, 0.7f, 1.0f));
     QVERIFY(!hdCell->isUserInteractionEnabled());
-    QCOMPARE(sd->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"12.0 MB"_s));
+    QCOMPARE(sd->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"12.6 MB"_s));
     QCOMPARE(sd->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
     sheet.tap({hd, 1});
     QCOMPARE(sheet.form->selectedOption(), 0);
 
     sheet.form->setEnableHDSection(true);
     sheet.table()->reloadData();
-    QCOMPARE(hdCell->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"48.0 MB"_s));
+    QCOMPARE(hdCell->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"50.3 MB"_s));
     sheet.tap({hd, 1});
     QCOMPARE(sheet.form->selectedOption(), 1);
     QCOMPARE(hdCell->accessoryType(), ZDTableViewCell::Accessory::Checkmark);

@@ -76,7 +76,10 @@ ZD_EXPORT bool ZDDescriptionRowShouldResize(float current, float target);
 // (state 2). When the form appears signed out it loads stored credentials and,
 // if still signed out, shows the authenticator's sign-in dialog. A failed
 // sign-in shows an alert and then the dialog again; cancelling the dialog or
-// signing out through the account alert cancels the form.
+// signing out through the account alert cancels the form. Once signed in, the
+// title field takes the keyboard focus unless the user has already put it on
+// a row of the form, so that typing starts with the title and the first Tab
+// goes on to the description.
 class ZD_EXPORT ZDPublishViewController : public ZDViewController,
                                           public ZDTableViewDataSource,
                                           public ZDTableViewDelegate,
@@ -224,6 +227,7 @@ protected:
     void authReturnKeyPressed();
     void _authenticatorStateChanged(const ZDNotification &notification);
     void _authenticatorFailed(const ZDNotification &notification);
+    void _focusTitleUnlessARowHasIt();
     void _showAuthenticationDialog();
     void _addNewTagCell();
     qint32 _indexOfBlankTagCellOtherThan(const EditableTagCell *other) const;

@@ -1,5 +1,6 @@
 #include "HostSheet.h"
 
+#include <host/FileSizeFormatter.h>
 #include <toolkit/ZDNavigationController.h>
 
 #include <QCryptographicHash>
@@ -22,11 +23,11 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-// Every size the demo prints is in binary units, named so (KiB, MiB, GiB),
-// like the upload rate.
+// Every size the demo prints, on the terminal and in its windows, follows the
+// form's rule: decimal units (1 MB is 1,000,000 bytes), like the upload rate.
 QString sizeText(qint64 bytes)
 {
-    return QLocale::c().formattedDataSize(bytes, 1, QLocale::DataSizeIecFormat);
+    return FileSizeFormatter(float(bytes), 1);
 }
 
 // The file's MD5, read in pieces so that a large video is not held in memory.
@@ -248,8 +249,8 @@ void HostSheet::agentDidFinishPublishingError(PublishingAgentBase *,
         return;
     }
     const std::optional<DemoPublishedVideo> video = m_agent->publishedVideo();
-    std::printf("Uploaded %lld bytes in %.3f s (%.1f MiB/s)\n", static_cast<long long>(m_videoSize),
-                seconds, seconds > 0 ? double(m_videoSize) / (1024.0 * 1024.0) / seconds : 0.0);
+    std::printf("Uploaded %lld bytes in %.3f s (%.1f MB/s)\n", static_cast<long long>(m_videoSize),
+                seconds, seconds > 0 ? double(m_videoSize) / 1e6 / seconds : 0.0);
     const QString localMD5 = fileMD5(m_videoPath);
     if (!video || video->md5 != localMD5 || video->bytes != m_videoSize) {
         showResult(HostOutcome::NotIntact, u"Damaged in Transit"_s,

@@ -8,5 +8,5 @@ QString FileSizeFormatter(float size, int style)
     const qint64 bytes = size > 0 ? qint64(size) : 0;
     if (style == 0)
         return QStringLiteral("%1 bytes").arg(locale.toString(bytes));
-    return locale.formattedDataSize(bytes, 1, QLocale::DataSizeTraditionalFormat);
+    return locale.formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat);
 }

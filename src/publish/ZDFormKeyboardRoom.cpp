@@ -10,6 +10,7 @@
 
 #include <QAccessible>
 #include <QPalette>
+#include <QShortcut>
 
 namespace {
 
@@ -91,12 +92,22 @@ void ZDFormKeyboardRoom::showPicker(ZDIndexPath categoryRow)
         m_picker->setDelegate(m_pickerDelegate);
         m_picker->setShowsSelectionIndicator(true);
         m_picker->setAccessibleName(ZDLocalizedString(QStringLiteral("CATEGORY")));
+        // The wheel turns its category as it goes: Return and Enter only put
+        // it away. Bound to the wheel alone, they leave every row's own
+        // Return untouched.
+        for (const Qt::Key key : {Qt::Key_Return, Qt::Key_Enter}) {
+            auto *done = new QShortcut(QKeySequence(key), m_picker);
+            done->setContext(Qt::WidgetShortcut);
+            QObject::connect(done, &QShortcut::activated, m_picker,
+                             [this] { hidePicker(m_pickerRow); });
+        }
     }
     // A wheel kept through an unload comes back hidden: show it again.
     m_pickerContainer->show();
     m_pickerContainer->raise();
     if (m_showingPicker)
         return;
+    m_pickerRow = categoryRow;
     const QRect below = resting.translated(0, size.height());
     m_pickerContainer->setGeometry(below);
     m_picker->resize(size.width(), size.height()); // follows the container's width only

@@ -60,7 +60,8 @@ public:
 
     // Slides the wheel up (making it on first use, or bringing back the one
     // kept through an unload), shrinks the table and scrolls `categoryRow` to
-    // the middle. Nothing more while it is up.
+    // the middle. Nothing more while it is up. Return or Enter on the focused
+    // wheel puts it away as Escape does, keeping the category it shows.
     void showPicker(ZDIndexPath categoryRow);
     // Deselects `categoryRow`, slides the wheel away and unshrinks.
     void hidePicker(ZDIndexPath categoryRow);
@@ -83,4 +84,6 @@ private:
     QPointer<QWidget> m_pickerContainer;
     bool m_shrunk = false;
     bool m_showingPicker = false;
+    // The row the wheel was shown for, which Return and Enter put it away from.
+    ZDIndexPath m_pickerRow{};
 };

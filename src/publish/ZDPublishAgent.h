@@ -28,7 +28,7 @@ public:
 
     // Builds the form once: a second form for one agent stops the program.
     // The host's 64-bit size estimates reach the form's 32-bit sizes
-    // saturated (ZDSaturatedSize): a 3 GiB estimate shows as "2.0 GB or more",
+    // saturated (ZDSaturatedSize): a 3 GiB estimate shows as "2.1 GB or more",
     // never as a wrapped, negative or smaller size.
     ZDNavigationController *navigationController() override;
     QString mediaTitle() override;

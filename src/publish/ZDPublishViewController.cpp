@@ -403,6 +403,24 @@ void ZDPublishViewController::_authenticatorStateChanged(const ZDNotification &)
 {
     _updatePublishButton();
     _updateAccountCell();
+    // The sign-in dialog may still be closing (a sign-in can finish inside its
+    // button press), and its closing moves the focus on: look afterwards.
+    if (_isAuthenticated())
+        QTimer::singleShot(0, this, [this] { _focusTitleUnlessARowHasIt(); });
+}
+
+void ZDPublishViewController::_focusTitleUnlessARowHasIt()
+{
+    if (!isViewLoaded() || !m_tableView || !m_titleCell || !_isAuthenticated())
+        return;
+    // An alert over the form keeps its focus; a row the user went to keeps it.
+    if (m_authenticationAlert || m_accountAlert || m_authenticationFailedAlert)
+        return;
+    const QWidget *focus = view()->window()->focusWidget();
+    if (focus && m_tableView->isAncestorOf(focus))
+        return;
+    if (QWidget *editor = m_titleCell->editor())
+        editor->setFocus(Qt::OtherFocusReason);
 }
 
 void ZDPublishViewController::_authenticatorFailed(const ZDNotification &)

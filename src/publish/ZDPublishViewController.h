@@ -76,7 +76,10 @@ ZD_EXPORT bool ZDDescriptionRowShouldResize(float current, float target);
 // (state 2). When the form appears signed out it loads stored credentials and,
 // if still signed out, shows the authenticator's sign-in dialog. A failed
 // sign-in shows an alert and then the dialog again; cancelling the dialog or
-// signing out through the account alert cancels the form.
+// signing out through the account alert cancels the form. Once signed in, the
+// title field takes the keyboard focus unless the user has already put it on
+// a row of the form, so that typing starts with the title and the first Tab
+// goes on to the description.
 class ZD_EXPORT ZDPublishViewController : public ZDViewController,
                                           public ZDTableViewDataSource,
                                           public ZDTableViewDelegate,
@@ -109,7 +112,8 @@ public:
     // The estimated upload sizes in bytes that the quality rows show. They are
     // 32-bit: a larger size is given as ZDSaturatedSize(bytes), which stops at
     // 2,147,483,647 instead of wrapping, and a row whose size is exactly that
-    // shows it as a least ("2.0 GB or more"), since the true size is not known.
+    // shows it as a least ("2.1 GB or more", in the decimal units of
+    // FileSizeFormatter), since the true size is not known.
     // Read when the rows are shown.
     qint32 SDSize() const { return m_SDSize; }
     void setSDSize(qint32 size) { m_SDSize = size; }
@@ -223,6 +227,7 @@ protected:
     void authReturnKeyPressed();
     void _authenticatorStateChanged(const ZDNotification &notification);
     void _authenticatorFailed(const ZDNotification &notification);
+    void _focusTitleUnlessARowHasIt();
     void _showAuthenticationDialog();
     void _addNewTagCell();
     qint32 _indexOfBlankTagCellOtherThan(const EditableTagCell *other) const;

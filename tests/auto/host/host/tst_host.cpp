@@ -49,7 +49,8 @@ private Q_SLOTS:
     void multiLineCellGrowsWithItsText();
     void tagCellReportsItsEndOfTagCharacterInsteadOfTypingIt();
     void qualityOptionCellHasAMainAndASizeLabel();
-    void sizesAreShortTexts();
+    void sizesAreInDecimalUnits_data();
+    void sizesAreInDecimalUnits();
 };
 
 void tst_Host::singleLineCellReportsEditingTypingAndReturn()
@@ -118,12 +119,33 @@ void tst_Host::qualityOptionCellHasAMainAndASizeLabel()
     QCOMPARE(cell.sizeLabel()->geometry().right(), freeRight);
 }
 
-void tst_Host::sizesAreShortTexts()
+void tst_Host::sizesAreInDecimalUnits_data()
 {
+    QTest::addColumn<QString>("locale");
+    QTest::addColumn<float>("size");
+    QTest::addColumn<int>("style");
+    QTest::addColumn<QString>("shown");
+    QTest::newRow("nothing") << u"C"_s << 0.0f << 1 << u"0 bytes"_s;
+    QTest::newRow("negative") << u"C"_s << -5.0f << 1 << u"0 bytes"_s;
+    QTest::newRow("under a kilobyte") << u"C"_s << 999.0f << 1 << u"999 bytes"_s;
+    QTest::newRow("a kilobyte is 1000 bytes") << u"C"_s << 1000.0f << 1 << u"1.0 kB"_s;
+    QTest::newRow("1 KiB") << u"C"_s << 1024.0f << 1 << u"1.0 kB"_s;
+    QTest::newRow("1.5 MiB") << u"C"_s << 1572864.0f << 1 << u"1.6 MB"_s;
+    QTest::newRow("12 MiB") << u"C"_s << 12582912.0f << 1 << u"12.6 MB"_s;
+    QTest::newRow("largest 32-bit size") << u"C"_s << 2147483647.0f << 1 << u"2.1 GB"_s;
+    QTest::newRow("German decimal comma") << u"de_DE"_s << 1572864.0f << 1 << u"1,6 MB"_s;
+    QTest::newRow("spelled out") << u"C"_s << 2048.0f << 0 << u"2048 bytes"_s;
+}
+
+void tst_Host::sizesAreInDecimalUnits()
+{
+    QFETCH(QString, locale);
+    QFETCH(float, size);
+    QFETCH(int, style);
+    QFETCH(QString, shown);
+    QLocale::setDefault(QLocale(locale));
+    QCOMPARE(FileSizeFormatter(size, style), shown);
     QLocale::setDefault(QLocale::c());
-    QCOMPARE(FileSizeFormatter(1572864.0f, 1), u"1.5 MB"_s);
-    QCOMPARE(FileSizeFormatter(0.0f, 1), u"0 bytes"_s);
-    QCOMPARE(FileSizeFormatter(2048.0f, 0), u"2048 bytes"_s);
 }
 
 QTEST_MAIN(tst_Host)

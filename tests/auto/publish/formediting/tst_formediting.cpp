@@ -57,6 +57,8 @@ private Q_SLOTS:
     void noBlankTagRowIsAFault();
     void pickerSlidesUpWhereTheKeyboardWouldStand();
     void turningTheWheelNamesTheCategory();
+    void returnEnterOrEscapePutsTheWheelAwayKeepingTheCategory_data();
+    void returnEnterOrEscapePutsTheWheelAwayKeepingTheCategory();
     void pickerSlidesAwayForAnotherRowOrADrag();
     void phoneKeyboardGivesTheTableItsRoom();
     void tabletKeyboardGrowsTheFooter();
@@ -263,6 +265,40 @@ void tst_FormEditing::turningTheWheelNamesTheCategory()
     Sheet::dragOn(wheel, QPoint(wheel->width() / 2, wheel->height() / 2), 45);
     QCOMPARE(wheel->selectedRowInComponent(0), 0);
     QCOMPARE(cell->detailTextLabel()->text(), u"Travel"_s);
+}
+
+void tst_FormEditing::returnEnterOrEscapePutsTheWheelAwayKeepingTheCategory_data()
+{
+    QTest::addColumn<int>("key");
+    QTest::newRow("Return") << int(Qt::Key_Return);
+    QTest::newRow("Enter") << int(Qt::Key_Enter);
+    QTest::newRow("Escape") << int(Qt::Key_Escape);
+}
+
+void tst_FormEditing::returnEnterOrEscapePutsTheWheelAwayKeepingTheCategory()
+{
+    QFETCH(int, key);
+    SignedInSheet sheet;
+    sheet.window->activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(sheet.window));
+    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
+    auto *cell = static_cast<ZDCategoryCell *>(sheet.table()->cellForRowAtIndexPath(category));
+    cell->setFocus(Qt::TabFocusReason);
+    QTest::keyClick(cell, Qt::Key_Space);
+    ZDPickerView *wheel = sheet.form->picker();
+    QVERIFY(wheel);
+    QTRY_COMPARE(QApplication::focusWidget(), wheel);
+    QTest::keyClick(wheel, Qt::Key_Down);
+    QCOMPARE(cell->detailTextLabel()->text(), u"Music"_s);
+
+    QTest::keyClick(wheel, Qt::Key(key));
+    QVERIFY(!sheet.form->isShowingPicker());
+    QTRY_COMPARE(QApplication::focusWidget(), cell);
+    QTRY_COMPARE(sheet.form->pickerContainer()->y(), sheet.form->view()->height());
+    QCOMPARE(cell->detailTextLabel()->text(), u"Music"_s);
+    QCOMPARE(sheet.form->videoCategory()->value(), QVariant(10));
+    // The form is still there: the key did not reach the sheet's Cancel.
+    QVERIFY(sheet.delegate.events.isEmpty());
 }
 
 void tst_FormEditing::pickerSlidesAwayForAnotherRowOrADrag()

@@ -204,14 +204,14 @@ void tst_PublishAgent::estimatesBeyond32BitsSaturateAndShowAsALeast_data()
     QTest::addColumn<QString>("shown");
     constexpr qint64 GiB = 1024LL * 1024 * 1024;
     QTest::newRow("12 MiB") << 12 * 1024 * 1024LL << 12 * 1024 * 1024
-                            << L("SIZE_FORMAT_PARENS").arg(u"12.0 MB"_s);
+                            << L("SIZE_FORMAT_PARENS").arg(u"12.6 MB"_s);
     QTest::newRow("just under 2 GiB")
-        << 2 * GiB - 2 << qint32(2 * GiB - 2) << L("SIZE_FORMAT_PARENS").arg(u"2.0 GB"_s);
+        << 2 * GiB - 2 << qint32(2 * GiB - 2) << L("SIZE_FORMAT_PARENS").arg(u"2.1 GB"_s);
     QTest::newRow("3 GiB") << 3 * GiB << std::numeric_limits<qint32>::max()
-                           << L("SIZE_OR_MORE_FORMAT_PARENS").arg(u"2.0 GB"_s);
+                           << L("SIZE_OR_MORE_FORMAT_PARENS").arg(u"2.1 GB"_s);
     QTest::newRow("5 GiB, which wraps to 1 GiB")
         << 5 * GiB << std::numeric_limits<qint32>::max()
-        << L("SIZE_OR_MORE_FORMAT_PARENS").arg(u"2.0 GB"_s);
+        << L("SIZE_OR_MORE_FORMAT_PARENS").arg(u"2.1 GB"_s);
 }
 
 void tst_PublishAgent::estimatesBeyond32BitsSaturateAndShowAsALeast()

@@ -35,6 +35,7 @@ private Q_SLOTS:
     void rowHeightsAndTheLogoHeader();
     void publishFollowsTheSignInStateAndReachesTheDelegate();
     void signInDialogAppearsWhileSignedOutAndReturnSignsIn();
+    void signingInHandsTheFocusToTheTitleUnlessARowHasIt();
     void failedSignInShowsItsAlertThenAFreshDialog();
     void cancellingTheDialogOrSigningOutCancelsTheForm();
     void qualityRowsFollowTheEnableFlagAndCarryOneCheckmark();
@@ -198,6 +199,31 @@ void tst_PublishForm::signInDialogAppearsWhileSignedOutAndReturnSignsIn()
     QVERIFY(silent.publishButton()->isEnabled());
 }
 
+void tst_PublishForm::signingInHandsTheFocusToTheTitleUnlessARowHasIt()
+{
+    TestAuthenticator auth;
+    Sheet sheet(&auth);
+    sheet.show();
+    sheet.window->activateWindow();
+    QVERIFY(QTest::qWaitForWindowActive(sheet.window));
+    QTRY_VERIFY(visibleAlert(sheet.form->authenticationAlert()));
+    ZDAlertView *dialog = sheet.form->authenticationAlert();
+    QTest::keyClicks(dialog->textFieldAtIndex(0), u"ann"_s);
+    QTest::keyClicks(dialog->textFieldAtIndex(1), u"secret"_s);
+    QTest::keyClick(dialog->textFieldAtIndex(1), Qt::Key_Return);
+    QWidget *title = sheet.form->titleCell()->editor();
+    QTRY_COMPARE(QApplication::focusWidget(), title);
+    // The first Tab goes on through the form, not back to the bar's Cancel.
+    QTest::keyClick(title, Qt::Key_Tab);
+    QCOMPARE(QApplication::focusWidget(), sheet.form->descriptionCell()->editor());
+
+    // Signed in again later, with the focus on a row: the row keeps it.
+    auth.setState(ZDAuthenticatorStateSignedOut);
+    auth.setSignedIn(u"Ann"_s);
+    QTest::qWait(50);
+    QCOMPARE(QApplication::focusWidget(), sheet.form->descriptionCell()->editor());
+}
+
 void tst_PublishForm::failedSignInShowsItsAlertThenAFreshDialog()
 {
     TestAuthenticator auth;
@@ -264,14 +290,14 @@ void tst_PublishForm::qualityRowsFollowTheEnableFlagAndCarryOneCheckmark()
     QCOMPARE(hdCell->mainLabel()->text(), L("HD"));
     QCOMPARE(hdCell->textColor(), QColor::fromRgbF(0.7f, 0.7f, 0.7f, 1.0f));
     QVERIFY(!hdCell->isUserInteractionEnabled());
-    QCOMPARE(sd->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"12.0 MB"_s));
+    QCOMPARE(sd->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"12.6 MB"_s));
     QCOMPARE(sd->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
     sheet.tap({hd, 1});
     QCOMPARE(sheet.form->selectedOption(), 0);
 
     sheet.form->setEnableHDSection(true);
     sheet.table()->reloadData();
-    QCOMPARE(hdCell->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"48.0 MB"_s));
+    QCOMPARE(hdCell->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"50.3 MB"_s));
     sheet.tap({hd, 1});
     QCOMPARE(sheet.form->selectedOption(), 1);
     QCOMPARE(hdCell->accessoryType(), ZDTableViewCell::Accessory::Checkmark);

@@ -1,5 +1,6 @@
 #include "HostSheet.h"
 
+#include <publish/ZDPublishPost.h>
 #include <toolkit/ZDNavigationController.h>
 
 #include <QCryptographicHash>
@@ -242,7 +243,10 @@ void HostSheet::agentDidFinishPublishingError(PublishingAgentBase *,
         std::printf("\n"); // below the bar
     if (error) {
         const bool cancelled =
-            error->domain() == DemoVideo::ErrorDomain && error->code() == DemoVideo::ErrorCancelled;
+            (error->domain() == DemoVideo::ErrorDomain &&
+             error->code() == DemoVideo::ErrorCancelled) ||
+            (error->domain() == ZDPublishErrorDomain &&
+             ZDPublishErrorKindForError(*error) == ZDPublishErrorKind::Cancelled);
         showResult(cancelled ? HostOutcome::Cancelled : HostOutcome::Failed, u"Not Published"_s,
                    error->localizedDescription().toHtmlEscaped());
         return;

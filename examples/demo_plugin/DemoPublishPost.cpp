@@ -186,6 +186,8 @@ void DemoPublishPost::uploadHasSentBytes(ZDResumableUpload *upload, qint64 sent,
 void DemoPublishPost::uploadWillRetry(ZDResumableUpload *upload, const ZDError &reason,
                                       qint64 delayMsecs, qint64 confirmedOffset)
 {
+    // What the service confirmed, not what went into the lost connection.
+    uploadRelay()->uploadHasSentBytes(upload, confirmedOffset, upload->totalBytes());
     uploadRelay()->uploadWillRetry(upload, reason, delayMsecs, confirmedOffset);
 }
 

@@ -277,6 +277,7 @@ void ResumableUploads::put(const QString &id, const httplib::Request &req, httpl
     QCryptographicHash sha1(QCryptographicHash::Sha1);
     qint64 received = 0;
     bool writeFailed = false;
+    bool cut = false;
     const bool complete = readRawBody(req, reader, [&](const char *data, size_t size) {
         if (video.write(data, qint64(size)) != qint64(size)) {
             writeFailed = true;
@@ -288,6 +289,12 @@ void ResumableUploads::put(const QString &id, const httplib::Request &req, httpl
             video.flush();
             ::_exit(70); // as if the machine went down mid-upload
         }
+        if (m_settings.cutEveryBytes > 0 &&
+            (m_sinceCut += qint64(size)) >= m_settings.cutEveryBytes) {
+            m_sinceCut = 0;
+            cut = true;
+            return false;
+        }
         return true;
     });
     writeFailed = !video.flush() || writeFailed;
@@ -297,6 +304,8 @@ void ResumableUploads::put(const QString &id, const httplib::Request &req, httpl
         return refuse(res, 500, u"The video could not be stored."_s);
     }
     // Bytes of a dropped connection stay: the next offset query counts them.
+    if (cut)
+        return refuse(res, 503, u"The connection was cut (the service's fault injection)."_s);
     if (!complete)
         return refuse(res, 400, u"The chunk arrived incomplete."_s);
     if (const auto digest = shaDigest(headerValue(req, "Digest"));

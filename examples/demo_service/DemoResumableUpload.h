@@ -47,6 +47,7 @@
 
 #include <httplib.h>
 
+#include <atomic>
 #include <mutex>
 #include <optional>
 
@@ -62,6 +63,10 @@ public:
         // holds more than this many bytes. Negative: never.
         qint64 dieAfterBytes = -1;
         qint64 sessionLifetimeSeconds = 24 * 3600;
+        // Fault injection: a chunk is broken off each time the service has
+        // taken this many more bytes (of any session); what arrived is kept
+        // and the answer is a 503 that closes the connection. 0: never.
+        qint64 cutEveryBytes = 0;
     };
 
     // Does not take ownership of `oauth` or `oauth2`, which must outlive it.
@@ -101,6 +106,7 @@ private:
     DemoOAuth::Verifier *m_oauth;
     DemoOAuth2::Issuer *m_oauth2;
     int m_port = 0;
+    std::atomic<qint64> m_sinceCut = 0;
 
     std::mutex m_mutex; // guards the two below
     QSet<QString> m_busy;

@@ -373,7 +373,8 @@ DemoVideoService::DemoVideoService(const Options &options) : d(std::make_unique<
     d->videosPath = QDir(options.dataDirectory).absoluteFilePath(u"videos"_s);
     d->resumable = std::make_unique<ResumableUploads>(
         ResumableUploads::Settings{QDir(options.dataDirectory).absoluteFilePath(u"sessions"_s),
-                                   d->videosPath, options.rejectUploads, options.dieAfterBytes},
+                                   d->videosPath, options.rejectUploads, options.dieAfterBytes,
+                                   24 * 3600, options.cutEveryBytes},
         &d->oauthVerifier, &d->oauth2Issuer);
     d->route();
 }

@@ -45,6 +45,9 @@ public:
         // Fault injection for tests: the process ends (exit status 70) as soon as
         // an upload's video content exceeds this many bytes. Negative: never.
         qint64 dieAfterBytes = -1;
+        // Fault injection: a resumable chunk is broken off (503, connection
+        // closed) every time the service has taken this many bytes. 0: never.
+        qint64 cutEveryBytes = 0;
         bool logRequests = true; // one line per request on stderr
     };
 

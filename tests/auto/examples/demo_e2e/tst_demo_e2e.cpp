@@ -204,6 +204,31 @@ private Q_SLOTS:
                  qPrintable(run.output));
     }
 
+    void aResumableUploadThroughCutsArrivesWholeAndSaysWhereItResumed()
+    {
+        QTemporaryDir data;
+        Service service(data.path());
+        QVERIFY(service.start({u"--cut-every-bytes"_s, u"1500000"_s}));
+        const QString video = m_files.filePath(u"flaky.mp4"_s);
+        writeRandomFile(video, 5 * 1024 * 1024 + 11);
+        const HostRun run =
+            runHost(service, video, {u"--no-wrong-password"_s, u"--title"_s, u"Flaky"_s});
+        QVERIFY2(run.exitCode == kPublished, qPrintable(run.output));
+        static const QRegularExpression lost(
+            u"connection lost at ([0-9.]+ [KM]i?B), retrying in \\d+ s \\.\\.\\. resumed at ([0-9.]+ [KM]i?B)"_s);
+        auto matches = lost.globalMatch(run.output);
+        int cuts = 0;
+        for (; matches.hasNext(); ++cuts)
+            matches.next();
+        // 5 MiB through a cut every 1.5 MB: three of them, each resumed from
+        // the bytes the service kept.
+        QVERIFY2(cuts == 3, qPrintable(run.output));
+        const QStringList published = service.published();
+        QCOMPARE(published.size(), 1);
+        QCOMPARE(md5Of(service.storedVideo(published.first())), md5Of(video));
+        QCOMPARE(service.meta(published.first()).value(u"md5").toString(), md5Of(video));
+    }
+
     void publishingByKeyboardAloneNeedsNoMouse()
     {
         QTemporaryDir data;

@@ -141,6 +141,17 @@ void DemoPublishPost::startUpload()
     sendUpload(DemoAuthenticator::sharedAuthenticator()->accountSigner());
 }
 
+QVariantMap DemoPublishPost::textFields() const
+{
+    QVariantMap fields{{u"title"_s, m_details.title},
+                       {u"description"_s, m_details.description},
+                       {u"tags"_s, m_details.tags.join(u',')},
+                       {u"access"_s, m_details.access}};
+    if (!m_details.category.isEmpty())
+        fields.insert(u"category"_s, m_details.category);
+    return fields;
+}
+
 void DemoPublishPost::sendResumable(const std::shared_ptr<RequestSigner> &signer)
 {
     const bool oauth2 = DemoAuthenticator::usesOAuth2();
@@ -156,13 +167,7 @@ void DemoPublishPost::sendResumable(const std::shared_ptr<RequestSigner> &signer
     m_upload = std::make_unique<ZDResumableUpload>(ZDUploadProtocol::ResumeIncomplete,
                                                    DemoVideo::endpoint(u"api/uploads"_s),
                                                    m_details.path, this);
-    QVariantMap metadata{{u"title"_s, m_details.title},
-                         {u"description"_s, m_details.description},
-                         {u"tags"_s, m_details.tags.join(u',')},
-                         {u"access"_s, m_details.access}};
-    if (!m_details.category.isEmpty())
-        metadata.insert(u"category"_s, m_details.category);
-    m_upload->setMetadata(metadata);
+    m_upload->setMetadata(textFields());
     if (oauth2)
         m_upload->setCredentialSource(DemoAuthenticator::sharedOAuth2Authenticator());
     else
@@ -266,13 +271,8 @@ void DemoPublishPost::sendUpload(const std::shared_ptr<RequestSigner> &signer)
     // Every text field is covered by the signature; the video is not.
     m_request->setSignsMultipartPOSTData(true);
     // The size lets the service tell a complete upload from one cut off.
-    QVariantMap fields{{u"size"_s, QString::number(m_videoBytes)},
-                       {u"title"_s, m_details.title},
-                       {u"description"_s, m_details.description},
-                       {u"tags"_s, m_details.tags.join(u',')},
-                       {u"access"_s, m_details.access}};
-    if (!m_details.category.isEmpty())
-        fields.insert(u"category"_s, m_details.category);
+    QVariantMap fields = textFields();
+    fields.insert(u"size"_s, QString::number(m_videoBytes));
     m_request->setPostParams(fields);
     m_request->setUnsignedPostParams(QVariantMap{{u"video"_s, *video}});
     m_request->start();

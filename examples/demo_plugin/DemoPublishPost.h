@@ -96,6 +96,8 @@ protected:
     void _uploadDidFinish(const QVariant &response) override;
 
 private:
+    // What the form says, as the service's text fields.
+    QVariantMap textFields() const;
     void sendResumable(const std::shared_ptr<RequestSigner> &signer);
     void sendUpload(const std::shared_ptr<RequestSigner> &signer);
     // Reports after the current event, never from inside startUpload() or

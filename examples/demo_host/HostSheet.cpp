@@ -279,11 +279,7 @@ void HostSheet::agentDidFinishPublishingError(PublishingAgentBase *,
     else if (m_printedPercent >= 0 && m_onTerminal)
         std::printf("\n"); // below the bar
     if (error) {
-        const bool cancelled =
-            (error->domain() == DemoVideo::ErrorDomain &&
-             error->code() == DemoVideo::ErrorCancelled) ||
-            (error->domain() == ZDPublishErrorDomain &&
-             ZDPublishErrorKindForError(*error) == ZDPublishErrorKind::Cancelled);
+        const bool cancelled = isCancellation(*error);
         showResult(cancelled ? HostOutcome::Cancelled : HostOutcome::Failed, u"Not Published"_s,
                    error->localizedDescription().toHtmlEscaped());
         return;

@@ -63,6 +63,13 @@ QString sizeText(qint64 bytes)
 
 } // namespace
 
+bool isCancellation(const ZDError &error)
+{
+    if (error.domain() == ZDPublishErrorDomain)
+        return ZDPublishErrorKindForError(error) == ZDPublishErrorKind::Cancelled;
+    return error.domain() == DemoVideo::ErrorDomain && error.code() == DemoVideo::ErrorCancelled;
+}
+
 DemoPublishPost::DemoPublishPost(ZDPublishPostDelegate *delegate, DemoVideoDetails details,
                                  DemoUploadOptions options)
     : ZDPublishPost(delegate), m_details(std::move(details)), m_options(options)
@@ -281,7 +288,7 @@ void DemoPublishPost::sendUpload(const std::shared_ptr<RequestSigner> &signer)
 void DemoPublishPost::cancel()
 {
     if (m_upload && !hasEnded()) {
-        m_upload->cancel();
+        m_upload->abort(); // nothing resumes it later: the session goes too
         QTimer::singleShot(0, &m_context, [this] {
             if (!hasEnded())
                 _failWithError(ZDPublishErrorWithKind(ZDPublishErrorKind::Cancelled));

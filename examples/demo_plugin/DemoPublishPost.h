@@ -39,6 +39,10 @@ struct DemoUploadOptions
     std::optional<qint64> memoryLimit;
 };
 
+// Whether `error` ends a job that the user or the host cancelled (in either
+// mode's domain).
+bool isCancellation(const ZDError &error);
+
 // What the service answered for a published video.
 struct DemoPublishedVideo
 {
@@ -73,7 +77,8 @@ public:
     void startUpload() override;
     // Stops the upload; the delegate hears a failure of kind
     // ZDPublishErrorKind::Cancelled (resumable) or DemoVideo::ErrorCancelled.
-    // A resumable upload's session stays on the service; nothing is published.
+    // A resumable upload's session is ended on the service too (DELETE), so
+    // nothing of it is kept there.
     void cancel();
 
     std::optional<DemoPublishedVideo> publishedVideo() const { return m_published; }

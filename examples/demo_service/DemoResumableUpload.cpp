@@ -225,6 +225,8 @@ void ResumableUploads::release(const QString &id)
 {
     const std::lock_guard lock(m_mutex);
     m_busy.remove(id);
+    if (m_abandoned.remove(id))
+        QDir(folder(id)).removeRecursively();
 }
 
 void ResumableUploads::put(const QString &id, const httplib::Request &req, httplib::Response &res,
@@ -371,6 +373,16 @@ void ResumableUploads::remove(const QString &id, const httplib::Request &req,
     const std::optional<QString> account = authorize(req, res);
     if (!account)
         return;
+    {
+        // A chunk still arriving on a connection the client gave up: the
+        // session goes once that request is done with it.
+        const std::lock_guard lock(m_mutex);
+        if (m_busy.contains(id)) {
+            m_abandoned.insert(id);
+            res.status = 204;
+            return;
+        }
+    }
     if (!acquire(id, *account, res))
         return;
     QDir(folder(id)).removeRecursively();

@@ -13,7 +13,8 @@
 //                              POST /api/videos answers) once all arrived.
 //                              "Content-Range: bytes */total" and no body asks
 //                              for the offset the same way.
-//   DELETE /api/uploads/<s>    abandons the session; 204.
+//   DELETE /api/uploads/<s>    abandons the session; 204. A chunk still
+//                              arriving on it is dropped with it.
 //
 // Every request is authorised as an upload is: an OAuth 1.0a signature with a
 // live token (over the query and the oauth_ parameters; the JSON and video
@@ -108,7 +109,8 @@ private:
     int m_port = 0;
     std::atomic<qint64> m_sinceCut = 0;
 
-    std::mutex m_mutex; // guards the two below
+    std::mutex m_mutex; // guards the three below
     QSet<QString> m_busy;
+    QSet<QString> m_abandoned;               // deleted while busy: removed when released
     QHash<QString, QJsonObject> m_published; // session id: the 201 answer
 };

@@ -94,6 +94,10 @@ public:
     {
         return QDir(m_dataDir + u"/incoming"_s).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
     }
+    QStringList sessions() const
+    {
+        return QDir(m_dataDir + u"/sessions"_s).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+    }
     QJsonObject meta(const QString &id) const
     {
         QFile file(m_dataDir + u"/videos/"_s + id + u"/meta.json"_s);
@@ -282,6 +286,8 @@ private Q_SLOTS:
         QTest::newRow("the sheet") << QStringList{u"--cancel-sheet"_s};
         QTest::newRow("the upload, once under way")
             << QStringList{u"--upload-mode"_s, u"streamed"_s, u"--cancel-after-bytes"_s, u"1"_s};
+        QTest::newRow("a resumable upload, once under way")
+            << QStringList{u"--upload-mode"_s, u"resumable"_s, u"--cancel-after-bytes"_s, u"1"_s};
     }
     void cancelledPublicationLeavesNothingOnTheService()
     {
@@ -296,6 +302,7 @@ private Q_SLOTS:
         QVERIFY2(!run.output.contains(u"Publish failed"_s), qPrintable(run.output));
         // The service notices the dropped connection and clears its half-upload.
         QTRY_VERIFY_WITH_TIMEOUT(service.incoming().isEmpty(), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(service.sessions().isEmpty(), 30000);
         QVERIFY(service.published().isEmpty());
     }
 
@@ -351,6 +358,7 @@ private Q_SLOTS:
             return;
         }
         QTRY_VERIFY_WITH_TIMEOUT(service.incoming().isEmpty(), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(service.sessions().isEmpty(), 30000);
         QVERIFY(service.published().isEmpty());
     }
 

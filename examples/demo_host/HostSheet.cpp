@@ -1,6 +1,7 @@
 #include "HostSheet.h"
 
 #include <host/FileSizeFormatter.h>
+#include <publish/ZDPublishPost.h>
 #include <toolkit/ZDNavigationController.h>
 
 #include <QCryptographicHash>
@@ -16,6 +17,7 @@
 #include <QVBoxLayout>
 
 #include <cstdio>
+#include <utility>
 
 #include <unistd.h>
 
@@ -70,6 +72,11 @@ void DemoHostAgent::confirmPublishing()
 void DemoHostAgent::abandonPublishing()
 {
     m_sheet->publishingAbandoned();
+}
+
+void DemoHostAgent::publishPostDidUpdateProgress(ZDPublishPost *, const ZDPublishProgress &progress)
+{
+    m_sheet->phase(progress);
 }
 
 void DemoHostAgent::reportBytesWrittenOfTotal(qint64 written, qint64 total)
@@ -210,8 +217,33 @@ void HostSheet::progress(qint64 written, qint64 total)
     if (total > 0)
         m_progressBar->setValue(int(1000 * written / total));
     m_progressText->setText(u"%1 of %2"_s.arg(sizeText(written), sizeText(total)));
-    printProgress(written, total);
+    // While the upload finds out where to go on, the line tells of the lost
+    // connection rather than of a bar going back.
+    if (m_phase != ZDPublishPhase::WaitingToRetry && m_phase != ZDPublishPhase::Resuming)
+        printProgress(written, total);
     Q_EMIT progressed(written, total);
+}
+
+void HostSheet::phase(const ZDPublishProgress &progress)
+{
+    const ZDPublishPhase previous = std::exchange(m_phase, progress.phase);
+    const bool wasInterrupted =
+        previous == ZDPublishPhase::WaitingToRetry || previous == ZDPublishPhase::Resuming;
+    if (progress.phase == ZDPublishPhase::WaitingToRetry) {
+        std::printf("%sconnection lost at %s, retrying in %.0f s ...",
+                    m_onTerminal && !wasInterrupted ? "\n" : "",
+                    qPrintable(sizeText(progress.written)), double(progress.retryInMsecs) / 1000.0);
+        std::fflush(stdout);
+    } else if (progress.phase == ZDPublishPhase::Resuming) {
+        m_resumedAt = progress.written; // the service's offset
+    } else if (wasInterrupted) {
+        if (previous == ZDPublishPhase::WaitingToRetry)
+            std::printf(" the service had every byte\n");
+        else
+            std::printf(" resumed at %s\n", qPrintable(sizeText(m_resumedAt)));
+        std::fflush(stdout);
+        m_printedPercent = -1; // the bar starts again below
+    }
 }
 
 void HostSheet::printProgress(qint64 written, qint64 total)
@@ -219,6 +251,10 @@ void HostSheet::printProgress(qint64 written, qint64 total)
     if (total <= 0)
         return;
     const int percent = int(100 * written / total);
+    // A step back (bytes the service never confirmed) is told by the lost
+    // connection's line.
+    if (percent < m_printedPercent)
+        return;
     // On a terminal the bar is redrawn in place; into a file or a pipe it is
     // written every tenth of the way.
     const int step = m_onTerminal ? 1 : 10;
@@ -239,11 +275,12 @@ void HostSheet::agentDidFinishPublishingError(PublishingAgentBase *,
                                               const std::optional<ZDError> &error)
 {
     const double seconds = double(m_uploadClock.nsecsElapsed()) / 1e9;
-    if (m_printedPercent >= 0 && m_onTerminal)
+    if (m_phase == ZDPublishPhase::WaitingToRetry || m_phase == ZDPublishPhase::Resuming)
+        std::printf("\n"); // below the lost connection's line
+    else if (m_printedPercent >= 0 && m_onTerminal)
         std::printf("\n"); // below the bar
     if (error) {
-        const bool cancelled =
-            error->domain() == DemoVideo::ErrorDomain && error->code() == DemoVideo::ErrorCancelled;
+        const bool cancelled = isCancellation(*error);
         showResult(cancelled ? HostOutcome::Cancelled : HostOutcome::Failed, u"Not Published"_s,
                    error->localizedDescription().toHtmlEscaped());
         return;

@@ -30,6 +30,8 @@ public:
     void confirmPublishing() override;
     void abandonPublishing() override;
     void reportBytesWrittenOfTotal(qint64 written, qint64 total) override;
+    void publishPostDidUpdateProgress(ZDPublishPost *post,
+                                      const ZDPublishProgress &progress) override;
 
     int chosenOption() const { return m_chosenOption; }
 
@@ -69,6 +71,9 @@ public:
     void publishingConfirmed();
     void publishingAbandoned();
     void progress(qint64 written, qint64 total);
+    // A resumable upload's phase: the terminal tells of lost connections and
+    // where sending resumed.
+    void phase(const ZDPublishProgress &progress);
 
     void agentDidFinishPublishingError(PublishingAgentBase *agent,
                                        const std::optional<ZDError> &error) override;
@@ -102,4 +107,6 @@ private:
     QElapsedTimer m_uploadClock;
     bool m_onTerminal = false;
     int m_printedPercent = -1;
+    ZDPublishPhase m_phase = ZDPublishPhase::Preparing;
+    qint64 m_resumedAt = 0;
 };

@@ -119,8 +119,10 @@ int main(int argc, char **argv)
     const QCommandLineOption noKeyring(u"no-keyring"_s, u"Keep the sign-in in memory only."_s);
     const QCommandLineOption oauth2(u"oauth2"_s,
                                     u"Sign in with OAuth 2.0 instead of OAuth 1.0a."_s);
-    const QCommandLineOption mode(u"upload-mode"_s, u"auto, memory or streamed."_s, u"mode"_s,
-                                  u"auto"_s);
+    const QCommandLineOption mode(
+        u"upload-mode"_s,
+        u"resumable (chunks resumed after any failure), or one multipart POST: auto, memory or streamed."_s,
+        u"mode"_s, u"resumable"_s);
     const QCommandLineOption threshold(
         u"stream-threshold"_s, u"Auto mode streams files from this size (bytes)."_s, u"bytes"_s);
     const QCommandLineOption memoryLimit(
@@ -184,12 +186,14 @@ int main(int argc, char **argv)
 
     DemoUploadOptions uploadOptions;
     const QString modeName = parser.value(mode);
-    if (modeName == u"memory")
+    if (modeName == u"resumable")
+        uploadOptions.mode = DemoUploadOptions::Mode::Resumable;
+    else if (modeName == u"memory")
         uploadOptions.mode = DemoUploadOptions::Mode::InMemory;
     else if (modeName == u"streamed")
         uploadOptions.mode = DemoUploadOptions::Mode::Streamed;
     else if (modeName != u"auto")
-        return badOption(u"upload-mode"_s, modeName, "must be auto, memory or streamed");
+        return badOption(u"upload-mode"_s, modeName, "must be resumable, auto, memory or streamed");
     if (parser.isSet(threshold)) {
         const auto bytes = byteCount(parser.value(threshold));
         if (!bytes)

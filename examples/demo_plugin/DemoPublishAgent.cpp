@@ -41,7 +41,7 @@ void DemoPublishAgent::cancelUpload()
 
 void DemoPublishAgent::publishPostDidFailWithError(ZDPublishPost *post, const ZDError &error)
 {
-    if (error.domain() != DemoVideo::ErrorDomain || error.code() != DemoVideo::ErrorCancelled) {
+    if (!isCancellation(error)) {
         ZDPublishAgent::publishPostDidFailWithError(post, error);
         return;
     }

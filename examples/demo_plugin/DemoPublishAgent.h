@@ -18,8 +18,8 @@ public:
     ZDPublishViewControllerClass publishViewControllerClass() override;
 
     void uploadVideoAtPath(const QString &path);
-    // Stops a running upload; the host hears of it as a failure with
-    // DemoVideo::ErrorCancelled.
+    // Stops a running upload; the host hears of it as a failure for which
+    // isCancellation() holds.
     void cancelUpload();
 
     // A cancellation is what the user asked for, not a failure: it reaches the

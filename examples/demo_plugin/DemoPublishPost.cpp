@@ -4,6 +4,7 @@
 #include "DemoVideo.h"
 
 #include <host/FileSizeFormatter.h>
+#include <net/ZDDigest.h>
 #include <net/ZDFileUpload.h>
 #include <net/ZDURLRequest.h>
 
@@ -62,6 +63,13 @@ QString sizeText(qint64 bytes)
 
 } // namespace
 
+bool isCancellation(const ZDError &error)
+{
+    if (error.domain() == ZDPublishErrorDomain)
+        return ZDPublishErrorKindForError(error) == ZDPublishErrorKind::Cancelled;
+    return error.domain() == DemoVideo::ErrorDomain && error.code() == DemoVideo::ErrorCancelled;
+}
+
 DemoPublishPost::DemoPublishPost(ZDPublishPostDelegate *delegate, DemoVideoDetails details,
                                  DemoUploadOptions options)
     : ZDPublishPost(delegate), m_details(std::move(details)), m_options(options)
@@ -113,6 +121,14 @@ std::optional<QVariant> DemoPublishPost::videoPart(ZDError &error)
 
 void DemoPublishPost::startUpload()
 {
+    if (m_options.mode == DemoUploadOptions::Mode::Resumable) {
+        // The engine asks the OAuth 2.0 authenticator itself, before every
+        // request and after a 401.
+        sendResumable(DemoAuthenticator::usesOAuth2()
+                          ? nullptr
+                          : DemoAuthenticator::sharedAuthenticator()->accountSigner());
+        return;
+    }
     if (DemoAuthenticator::usesOAuth2()) {
         // Fresh credentials first: the token is renewed when it expires soon.
         DemoAuthenticator::sharedOAuth2Authenticator()->credentialsForRequest(
@@ -130,6 +146,115 @@ void DemoPublishPost::startUpload()
         return;
     }
     sendUpload(DemoAuthenticator::sharedAuthenticator()->accountSigner());
+}
+
+QVariantMap DemoPublishPost::textFields() const
+{
+    QVariantMap fields{{u"title"_s, m_details.title},
+                       {u"description"_s, m_details.description},
+                       {u"tags"_s, m_details.tags.join(u',')},
+                       {u"access"_s, m_details.access}};
+    if (!m_details.category.isEmpty())
+        fields.insert(u"category"_s, m_details.category);
+    return fields;
+}
+
+void DemoPublishPost::sendResumable(const std::shared_ptr<RequestSigner> &signer)
+{
+    const bool oauth2 = DemoAuthenticator::usesOAuth2();
+    if (!signer && !oauth2) {
+        QTimer::singleShot(0, &m_context, [this] {
+            _failWithError(ZDPublishErrorWithKind(
+                ZDPublishErrorKind::SignInAgain,
+                DemoVideo::error(DemoVideo::ErrorSignInExpired,
+                                 u"Sign in to Demo Video before publishing."_s)));
+        });
+        return;
+    }
+    m_upload = std::make_unique<ZDResumableUpload>(ZDUploadProtocol::ResumeIncomplete,
+                                                   DemoVideo::endpoint(u"api/uploads"_s),
+                                                   m_details.path, this);
+    m_upload->setMetadata(textFields());
+    if (oauth2)
+        m_upload->setCredentialSource(DemoAuthenticator::sharedOAuth2Authenticator());
+    else
+        m_upload->setSigner(signer);
+    m_upload->setServerDigestKey(u"md5"_s, ZDDigestAlgorithm::MD5);
+    m_upload->setAllowsCellularAccess(allowsCellularAccessForUploads());
+    m_videoBytes = QFileInfo(m_details.path).size();
+    m_upload->start();
+}
+
+void DemoPublishPost::uploadDidFinish(ZDResumableUpload *upload, const QVariant &response)
+{
+    uploadRelay()->uploadDidFinish(upload, response);
+}
+
+void DemoPublishPost::uploadHasSentBytes(ZDResumableUpload *upload, qint64 sent, qint64 total)
+{
+    uploadRelay()->uploadHasSentBytes(upload, sent, total);
+}
+
+void DemoPublishPost::uploadWillRetry(ZDResumableUpload *upload, const ZDError &reason,
+                                      qint64 delayMsecs, qint64 confirmedOffset)
+{
+    // What the service confirmed, not what went into the lost connection.
+    uploadRelay()->uploadHasSentBytes(upload, confirmedOffset, upload->totalBytes());
+    uploadRelay()->uploadWillRetry(upload, reason, delayMsecs, confirmedOffset);
+}
+
+void DemoPublishPost::uploadDidResume(ZDResumableUpload *upload, qint64 offset)
+{
+    uploadRelay()->uploadDidResume(upload, offset);
+}
+
+void DemoPublishPost::uploadDidFailWithError(ZDResumableUpload *, const ZDError &error)
+{
+    const QByteArray body = error.userInfo().value(u"body"_s).toByteArray();
+    const ZDError classified = ZDPublishErrorWithError(error, body);
+    const int status = error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode();
+    const QString reason = QJsonDocument::fromJson(body).object().value(u"error").toString();
+    QString sentence;
+    switch (ZDPublishErrorKindForError(classified)) {
+    case ZDPublishErrorKind::SignInAgain:
+        // The token was revoked or expired: the user has to sign in again.
+        DemoAuthenticator::activeAuthenticator()->invalidateAuthentication();
+        sentence =
+            u"Demo Video no longer accepts your sign-in. Sign in again and publish once more."_s;
+        break;
+    case ZDPublishErrorKind::InvalidField:
+    case ZDPublishErrorKind::QuotaOrRateLimit:
+    case ZDPublishErrorKind::FileTooLarge:
+    case ZDPublishErrorKind::ServiceFailure:
+        if (!reason.isEmpty() && status > 0)
+            sentence =
+                u"Demo Video refused the video: %1 (HTTP status %2)"_s.arg(reason).arg(status);
+        break;
+    case ZDPublishErrorKind::Network:
+        sentence = u"The connection to Demo Video failed: %1"_s.arg(error.localizedDescription());
+        break;
+    default:
+        break;
+    }
+    if (sentence.isEmpty())
+        return _failWithError(classified);
+    QVariantMap info = classified.userInfo();
+    info.insert(ZDLocalizedDescriptionKey, sentence);
+    _failWithError(ZDError(classified.domain(), classified.code(), info));
+}
+
+void DemoPublishPost::_uploadDidFinish(const QVariant &response)
+{
+    const QVariantMap answer = response.toMap();
+    DemoPublishedVideo published{
+        answer.value(u"id"_s).toString(), QUrl(answer.value(u"url"_s).toString()),
+        answer.value(u"md5"_s).toString(), answer.value(u"bytes"_s).toLongLong()};
+    if (published.id.isEmpty() || !published.url.isValid() || published.md5.isEmpty())
+        return _failWithError(ZDPublishErrorWithKind(
+            ZDPublishErrorKind::ServiceFailure,
+            ZDError(JSONHTTPRequestErrorDomain, JSONHTTPRequestErrorNoResult)));
+    m_published = published;
+    _succeed();
 }
 
 void DemoPublishPost::sendUpload(const std::shared_ptr<RequestSigner> &signer)
@@ -153,13 +278,8 @@ void DemoPublishPost::sendUpload(const std::shared_ptr<RequestSigner> &signer)
     // Every text field is covered by the signature; the video is not.
     m_request->setSignsMultipartPOSTData(true);
     // The size lets the service tell a complete upload from one cut off.
-    QVariantMap fields{{u"size"_s, QString::number(m_videoBytes)},
-                       {u"title"_s, m_details.title},
-                       {u"description"_s, m_details.description},
-                       {u"tags"_s, m_details.tags.join(u',')},
-                       {u"access"_s, m_details.access}};
-    if (!m_details.category.isEmpty())
-        fields.insert(u"category"_s, m_details.category);
+    QVariantMap fields = textFields();
+    fields.insert(u"size"_s, QString::number(m_videoBytes));
     m_request->setPostParams(fields);
     m_request->setUnsignedPostParams(QVariantMap{{u"video"_s, *video}});
     m_request->start();
@@ -167,6 +287,14 @@ void DemoPublishPost::sendUpload(const std::shared_ptr<RequestSigner> &signer)
 
 void DemoPublishPost::cancel()
 {
+    if (m_upload && !hasEnded()) {
+        m_upload->abort(); // nothing resumes it later: the session goes too
+        QTimer::singleShot(0, &m_context, [this] {
+            if (!hasEnded())
+                _failWithError(ZDPublishErrorWithKind(ZDPublishErrorKind::Cancelled));
+        });
+        return;
+    }
     if (!m_request)
         return;
     m_request.reset();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <net/JSONHTTPRequest.h>
+#include <net/ZDResumableUpload.h>
 #include <publish/ZDPublishPost.h>
 
 #include <QObject>
@@ -23,8 +24,13 @@ struct DemoVideoDetails
 // How the video file travels.
 struct DemoUploadOptions
 {
-    enum class Mode { Automatic, InMemory, Streamed };
-    Mode mode = Mode::Automatic;
+    // Resumable: in chunks to api/uploads, resumed from the service's offset
+    // after any failure of the network (the default). The others send one
+    // multipart POST to api/videos, which a failure restarts from the start:
+    // Automatic holds small files in memory and streams large ones, InMemory
+    // and Streamed always do the one or the other.
+    enum class Mode { Resumable, Automatic, InMemory, Streamed };
+    Mode mode = Mode::Resumable;
     // Automatic mode streams files from this size on.
     qint64 streamThreshold = 64 * 1024 * 1024;
     // An in-memory upload holds the file twice (the file and the body); a file
@@ -32,6 +38,10 @@ struct DemoUploadOptions
     // the memory the system reports available.
     std::optional<qint64> memoryLimit;
 };
+
+// Whether `error` ends a job that the user or the host cancelled (in either
+// mode's domain).
+bool isCancellation(const ZDError &error);
 
 // What the service answered for a published video.
 struct DemoPublishedVideo
@@ -42,11 +52,22 @@ struct DemoPublishedVideo
     qint64 bytes = 0;
 };
 
-// Demo Video's upload job: one signed multipart POST to api/videos. The text
-// fields are signed (as query parameters); the video travels unsigned. Errors
-// reach the delegate in DemoVideo::ErrorDomain with a description for the user
-// and the library's error underneath.
-class DemoPublishPost : public ZDPublishPost, public JSONHTTPRequestDelegate
+// Demo Video's upload job.
+//
+// Resumable mode goes through ZDResumableUpload with a "308 Resume Incomplete"
+// session: every request is signed (or carries the OAuth 2.0 token, renewed by
+// the authenticator when it expires), the service's MD5 of the whole video is
+// checked against the file's, and progress, retries and resumptions reach the
+// delegate through publishPostDidUpdateProgress(). Its errors are in
+// ZDPublishErrorDomain (ZDPublishPost.h).
+//
+// The multipart modes send one signed multipart POST to api/videos. The text
+// fields are signed (as query parameters); the video travels unsigned. Their
+// errors reach the delegate in DemoVideo::ErrorDomain with a description for
+// the user and the library's error underneath.
+class DemoPublishPost : public ZDPublishPost,
+                        public JSONHTTPRequestDelegate,
+                        public ZDResumableUploadDelegate
 {
 public:
     DemoPublishPost(ZDPublishPostDelegate *delegate, DemoVideoDetails details,
@@ -54,7 +75,10 @@ public:
     ~DemoPublishPost() override;
 
     void startUpload() override;
-    // Stops the upload; the delegate hears a DemoVideo::ErrorCancelled failure.
+    // Stops the upload; the delegate hears a failure of kind
+    // ZDPublishErrorKind::Cancelled (resumable) or DemoVideo::ErrorCancelled.
+    // A resumable upload's session is ended on the service too (DELETE), so
+    // nothing of it is kept there.
     void cancel();
 
     std::optional<DemoPublishedVideo> publishedVideo() const { return m_published; }
@@ -64,7 +88,22 @@ public:
     void requestHasWrittenBytesExpectsToWrite(JSONHTTPRequest *request, qint64 written,
                                               qint64 expected) override;
 
+    // The engine's calls go to uploadRelay(); a failure is described in the
+    // plug-in's words first (the kind stays the library's).
+    void uploadDidFinish(ZDResumableUpload *upload, const QVariant &response) override;
+    void uploadDidFailWithError(ZDResumableUpload *upload, const ZDError &error) override;
+    void uploadHasSentBytes(ZDResumableUpload *upload, qint64 sent, qint64 total) override;
+    void uploadWillRetry(ZDResumableUpload *upload, const ZDError &reason, qint64 delayMsecs,
+                         qint64 confirmedOffset) override;
+    void uploadDidResume(ZDResumableUpload *upload, qint64 offset) override;
+
+protected:
+    void _uploadDidFinish(const QVariant &response) override;
+
 private:
+    // What the form says, as the service's text fields.
+    QVariantMap textFields() const;
+    void sendResumable(const std::shared_ptr<RequestSigner> &signer);
     void sendUpload(const std::shared_ptr<RequestSigner> &signer);
     // Reports after the current event, never from inside startUpload() or
     // cancel(): the delegate may destroy this job when it hears of the failure.
@@ -76,6 +115,7 @@ private:
     DemoUploadOptions m_options;
     qint64 m_videoBytes = 0;
     std::unique_ptr<JSONHTTPRequest> m_request;
+    std::unique_ptr<ZDResumableUpload> m_upload;
     std::optional<DemoPublishedVideo> m_published;
     QObject m_context; // scope of the deferred reports
 };

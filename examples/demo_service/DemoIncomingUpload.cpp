@@ -1,7 +1,9 @@
 #include "DemoIncomingUpload.h"
 
+#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
+#include <QJsonArray>
 #include <QJsonDocument>
 
 #include <unistd.h>
@@ -15,12 +17,46 @@ namespace {
 constexpr qsizetype kMaxTextFieldBytes = 1024 * 1024;
 constexpr qsizetype kMaxTextFields = 256;
 
+} // namespace
+
 QString newVideoId()
 {
     return DemoHttp::randomString(12, u"abcdefghijklmnopqrstuvwxyz0123456789");
 }
 
-} // namespace
+QString videoFieldsProblem(const QHash<QString, QString> &field)
+{
+    if (field.value(u"title"_s).trimmed().isEmpty())
+        return u"The video needs a title."_s;
+    const QString access = field.value(u"access"_s, u"public"_s);
+    if (access != u"public" && access != u"unlisted" && access != u"private")
+        return u"Access must be public, unlisted or private."_s;
+    return {};
+}
+
+QJsonObject videoMeta(const QString &id, const QHash<QString, QString> &field,
+                      const QString &filename, qint64 bytes, const QString &md5,
+                      const QString &account)
+{
+    QJsonArray tags;
+    for (const QString &tag : field.value(u"tags"_s).split(u',')) {
+        if (!tag.trimmed().isEmpty())
+            tags.append(tag.trimmed());
+    }
+    return {
+        {u"id"_s, id},
+        {u"title"_s, field.value(u"title"_s)},
+        {u"description"_s, field.value(u"description"_s)},
+        {u"tags"_s, tags},
+        {u"category"_s, field.value(u"category"_s)},
+        {u"access"_s, field.value(u"access"_s, u"public"_s)},
+        {u"filename"_s, filename},
+        {u"bytes"_s, bytes},
+        {u"md5"_s, md5},
+        {u"account"_s, account},
+        {u"published"_s, QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
+    };
+}
 
 const QRegularExpression &videoIdPattern()
 {

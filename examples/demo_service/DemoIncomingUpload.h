@@ -9,6 +9,7 @@
 #include <QByteArray>
 #include <QCryptographicHash>
 #include <QFile>
+#include <QHash>
 #include <QJsonObject>
 #include <QList>
 #include <QRegularExpression>
@@ -21,6 +22,17 @@
 
 // The form of a video's id, in folder names and URLs.
 const QRegularExpression &videoIdPattern();
+
+// A new video id.
+QString newVideoId();
+
+// The reason a video's text fields are refused (a 400), or an empty string.
+QString videoFieldsProblem(const QHash<QString, QString> &field);
+// The meta.json of a published video from its text fields (tags as a
+// comma-separated list) and what was stored.
+QJsonObject videoMeta(const QString &id, const QHash<QString, QString> &field,
+                      const QString &filename, qint64 bytes, const QString &md5,
+                      const QString &account);
 
 // The stored name of a video uploaded as `filename`: "video" and the filename's
 // extension when it is a plain one.

@@ -83,7 +83,7 @@ QUrl signedUrl(const httplib::Request &req, int localPort)
 }
 
 bool signatureMatches(const QUrl &url, Parameters parameters, const QString &tokenSecret,
-                      const QString &signature)
+                      const QString &signature, const std::string &method)
 {
     // QOAuth1Signature writes the values of a repeated name in its map's order,
     // and QMultiMap::insert() puts a value before those already there: inserted
@@ -99,8 +99,9 @@ bool signatureMatches(const QUrl &url, Parameters parameters, const QString &tok
     for (const auto &[name, value] : parameters)
         map.insert(name, value);
     // The URL carries no query: QOAuth1Signature would add its items itself.
-    const QOAuth1Signature expected(url, QString::fromUtf16(DemoAccount::kConsumerSecret),
-                                    tokenSecret, QOAuth1Signature::HttpRequestMethod::Post, map);
+    QOAuth1Signature expected(url, QString::fromUtf16(DemoAccount::kConsumerSecret), tokenSecret,
+                              QOAuth1Signature::HttpRequestMethod::Custom, map);
+    expected.setCustomMethodString(QByteArray::fromStdString(method));
     // hmacSha1() is the raw digest, not its base64 text.
     const auto given = QByteArray::fromBase64Encoding(signature.toLatin1(),
                                                       QByteArray::AbortOnBase64DecodingErrors);
@@ -165,7 +166,7 @@ bool Verifier::verify(const httplib::Request &req, Parameters parameters,
             parameters.append({it.key(), it.value()});
     }
     return signatureMatches(signedUrl(req, port), std::move(parameters), tokenSecret,
-                            oauth.value(u"oauth_signature"_s));
+                            oauth.value(u"oauth_signature"_s), req.method);
 }
 
 std::pair<QString, QString> Verifier::issueToken(const QString &account)

@@ -16,6 +16,7 @@
 #include <mutex>
 #include <optional>
 #include <set>
+#include <string>
 #include <utility>
 
 namespace DemoOAuth {
@@ -32,11 +33,11 @@ std::optional<OAuthParameters> oauthParameters(const QByteArray &header);
 // port, and the path.
 QUrl signedUrl(const httplib::Request &req, int localPort);
 
-// Whether `signature` (base64, as sent) is the HMAC-SHA1 signature of a POST to
-// `url` with `parameters`: those of the query and the body and the oauth_ ones,
-// without oauth_signature.
+// Whether `signature` (base64, as sent) is the HMAC-SHA1 signature of a
+// request with `method` ("POST" unless told) to `url` with `parameters`: those
+// of the query and the body and the oauth_ ones, without oauth_signature.
 bool signatureMatches(const QUrl &url, DemoHttp::Parameters parameters, const QString &tokenSecret,
-                      const QString &signature);
+                      const QString &signature, const std::string &method = "POST");
 
 // The tokens the service issued and the nonces of the requests it accepted.
 // Thread-safe: handlers run on the HTTP library's thread pool.
@@ -57,8 +58,9 @@ public:
     // Records the nonce of a request whose signature was verified. A nonce is
     // accepted once per timestamp; the token, if any, must still be live.
     QString acceptNonce(const OAuthParameters &oauth, const Credentials &credentials);
-    // Whether the request's signature covers `parameters` (the body's), its
-    // query and its oauth_ parameters, for a service listening on `port`.
+    // Whether the request's signature covers its method, `parameters` (the
+    // body's), its query and its oauth_ parameters, for a service listening on
+    // `port`.
     static bool verify(const httplib::Request &req, DemoHttp::Parameters parameters,
                        const OAuthParameters &oauth, const QString &tokenSecret, int port);
 

@@ -4,6 +4,7 @@
 #include "DemoIncomingUpload.h"
 #include "DemoOAuth.h"
 #include "DemoOAuth2.h"
+#include "DemoResumableUpload.h"
 
 #include <QByteArray>
 #include <QDateTime>
@@ -57,6 +58,7 @@ struct DemoVideoService::Private
 
     DemoOAuth::Verifier oauthVerifier;
     DemoOAuth2::Issuer oauth2Issuer;
+    std::unique_ptr<ResumableUploads> resumable;
 
     void route();
 
@@ -188,12 +190,8 @@ void DemoVideoService::Private::upload(const httplib::Request &req, httplib::Res
     QHash<QString, QString> field;
     for (auto it = fields.crbegin(); it != fields.crend(); ++it)
         field.insert(it->first, it->second); // the first of a repeated name wins
-    const QString title = field.value(u"title"_s);
-    if (title.trimmed().isEmpty())
-        return refuse(400, u"The video needs a title."_s);
-    const QString access = field.value(u"access"_s, u"public"_s);
-    if (access != u"public" && access != u"unlisted" && access != u"private")
-        return refuse(400, u"Access must be public, unlisted or private."_s);
+    if (const QString problem = videoFieldsProblem(field); !problem.isEmpty())
+        return refuse(400, problem);
     if (!incoming.hasVideo())
         return refuse(400, u"The upload holds no video."_s);
     bool sized = false;
@@ -207,24 +205,8 @@ void DemoVideoService::Private::upload(const httplib::Request &req, httplib::Res
     if (options.rejectUploads)
         return refuse(422, u"This demo service is not accepting videos right now."_s);
 
-    QJsonArray tags;
-    for (const QString &tag : field.value(u"tags"_s).split(u',')) {
-        if (!tag.trimmed().isEmpty())
-            tags.append(tag.trimmed());
-    }
-    const QJsonObject meta{
-        {u"id"_s, incoming.id()},
-        {u"title"_s, title},
-        {u"description"_s, field.value(u"description"_s)},
-        {u"tags"_s, tags},
-        {u"category"_s, field.value(u"category"_s)},
-        {u"access"_s, access},
-        {u"filename"_s, incoming.filename()},
-        {u"bytes"_s, incoming.bytes()},
-        {u"md5"_s, incoming.md5()},
-        {u"account"_s, credentials.account},
-        {u"published"_s, QDateTime::currentDateTimeUtc().toString(Qt::ISODateWithMs)},
-    };
+    const QJsonObject meta = videoMeta(incoming.id(), field, incoming.filename(), incoming.bytes(),
+                                       incoming.md5(), credentials.account);
     if (!incoming.publish(videosPath, meta))
         return refuse(500, u"The video could not be published."_s);
     replyJson(res, 201,
@@ -349,6 +331,19 @@ void DemoVideoService::Private::route()
     server.Post("/api/videos",
                 [this](const httplib::Request &req, httplib::Response &res,
                        const httplib::ContentReader &reader) { upload(req, res, reader); });
+    server.Post("/api/uploads", [this](const httplib::Request &req, httplib::Response &res,
+                                       const httplib::ContentReader &reader) {
+        resumable->open(req, res, reader);
+    });
+    server.Put("/api/uploads/([a-z0-9]+)",
+               [this](const httplib::Request &req, httplib::Response &res,
+                      const httplib::ContentReader &reader) {
+                   resumable->put(QString::fromStdString(req.matches[1]), req, res, reader);
+               });
+    server.Delete("/api/uploads/([a-z0-9]+)",
+                  [this](const httplib::Request &req, httplib::Response &res) {
+                      resumable->remove(QString::fromStdString(req.matches[1]), req, res);
+                  });
     server.Post("/admin/revoke",
                 [this](const httplib::Request &req, httplib::Response &res,
                        const httplib::ContentReader &reader) { revoke(req, res, reader); });
@@ -376,6 +371,11 @@ DemoVideoService::DemoVideoService(const Options &options) : d(std::make_unique<
     d->options = options;
     d->incomingPath = QDir(options.dataDirectory).absoluteFilePath(u"incoming"_s);
     d->videosPath = QDir(options.dataDirectory).absoluteFilePath(u"videos"_s);
+    d->resumable = std::make_unique<ResumableUploads>(
+        ResumableUploads::Settings{QDir(options.dataDirectory).absoluteFilePath(u"sessions"_s),
+                                   d->videosPath, options.rejectUploads, options.dieAfterBytes,
+                                   24 * 3600, options.cutEveryBytes},
+        &d->oauthVerifier, &d->oauth2Issuer);
     d->route();
 }
 
@@ -388,7 +388,7 @@ bool DemoVideoService::listen(int port)
 {
     // A process that ended mid-upload leaves its half-written folder behind.
     if (!QDir(d->incomingPath).removeRecursively() || !QDir().mkpath(d->incomingPath) ||
-        !QDir().mkpath(d->videosPath)) {
+        !QDir().mkpath(d->videosPath) || !d->resumable->prepare()) {
         d->error = u"cannot prepare the data folder %1"_s.arg(d->options.dataDirectory);
         return false;
     }
@@ -403,6 +403,7 @@ bool DemoVideoService::listen(int port)
         d->error = u"cannot listen on 127.0.0.1:%1"_s.arg(port);
         return false;
     }
+    d->resumable->setPort(d->port);
     return true;
 }
 

@@ -19,6 +19,9 @@ inline constexpr char16_t kDisplayName[] = u"demo";
 //
 //   POST /oauth/access_token  user name and password for a token (form body)
 //   POST /api/videos          an upload (multipart/form-data, signed)
+//   POST /api/uploads         a resumable upload's session, then PUT and
+//                             DELETE on /api/uploads/<session>
+//                             (DemoResumableUpload.h says how)
 //   POST /admin/revoke        revokes every token issued so far; a demo and
 //                             test aid, not something a real service offers
 //   GET  /                    the published videos, newest first
@@ -27,7 +30,8 @@ inline constexpr char16_t kDisplayName[] = u"demo";
 //
 // Uploads are written to <data>/incoming/<id>/ while they arrive and move to
 // <data>/videos/<id>/ in one rename once complete and valid, so a published
-// video appears whole or not at all. Tokens and nonces live in memory only.
+// video appears whole or not at all. Tokens and nonces live in memory only;
+// resumable sessions live in <data>/sessions/ and survive a restart.
 //
 // Requests are served on the HTTP library's worker threads; the service needs
 // no Qt event loop.
@@ -41,6 +45,9 @@ public:
         // Fault injection for tests: the process ends (exit status 70) as soon as
         // an upload's video content exceeds this many bytes. Negative: never.
         qint64 dieAfterBytes = -1;
+        // Fault injection: a resumable chunk is broken off (503, connection
+        // closed) every time the service has taken this many bytes. 0: never.
+        qint64 cutEveryBytes = 0;
         bool logRequests = true; // one line per request on stderr
     };
 

@@ -55,8 +55,11 @@ int main(int argc, char *argv[])
         u"die-after-bytes"_s,
         u"Fault injection: exit at once (status 70) when an upload's video exceeds N bytes."_s,
         u"N"_s);
+    const QCommandLineOption cutOption(
+        u"cut-every-bytes"_s,
+        u"Fault injection: break off a resumable upload's chunk every N bytes taken."_s, u"N"_s);
     const QCommandLineOption quietOption(u"quiet"_s, u"Do not log requests."_s);
-    parser.addOptions({portOption, dataOption, rejectOption, dieOption, quietOption});
+    parser.addOptions({portOption, dataOption, rejectOption, dieOption, cutOption, quietOption});
     parser.process(app);
 
     bool isNumber = false;
@@ -71,6 +74,12 @@ int main(int argc, char *argv[])
         options.dieAfterBytes = parser.value(dieOption).toLongLong(&isNumber);
         if (!isNumber || options.dieAfterBytes < 0)
             usageError(u"--die-after-bytes takes a number of bytes"_s);
+    }
+
+    if (parser.isSet(cutOption)) {
+        options.cutEveryBytes = parser.value(cutOption).toLongLong(&isNumber);
+        if (!isNumber || options.cutEveryBytes <= 0)
+            usageError(u"--cut-every-bytes takes a positive number of bytes"_s);
     }
 
     DemoVideoService service(options);

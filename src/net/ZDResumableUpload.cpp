@@ -5,6 +5,7 @@
 #include "net/ZDResumableUpload_p.h"
 #include "net/ZDURLRequest.h"
 
+#include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -326,14 +327,19 @@ void ZDResumableUploadPrivate::terminate()
     struct Orphan : JSONHTTPRequestDelegate
     {
         std::unique_ptr<ZDUploadRequest> request;
+        QObject context; // scope of the calls that delete the orphan
         void end()
         {
-            QTimer::singleShot(0, [this] { delete this; });
+            QTimer::singleShot(0, &context, [this] { delete this; });
         }
         void requestDidReceiveObject(JSONHTTPRequest *, const QVariant &) override { end(); }
         void requestDidFailWithError(JSONHTTPRequest *, const ZDError &) override { end(); }
     };
     auto *orphan = new Orphan;
+    // An application that quits before the answer still frees the request.
+    if (QCoreApplication *app = QCoreApplication::instance())
+        QObject::connect(app, &QCoreApplication::aboutToQuit, &orphan->context,
+                         [orphan] { delete orphan; });
     orphan->request = std::make_unique<ZDUploadRequest>(entry.sessionURL, orphan, signer);
     orphan->request->setHTTPMethod(JSONHTTPRequestMethodFormPOST);
     orphan->request->setHTTPVerb("DELETE");

@@ -94,6 +94,10 @@ public:
     {
         return QDir(m_dataDir + u"/incoming"_s).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
     }
+    QStringList sessions() const
+    {
+        return QDir(m_dataDir + u"/sessions"_s).entryList(QDir::AllEntries | QDir::NoDotAndDotDot);
+    }
     QJsonObject meta(const QString &id) const
     {
         QFile file(m_dataDir + u"/videos/"_s + id + u"/meta.json"_s);
@@ -207,6 +211,31 @@ private Q_SLOTS:
                  qPrintable(run.output));
     }
 
+    void aResumableUploadThroughCutsArrivesWholeAndSaysWhereItResumed()
+    {
+        QTemporaryDir data;
+        Service service(data.path());
+        QVERIFY(service.start({u"--cut-every-bytes"_s, u"1500000"_s}));
+        const QString video = m_files.filePath(u"flaky.mp4"_s);
+        writeRandomFile(video, 5 * 1024 * 1024 + 11);
+        const HostRun run =
+            runHost(service, video, {u"--no-wrong-password"_s, u"--title"_s, u"Flaky"_s});
+        QVERIFY2(run.exitCode == kPublished, qPrintable(run.output));
+        static const QRegularExpression lost(
+            u"connection lost at ([0-9.]+ [KM]i?B), retrying in \\d+ s \\.\\.\\. resumed at ([0-9.]+ [KM]i?B)"_s);
+        auto matches = lost.globalMatch(run.output);
+        int cuts = 0;
+        for (; matches.hasNext(); ++cuts)
+            matches.next();
+        // 5 MiB through a cut every 1.5 MB: three of them, each resumed from
+        // the bytes the service kept.
+        QVERIFY2(cuts == 3, qPrintable(run.output));
+        const QStringList published = service.published();
+        QCOMPARE(published.size(), 1);
+        QCOMPARE(md5Of(service.storedVideo(published.first())), md5Of(video));
+        QCOMPARE(service.meta(published.first()).value(u"md5").toString(), md5Of(video));
+    }
+
     void publishingByKeyboardAloneNeedsNoMouse()
     {
         QTemporaryDir data;
@@ -260,6 +289,8 @@ private Q_SLOTS:
         QTest::newRow("the sheet") << QStringList{u"--cancel-sheet"_s};
         QTest::newRow("the upload, once under way")
             << QStringList{u"--upload-mode"_s, u"streamed"_s, u"--cancel-after-bytes"_s, u"1"_s};
+        QTest::newRow("a resumable upload, once under way")
+            << QStringList{u"--upload-mode"_s, u"resumable"_s, u"--cancel-after-bytes"_s, u"1"_s};
     }
     void cancelledPublicationLeavesNothingOnTheService()
     {
@@ -274,6 +305,7 @@ private Q_SLOTS:
         QVERIFY2(!run.output.contains(u"Publish failed"_s), qPrintable(run.output));
         // The service notices the dropped connection and clears its half-upload.
         QTRY_VERIFY_WITH_TIMEOUT(service.incoming().isEmpty(), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(service.sessions().isEmpty(), 30000);
         QVERIFY(service.published().isEmpty());
     }
 
@@ -329,6 +361,7 @@ private Q_SLOTS:
             return;
         }
         QTRY_VERIFY_WITH_TIMEOUT(service.incoming().isEmpty(), 30000);
+        QTRY_VERIFY_WITH_TIMEOUT(service.sessions().isEmpty(), 30000);
         QVERIFY(service.published().isEmpty());
     }
 

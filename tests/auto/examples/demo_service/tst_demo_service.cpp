@@ -3,6 +3,7 @@
 #include "net/JSONHTTPRequest.h"
 #include "net/ZDFileUpload.h"
 #include "net/ZDOAuth1Signer.h"
+#include "net/ZDResumableUpload.h"
 
 #include <QCryptographicHash>
 #include <QDateTime>
@@ -188,6 +189,116 @@ QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArra
     return file.fileName();
 }
 
+struct RawReply
+{
+    int status = 0;
+    QByteArray location;
+    QByteArray range;
+    QByteArray body;
+};
+
+// One request written by hand on its own connection, signed with `token` unless
+// it is empty (`signedMethod` names the method the signature is for). With
+// `cutAfter` >= 0 the connection ends after that many body bytes and no answer
+// is read.
+RawReply send(const Service &service, const QByteArray &method, const QString &path,
+              const QList<std::pair<QByteArray, QByteArray>> &headers, const QByteArray &body,
+              const Token &token, qint64 cutAfter = -1, const QByteArray &signedMethod = {})
+{
+    QByteArray head = method + ' ' + path.toUtf8() +
+                      " HTTP/1.1\r\nHost: 127.0.0.1:" + QByteArray::number(service.port()) +
+                      "\r\nConnection: close\r\n" +
+                      "Content-Length: " + QByteArray::number(body.size()) + "\r\n";
+    if (!token.key.isEmpty()) {
+        ZDOAuth1Signer signer(kConsumerKey, kConsumerSecret, token.key, token.secret);
+        ZDURLRequest signing;
+        signing.setURLString(service.url(path).toUtf8());
+        signing.setHTTPMethod(signedMethod.isEmpty() ? method : signedMethod);
+        head += "Authorization: " +
+                signer.signedRequestForRequest(signing).valueForHTTPHeaderField("Authorization") +
+                "\r\n";
+    }
+    for (const auto &[name, value] : headers)
+        head += name + ": " + value + "\r\n";
+    QTcpSocket socket;
+    socket.connectToHost(u"127.0.0.1"_s, quint16(service.port()));
+    if (!socket.waitForConnected(30000))
+        return {};
+    socket.write(head + "\r\n" + (cutAfter >= 0 ? body.left(cutAfter) : body));
+    while (socket.bytesToWrite() > 0 && socket.waitForBytesWritten(60000)) {
+    }
+    if (cutAfter >= 0) {
+        socket.disconnectFromHost();
+        return {};
+    }
+    while (socket.state() == QAbstractSocket::ConnectedState && socket.waitForReadyRead(60000)) {
+    }
+    const QByteArray answer = socket.readAll();
+    const qsizetype end = answer.indexOf("\r\n\r\n");
+    RawReply reply{answer.mid(9, 3).toInt(), {}, {}, answer.mid(end + 4)};
+    for (const QByteArray &line : answer.left(end).split('\n')) {
+        if (line.toLower().startsWith("location:"))
+            reply.location = line.mid(9).trimmed();
+        if (line.toLower().startsWith("range:"))
+            reply.range = line.mid(6).trimmed();
+    }
+    return reply;
+}
+
+// Opens a resumable session for `size` bytes; its path, or empty.
+QString openSession(const Service &service, const Token &token, qint64 size,
+                    const QJsonObject &metadata = {{u"title"_s, u"Resumed"_s},
+                                                   {u"name"_s, u"resumed.mov"_s}})
+{
+    const RawReply reply = send(service, "POST", u"/api/uploads"_s,
+                                {{"Content-Type", "application/json"},
+                                 {"X-Upload-Content-Length", QByteArray::number(size)}},
+                                QJsonDocument(metadata).toJson(QJsonDocument::Compact), token);
+    return reply.status == 201 ? QUrl(QString::fromLatin1(reply.location)).path() : QString();
+}
+
+RawReply putChunk(const Service &service, const Token &token, const QString &session,
+                  const QByteArray &file, qint64 first, qint64 length, qint64 cutAfter = -1,
+                  QByteArray digest = {})
+{
+    const QByteArray chunk = file.mid(first, length);
+    if (digest.isEmpty())
+        digest = QCryptographicHash::hash(chunk, QCryptographicHash::Sha1).toBase64();
+    const QByteArray range = "bytes " + QByteArray::number(first) + '-' +
+                             QByteArray::number(first + length - 1) + '/' +
+                             QByteArray::number(file.size());
+    return send(service, "PUT", session,
+                {{"Content-Range", range},
+                 {"Content-Type", "application/octet-stream"},
+                 {"Digest", "sha=" + digest}},
+                chunk, token, cutAfter);
+}
+
+RawReply askOffset(const Service &service, const Token &token, const QString &session, qint64 total)
+{
+    return send(service, "PUT", session,
+                {{"Content-Range", "bytes */" + QByteArray::number(total)}}, {}, token);
+}
+
+class UploadOutcome : public ZDResumableUploadDelegate
+{
+public:
+    void uploadDidFinish(ZDResumableUpload *, const QVariant &response) override
+    {
+        ++endings;
+        answer = response.toMap();
+    }
+    void uploadDidFailWithError(ZDResumableUpload *, const ZDError &error) override
+    {
+        ++endings;
+        failure = error.localizedDescription();
+    }
+
+    int endings = 0;
+    QVariantMap answer;
+    QString failure;
+};
+
 } // namespace
 
 class tst_DemoService : public QObject
@@ -204,10 +315,14 @@ private Q_SLOTS:
     void keepsNothingOfAnUploadCutShort();
     void keepsNothingWhenRejectingUploads();
     void startUpClearsWhatADeadProcessLeftHalfWritten();
+    void publishesAResumableUploadFromTheLibrarysEngineWhole();
+    void refusesResumableChunksThatAreUnsignedMisplacedOrCorrupt();
+    void keepsASessionThroughARestartAndNothingElse();
 
 private:
     QString videos() const { return m_data.filePath(u"videos"_s); }
     QString incoming() const { return m_data.filePath(u"incoming"_s); }
+    QString sessions() const { return m_data.filePath(u"sessions"_s); }
 
     QTemporaryDir m_data;
     QTemporaryDir m_files;
@@ -456,6 +571,145 @@ void tst_DemoService::startUpClearsWhatADeadProcessLeftHalfWritten()
     Service next;
     QVERIFY(next.start(data.path()));
     QVERIFY(entries(incomingFolder).isEmpty());
+}
+
+void tst_DemoService::publishesAResumableUploadFromTheLibrarysEngineWhole()
+{
+    const Token token = exchangeToken(m_service);
+    const QByteArray video = randomBytes(1024 * 1024 + 123);
+    const QString path = writeFile(m_files, u"engine.mov"_s, video);
+    UploadOutcome outcome;
+    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete,
+                             QUrl(m_service.url(u"/api/uploads"_s)), path, &outcome);
+    upload.setSigner(
+        std::make_shared<ZDOAuth1Signer>(kConsumerKey, kConsumerSecret, token.key, token.secret));
+    upload.setMetadata(
+        {{u"title"_s, u"By the engine"_s}, {u"tags"_s, u"a,b"_s}, {u"access"_s, u"private"_s}});
+    upload.setChunkSize(256 * 1024);
+    upload.setServerDigestKey(u"md5"_s, ZDDigestAlgorithm::MD5);
+    upload.start();
+    QTRY_VERIFY_WITH_TIMEOUT(outcome.endings == 1, 120000);
+    QVERIFY2(outcome.failure.isEmpty(), qPrintable(outcome.failure));
+
+    const QString id = outcome.answer.value(u"id"_s).toString();
+    QFile stored(videos() + u'/' + id + u"/video.mov"_s);
+    QVERIFY(stored.open(QIODevice::ReadOnly));
+    QVERIFY(stored.readAll() == video);
+    const QJsonObject meta =
+        QJsonDocument::fromJson(curl({m_service.url(u"/videos/"_s + id)}).body).object();
+    QCOMPARE(meta.value(u"title").toString(), u"By the engine"_s);
+    QCOMPARE(meta.value(u"tags").toArray(), (QJsonArray{u"a"_s, u"b"_s}));
+    QCOMPARE(meta.value(u"access").toString(), u"private"_s);
+    QCOMPARE(meta.value(u"filename").toString(), u"engine.mov"_s);
+    QCOMPARE(meta.value(u"account").toString(), u"demo"_s);
+    QVERIFY(entries(sessions()).isEmpty());
+}
+
+void tst_DemoService::refusesResumableChunksThatAreUnsignedMisplacedOrCorrupt()
+{
+    const Token token = exchangeToken(m_service);
+    const QByteArray video = randomBytes(300 * 1024);
+    QCOMPARE(send(m_service, "POST", u"/api/uploads"_s, {{"X-Upload-Content-Length", "300"}},
+                  R"({"title":"x"})", {})
+                 .status,
+             401);
+    QCOMPARE(send(m_service, "POST", u"/api/uploads"_s, {{"X-Upload-Content-Length", "300"}},
+                  R"({"title":" "})", token)
+                 .status,
+             400);
+    const QString session = openSession(m_service, token, video.size());
+    QVERIFY(session.startsWith(u"/api/uploads/"));
+    const QStringList published = entries(videos());
+
+    // Signed for another method, skipping ahead, or with a wrong digest: nothing
+    // is stored.
+    const QByteArray range = "bytes 0-99/" + QByteArray::number(video.size());
+    QCOMPARE(send(m_service, "PUT", session, {{"Content-Range", range}}, video.left(100), token, -1,
+                  "POST")
+                 .status,
+             401);
+    const RawReply ahead = putChunk(m_service, token, session, video, 100, 100);
+    QCOMPARE(ahead.status, 409);
+    QVERIFY(ahead.range.isEmpty());
+    const RawReply corrupt =
+        putChunk(m_service, token, session, video, 0, 100, -1, QByteArray(20, 'x').toBase64());
+    QCOMPARE(corrupt.status, 400);
+    QVERIFY(corrupt.body.contains("checksum"));
+    const RawReply empty = askOffset(m_service, token, session, video.size());
+    QCOMPARE(empty.status, 308);
+    QVERIFY(empty.range.isEmpty());
+
+    QCOMPARE(putChunk(m_service, token, session, video, 0, 100).range, "bytes=0-99");
+    // The bytes a dropped connection delivered count.
+    putChunk(m_service, token, session, video, 100, 100 * 1024, 40 * 1024);
+    QTRY_COMPARE_WITH_TIMEOUT(askOffset(m_service, token, session, video.size()).range,
+                              QByteArray("bytes=0-") + QByteArray::number(100 + 40 * 1024 - 1),
+                              60000);
+    QCOMPARE(entries(videos()), published);
+
+    const qint64 offset = 100 + 40 * 1024;
+    const RawReply done = putChunk(m_service, token, session, video, offset, video.size() - offset);
+    QCOMPARE(done.status, 201);
+    const QJsonObject answer = QJsonDocument::fromJson(done.body).object();
+    QCOMPARE(answer.value(u"md5").toString(),
+             QString::fromLatin1(QCryptographicHash::hash(video, QCryptographicHash::Md5).toHex()));
+    QFile stored(videos() + u'/' + answer.value(u"id").toString() + u"/video.mov"_s);
+    QVERIFY(stored.open(QIODevice::ReadOnly));
+    QVERIFY(stored.readAll() == video);
+    // A client that lost the answer gets it again rather than a new session.
+    const RawReply again = askOffset(m_service, token, session, video.size());
+    QCOMPARE(again.status, 201);
+    QCOMPARE(QJsonDocument::fromJson(again.body).object(), answer);
+    QVERIFY(entries(sessions()).isEmpty());
+}
+
+void tst_DemoService::keepsASessionThroughARestartAndNothingElse()
+{
+    QTemporaryDir data;
+    const QByteArray video = randomBytes(300 * 1024);
+    QString session;
+    {
+        Service dying;
+        QVERIFY(dying.start(data.path(), {u"--die-after-bytes"_s, u"100000"_s}));
+        const Token token = exchangeToken(dying);
+        session = openSession(dying, token, video.size());
+        QVERIFY(!session.isEmpty());
+        putChunk(dying, token, session, video, 0, video.size());
+        QVERIFY(dying.process().waitForFinished(60000));
+        QCOMPARE(dying.process().exitCode(), 70);
+    }
+    const QString sessionsFolder = data.filePath(u"sessions"_s);
+    QCOMPARE(entries(sessionsFolder).size(), 1);
+    const qint64 kept = bytesBelow(sessionsFolder + u'/' + entries(sessionsFolder).first());
+    QVERIFY(kept > 100000);
+    QVERIFY(QDir(sessionsFolder).mkdir(u"leftover"_s));
+
+    Service next;
+    QVERIFY(next.start(data.path()));
+    QCOMPARE(entries(sessionsFolder).size(), 1); // the leftover is gone, the session is not
+    QVERIFY(entries(data.filePath(u"videos"_s)).isEmpty());
+    const Token token = exchangeToken(next);
+    const RawReply offset = askOffset(next, token, session, video.size());
+    QCOMPARE(offset.status, 308);
+    static const QRegularExpression held(u"^bytes=0-(\\d+)$"_s);
+    const qint64 resumeAt =
+        held.match(QString::fromLatin1(offset.range)).captured(1).toLongLong() + 1;
+    QVERIFY(resumeAt > 100000);
+    QVERIFY(resumeAt < kept); // session.json is in the folder too
+    const RawReply done = putChunk(next, token, session, video, resumeAt, video.size() - resumeAt);
+    QCOMPARE(done.status, 201);
+    QFile stored(data.filePath(u"videos/"_s) +
+                 QJsonDocument::fromJson(done.body).object().value(u"id").toString() +
+                 u"/video.mov"_s);
+    QVERIFY(stored.open(QIODevice::ReadOnly));
+    QVERIFY(stored.readAll() == video);
+
+    // An abandoned session leaves nothing.
+    const QString abandoned = openSession(next, token, video.size());
+    QCOMPARE(putChunk(next, token, abandoned, video, 0, 1000).status, 308);
+    QCOMPARE(send(next, "DELETE", abandoned, {}, {}, token).status, 204);
+    QCOMPARE(askOffset(next, token, abandoned, video.size()).status, 404);
+    QVERIFY(entries(sessionsFolder).isEmpty());
 }
 
 QTEST_GUILESS_MAIN(tst_DemoService)

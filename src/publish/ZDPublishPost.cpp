@@ -110,9 +110,12 @@ ZDPublishErrorKind ZDPublishErrorKindForError(const ZDError &error)
 ZDError ZDPublishErrorWithKind(ZDPublishErrorKind kind, const ZDError &underlying,
                                const QString &field)
 {
-    QString sentence = ZDLocalizedString(sentenceKey(kind));
-    if (kind == ZDPublishErrorKind::InvalidField)
-        sentence = sentence.arg(field.isEmpty() ? u"?"_s : field);
+    // A refusal that names no field gets a sentence that names none either.
+    const bool unnamed = kind == ZDPublishErrorKind::InvalidField && field.isEmpty();
+    QString sentence =
+        ZDLocalizedString(unnamed ? u"PUBLISH_ERROR_INVALID_REQUEST"_s : sentenceKey(kind));
+    if (kind == ZDPublishErrorKind::InvalidField && !unnamed)
+        sentence = sentence.arg(field);
     QVariantMap info{{ZDLocalizedDescriptionKey, sentence}};
     if (!underlying.isNull()) {
         info.insert(ZDUnderlyingErrorKey, QVariant::fromValue(underlying));

@@ -144,6 +144,10 @@
         <translation>لم تقبل الخدمة الحقل «%1». يرجى تصحيحه والنشر من جديد.</translation>
     </message>
     <message>
+        <source>PUBLISH_ERROR_INVALID_REQUEST</source>
+        <translation>لم تقبل الخدمة ما أُرسل. يرجى التحقق من العنوان والوصف والوسوم، ثم النشر من جديد.</translation>
+    </message>
+    <message>
         <source>PUBLISH_ERROR_FILE_TOO_LARGE</source>
         <translation>الفيديو أكبر مما تقبله الخدمة. يرجى اختيار مقطع أقصر أو جودة أقل.</translation>
     </message>

@@ -144,6 +144,10 @@
         <translation>Der Dienst hat das Feld „%1“ nicht akzeptiert. Bitte korrigieren Sie es und veröffentlichen Sie erneut.</translation>
     </message>
     <message>
+        <source>PUBLISH_ERROR_INVALID_REQUEST</source>
+        <translation>Der Dienst hat die Angaben nicht angenommen. Bitte prüfen Sie Titel, Beschreibung und Schlagwörter und veröffentlichen Sie erneut.</translation>
+    </message>
+    <message>
         <source>PUBLISH_ERROR_FILE_TOO_LARGE</source>
         <translation>Das Video ist größer, als der Dienst annimmt. Bitte wählen Sie einen kürzeren Clip oder eine niedrigere Qualität.</translation>
     </message>

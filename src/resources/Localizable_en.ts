@@ -144,6 +144,10 @@
         <translation>The service did not accept the field “%1”. Please correct it and publish again.</translation>
     </message>
     <message>
+        <source>PUBLISH_ERROR_INVALID_REQUEST</source>
+        <translation>The service did not accept what was sent. Please check the title, description and tags, then publish again.</translation>
+    </message>
+    <message>
         <source>PUBLISH_ERROR_FILE_TOO_LARGE</source>
         <translation>The video is larger than the service accepts. Please choose a shorter clip or a lower quality.</translation>
     </message>

@@ -144,6 +144,10 @@
         <translation>Le service n’a pas accepté le champ « %1 ». Veuillez le corriger et publier à nouveau.</translation>
     </message>
     <message>
+        <source>PUBLISH_ERROR_INVALID_REQUEST</source>
+        <translation>Le service n’a pas accepté ce qui a été envoyé. Veuillez vérifier le titre, la description et les mots-clés, puis publier à nouveau.</translation>
+    </message>
+    <message>
         <source>PUBLISH_ERROR_FILE_TOO_LARGE</source>
         <translation>La vidéo dépasse la taille acceptée par le service. Veuillez choisir un extrait plus court ou une qualité inférieure.</translation>
     </message>

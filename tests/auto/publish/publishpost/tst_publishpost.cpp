@@ -107,6 +107,9 @@ void tst_PublishPost::classifiesErrorsSoAHostCanAct_data()
         << int(ZDPublishErrorKind::InvalidField) << u"title"_s;
     QTest::newRow("422 with a param") << badStatus(422) << QByteArray(R"({"param":"tags"})")
                                       << int(ZDPublishErrorKind::InvalidField) << u"tags"_s;
+    QTest::newRow("400 naming no field")
+        << badStatus(400) << QByteArray(R"({"error":"bad request"})")
+        << int(ZDPublishErrorKind::InvalidField) << QString();
     QTest::newRow("413") << badStatus(413) << QByteArray() << int(ZDPublishErrorKind::FileTooLarge)
                          << QString();
     QTest::newRow("file changed") << ZDError(ZDResumableUploadErrorDomain,
@@ -143,6 +146,8 @@ void tst_PublishPost::classifiesErrorsSoAHostCanAct()
     QVERIFY(!sentence.isEmpty() && !sentence.contains(u"%1"_s));
     if (!field.isEmpty())
         QVERIFY(sentence.contains(field));
+    else if (ZDPublishErrorKind(kind) == ZDPublishErrorKind::InvalidField)
+        QCOMPARE(sentence, ZDLocalizedString(u"PUBLISH_ERROR_INVALID_REQUEST"_s)); // names none
     if (error.domain() != ZDPublishErrorDomain) {
         QCOMPARE(classified.userInfo().value(ZDUnderlyingErrorKey).value<ZDError>().domain(),
                  error.domain());

@@ -29,8 +29,8 @@ void Issuer::issue(httplib::Response &res, const QString &account)
     const QString refresh = randomString(40, kTokenAlphabet);
     {
         const std::lock_guard lock(m_mutex);
-        m_accessTokens.insert(access,
-                              {account, QDateTime::currentSecsSinceEpoch() + kAccessLifetime});
+        const int lifetime = m_tokensDieAfter > 0 ? m_tokensDieAfter : kAccessLifetime;
+        m_accessTokens.insert(access, {account, QDateTime::currentSecsSinceEpoch() + lifetime});
         m_refreshTokens.insert(refresh, {account, 0});
     }
     res.set_header("Cache-Control", "no-store");

@@ -20,6 +20,11 @@ public:
     // Access tokens live this long, in seconds.
     static constexpr int kAccessLifetime = 3600;
 
+    // Fault injection: access tokens die this many seconds after they are
+    // issued, whatever expires_in announced, as when a service revokes them
+    // early. 0: they live as announced.
+    void setTokensDieAfter(int seconds) { m_tokensDieAfter = seconds; }
+
     // POST /oauth2/token (a form body): grant_type password (username,
     // password) or refresh_token. Answers the token as JSON, or an OAuth error.
     void token(const httplib::Request &req, httplib::Response &res);
@@ -37,6 +42,7 @@ private:
     };
     void issue(httplib::Response &res, const QString &account);
 
+    int m_tokensDieAfter = 0;
     std::mutex m_mutex; // handlers run on the HTTP library's thread pool
     QHash<QString, Grant> m_accessTokens;
     QHash<QString, Grant> m_refreshTokens;

@@ -371,6 +371,7 @@ DemoVideoService::DemoVideoService(const Options &options) : d(std::make_unique<
     d->options = options;
     d->incomingPath = QDir(options.dataDirectory).absoluteFilePath(u"incoming"_s);
     d->videosPath = QDir(options.dataDirectory).absoluteFilePath(u"videos"_s);
+    d->oauth2Issuer.setTokensDieAfter(options.tokensDieAfterSeconds);
     d->resumable = std::make_unique<ResumableUploads>(
         ResumableUploads::Settings{QDir(options.dataDirectory).absoluteFilePath(u"sessions"_s),
                                    d->videosPath, options.rejectUploads, options.dieAfterBytes,

@@ -48,6 +48,9 @@ public:
         // Fault injection: a resumable chunk is broken off (503, connection
         // closed) every time the service has taken this many bytes. 0: never.
         qint64 cutEveryBytes = 0;
+        // Fault injection: OAuth 2.0 access tokens die this many seconds after
+        // they are issued, whatever they announced. 0: never early.
+        int tokensDieAfterSeconds = 0;
         bool logRequests = true; // one line per request on stderr
     };
 

@@ -58,8 +58,13 @@ int main(int argc, char *argv[])
     const QCommandLineOption cutOption(
         u"cut-every-bytes"_s,
         u"Fault injection: break off a resumable upload's chunk every N bytes taken."_s, u"N"_s);
+    const QCommandLineOption tokensDieOption(
+        u"tokens-die-after"_s,
+        u"Fault injection: OAuth 2.0 access tokens stop working S seconds after they are issued."_s,
+        u"S"_s);
     const QCommandLineOption quietOption(u"quiet"_s, u"Do not log requests."_s);
-    parser.addOptions({portOption, dataOption, rejectOption, dieOption, cutOption, quietOption});
+    parser.addOptions(
+        {portOption, dataOption, rejectOption, dieOption, cutOption, tokensDieOption, quietOption});
     parser.process(app);
 
     bool isNumber = false;
@@ -80,6 +85,12 @@ int main(int argc, char *argv[])
         options.cutEveryBytes = parser.value(cutOption).toLongLong(&isNumber);
         if (!isNumber || options.cutEveryBytes <= 0)
             usageError(u"--cut-every-bytes takes a positive number of bytes"_s);
+    }
+
+    if (parser.isSet(tokensDieOption)) {
+        options.tokensDieAfterSeconds = parser.value(tokensDieOption).toInt(&isNumber);
+        if (!isNumber || options.tokensDieAfterSeconds <= 0)
+            usageError(u"--tokens-die-after takes a positive number of seconds"_s);
     }
 
     DemoVideoService service(options);

@@ -53,12 +53,14 @@ public:
     explicit Service(const QString &dataDir) : m_dataDir(dataDir) {}
     ~Service() { stop(); }
 
-    bool start(const QStringList &extra = {})
+    // With `keepLog`, the service logs every request and log() reads the lines.
+    bool start(const QStringList &extra = {}, bool keepLog = false)
     {
         m_process.setProgram(qEnvironmentVariable("ZD_DEMO_SERVICE"));
-        m_process.setArguments(
-            QStringList{u"--port"_s, u"0"_s, u"--data"_s, m_dataDir, u"--quiet"_s} + extra);
-        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+        m_process.setArguments(QStringList{u"--port"_s, u"0"_s, u"--data"_s, m_dataDir} +
+                               (keepLog ? QStringList() : QStringList{u"--quiet"_s}) + extra);
+        m_process.setProcessChannelMode(keepLog ? QProcess::SeparateChannels
+                                                : QProcess::ForwardedErrorChannel);
         m_process.start();
         if (!m_process.waitForStarted(30000))
             return false;
@@ -84,6 +86,7 @@ public:
         m_process.waitForFinished(10000);
     }
     bool waitForExit() { return m_process.waitForFinished(30000); }
+    QString log() { return QString::fromUtf8(m_process.readAllStandardError()); }
     QString url() const { return m_url; }
 
     QStringList published() const
@@ -234,6 +237,34 @@ private Q_SLOTS:
         QCOMPARE(published.size(), 1);
         QCOMPARE(md5Of(service.storedVideo(published.first())), md5Of(video));
         QCOMPARE(service.meta(published.first()).value(u"md5").toString(), md5Of(video));
+    }
+
+    void aTokenThatDiesDuringAResumableUploadIsRenewedAndTheUploadGoesOn()
+    {
+        // Tokens die a second after they are issued, while announcing an hour:
+        // after each cut the next chunk meets a dead token, the service answers
+        // 401, and the plug-in's OAuth 2.0 authenticator renews it with its
+        // refresh token; the upload goes on from the service's offset.
+        QTemporaryDir data;
+        Service service(data.path());
+        QVERIFY(service.start(
+            {u"--cut-every-bytes"_s, u"1500000"_s, u"--tokens-die-after"_s, u"1"_s}, true));
+        const QString video = m_files.filePath(u"renewed.mp4"_s);
+        writeRandomFile(video, 5 * 1024 * 1024 + 7);
+        const HostRun run = runHost(
+            service, video, {u"--oauth2"_s, u"--no-wrong-password"_s, u"--title"_s, u"Renewed"_s});
+        QVERIFY2(run.exitCode == kPublished, qPrintable(run.output));
+        const QStringList published = service.published();
+        QCOMPARE(published.size(), 1);
+        QCOMPARE(md5Of(service.storedVideo(published.first())), md5Of(video));
+        service.stop();
+        const QString log = service.log();
+        static const QRegularExpression refused(u"^PUT /api/uploads/\\S+ 401$"_s,
+                                                QRegularExpression::MultilineOption);
+        QVERIFY2(log.contains(refused), qPrintable(log));
+        // The password grant, then at least one refresh.
+        QVERIFY2(log.count(u"POST /oauth2/token 200"_s) >= 2, qPrintable(log));
+        QVERIFY2(!run.output.contains(u"Publish failed"_s), qPrintable(run.output));
     }
 
     void publishingByKeyboardAloneNeedsNoMouse()

@@ -174,7 +174,7 @@ struct ServerConnection
 
 } // namespace
 
-DiscardServer::DiscardServer()
+int listenOnLoopback(int backlog, int *port)
 {
     const int listener = socket(AF_INET, SOCK_STREAM, 0);
     int yes = 1;
@@ -183,10 +183,16 @@ DiscardServer::DiscardServer()
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address);
-    listen(listener, 64);
+    listen(listener, backlog);
     socklen_t length = sizeof address;
     getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
-    m_port = ntohs(address.sin_port);
+    *port = ntohs(address.sin_port);
+    return listener;
+}
+
+DiscardServer::DiscardServer()
+{
+    const int listener = listenOnLoopback(64, &m_port);
     std::fflush(stdout);
     m_pid = fork();
     if (m_pid == 0)

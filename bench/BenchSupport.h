@@ -40,6 +40,9 @@ ChildResult runCommand(const std::string &command);
 
 QByteArray randomBytes(qsizetype size, unsigned seed);
 
+// A listening TCP socket on 127.0.0.1 at a free port, which goes to `port`.
+int listenOnLoopback(int backlog, int *port);
+
 // A loopback HTTP/1.1 server in a forked child: it reads every request with its
 // Content-Length body, discards the body and answers "{}". Stops when destroyed.
 class DiscardServer

@@ -66,15 +66,7 @@ class LargeResponseServer
 public:
     explicit LargeResponseServer(qint64 size)
     {
-        const int listener = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(listener, reinterpret_cast<sockaddr *>(&address), sizeof address);
-        listen(listener, 8);
-        socklen_t length = sizeof address;
-        getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
-        m_port = ntohs(address.sin_port);
+        const int listener = bench::listenOnLoopback(8, &m_port);
         std::fflush(stdout);
         m_pid = fork();
         if (m_pid == 0) {

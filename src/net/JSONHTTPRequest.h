@@ -179,7 +179,9 @@ public:
     JSONHTTPRequestMethod HTTPMethod() const;
 
     // Adds `value` to the header field `name`: a field set twice carries both
-    // values joined by ",".
+    // values joined by ",". "Connection: close" also tells the transport: the
+    // request gets a new connection and leaves it closed, so a dead connection
+    // fails the request instead of being sent again silently.
     void setHTTPHeaderValue(const QString &name, const QString &value);
 
     // When set, these bytes are sent as the body, whatever the method and the

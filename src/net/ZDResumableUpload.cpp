@@ -47,6 +47,40 @@ private:
     QElapsedTimer m_elapsed;
 };
 
+class SystemReachability final : public ZDNetworkReachability
+{
+public:
+    bool isOffline() override
+    {
+        QNetworkInformation *info = instance();
+        return info && info->reachability() == QNetworkInformation::Reachability::Disconnected;
+    }
+    std::shared_ptr<void> whenOnline(std::function<void()> callback) override
+    {
+        QNetworkInformation *info = instance();
+        if (!info)
+            return nullptr;
+        // Deleted later: the callback may drop the handle while the signal is emitted.
+        std::shared_ptr<QObject> watcher(new QObject, [](QObject *o) { o->deleteLater(); });
+        auto once = std::make_shared<std::function<void()>>(std::move(callback));
+        QObject::connect(info, &QNetworkInformation::reachabilityChanged, watcher.get(),
+                         [once](QNetworkInformation::Reachability now) {
+                             if (now == QNetworkInformation::Reachability::Disconnected || !*once)
+                                 return;
+                             std::exchange(*once, nullptr)();
+                         });
+        return watcher;
+    }
+
+private:
+    static QNetworkInformation *instance()
+    {
+        if (!QNetworkInformation::loadBackendByFeatures(QNetworkInformation::Feature::Reachability))
+            return nullptr;
+        return QNetworkInformation::instance();
+    }
+};
+
 bool curlErrorIsRetryable(qint64 code)
 {
     switch (code) {
@@ -124,6 +158,13 @@ qint64 zdRetryAfterMsecs(const QByteArray &value, const QDateTime &now)
     return std::clamp<qint64>(now.msecsTo(when), 0, 24 * 3600 * 1000);
 }
 
+ZDNetworkReachability::~ZDNetworkReachability() = default;
+
+std::shared_ptr<ZDNetworkReachability> ZDNetworkReachability::systemReachability()
+{
+    return std::make_shared<SystemReachability>();
+}
+
 ZDUploadClock::~ZDUploadClock() = default;
 
 std::shared_ptr<ZDUploadClock> ZDUploadClock::systemClock()
@@ -160,10 +201,11 @@ std::unique_ptr<ZDUploadRequest> ZDResumableUploadPrivate::makeRequest(const QUr
         made->setHTTPHeaderValue(name, value);
     if (protocol == ZDUploadProtocol::Tus)
         made->setHTTPHeaderValue(u"Tus-Resumable"_s, u"1.0.0"_s);
-    // No connection is kept for reuse: the transport silently sends a request
-    // again when a reused connection turns out dead, and a chunk sent twice
-    // races the server's own cleanup of the lost one. A fresh connection fails
-    // instead, and the engine waits and asks the server where it stands.
+    // Every request on a connection of its own (the transport honours the
+    // header): curl silently sends a request again when a reused connection
+    // turns out dead, and a chunk sent twice races the server's own cleanup of
+    // the lost one. A fresh connection fails instead, and the engine asks the
+    // server where it stands.
     made->setHTTPHeaderValue(u"Connection"_s, u"close"_s);
     return made;
 }
@@ -172,6 +214,8 @@ void ZDResumableUploadPrivate::start()
 {
     if (!clock)
         clock = ZDUploadClock::systemClock();
+    if (!reachability)
+        reachability = ZDNetworkReachability::systemReachability();
     const std::optional<ZDUploadFileIdentity> now = ZDUploadFileIdentity::ofFile(filePath);
     if (!now)
         return failWith(ZDResumableUploadErrorFileUnreadable,
@@ -392,12 +436,8 @@ void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response)
                         u"The service reported %1 bytes, more than the %2 sent."_s.arg(offset).arg(
                             entry.sentUpTo));
     const bool wasInterrupted = std::exchange(interrupted, false);
-    if (offset > entry.offset) {
-        // Bytes of a lost request that the server kept count as progress too.
-        attempt = 0;
-        waitedMsecs = 0;
-        checksumRefusals = 0;
-    }
+    if (offset > entry.offset)
+        madeProgress(); // bytes of a lost request that the server kept count too
     entry.offset = offset;
     saveJournal();
     const auto self = shared_from_this();
@@ -445,11 +485,8 @@ void ZDResumableUploadPrivate::chunkAnswered(const ZDHTTPResponse &response, con
             ZDResumableUploadErrorProtocolViolation,
             u"The service reported %1 bytes, more than the %2 sent."_s.arg(offset).arg(end));
     adaptChunkSize(offset - chunkStart, clock->msecsNow() - chunkStartedAt);
-    if (offset > entry.offset) {
-        attempt = 0;
-        waitedMsecs = 0;
-        checksumRefusals = 0;
-    }
+    if (offset > entry.offset)
+        madeProgress();
     refreshedAfter401 = false;
     entry.offset = offset;
     if (!complete)
@@ -495,8 +532,12 @@ void ZDResumableUploadPrivate::requestFailed(const ZDError &error,
     if (error.domain() == ZDURLErrorDomain && error.code() == ZDURLErrorBodyFileUnreadable)
         return failWith(ZDResumableUploadErrorFileUnreadable,
                         u"The file %1 cannot be read to its end."_s.arg(filePath), error);
-    if (error.domain() == ZDCurlErrorDomain)
-        return curlErrorIsRetryable(error.code()) ? retryAfter(annotated, -1) : fail(annotated);
+    if (error.domain() == ZDCurlErrorDomain) {
+        if (!curlErrorIsRetryable(error.code()))
+            return fail(annotated);
+        // A connection that carried bytes and broke: most often a passing cut.
+        return retryAfter(annotated, step == Step::SendChunk && lastWritten > 0 ? 0 : -1);
+    }
     if (!response || error.domain() != JSONHTTPRequestErrorDomain)
         return fail(annotated);
 
@@ -548,40 +589,40 @@ void ZDResumableUploadPrivate::retryAfter(const ZDError &reason, qint64 retryAft
 {
     request.reset();
     interrupted = true;
-    ++attempt;
-    qint64 delay =
-        retryAfterMsecs == 0 ? 0 : policy.delayForAttempt(attempt, random.generateDouble());
-    delay = std::max(delay, retryAfterMsecs);
+    const auto keep = shared_from_this();
+    // Offline: wait for the network instead of spending the budget.
+    if (reachability->isOffline()) {
+        step = Step::Waiting;
+        std::weak_ptr<ZDResumableUploadPrivate> weak = weak_from_this();
+        networkWait = reachability->whenOnline([weak] {
+            const auto self = weak.lock();
+            if (!self || self->step != Step::Waiting)
+                return;
+            self->networkWait.reset();
+            self->attempt = 0;
+            self->retriedAtOnce = false;
+            self->retryAfter(ZDError(), 0);
+        });
+        if (networkWait) {
+            if (ZDResumableUploadDelegate *target = delegate.get(); target && q)
+                target->uploadWillRetry(q, reason, -1, entry.offset);
+            return;
+        }
+    }
+
+    // "At once" is granted once until bytes are confirmed again, so that a
+    // server answering the same way forever meets the policy's waits.
+    qint64 delay = 0;
+    if (retryAfterMsecs != 0 || std::exchange(retriedAtOnce, true)) {
+        ++attempt;
+        delay = std::max(policy.delayForAttempt(attempt, random.generateDouble()), retryAfterMsecs);
+    }
     if (waitedMsecs + delay > policy.budgetMsecs) {
         QVariantMap info = reason.userInfo();
         info.insert(u"retriesExhausted"_s, true);
         return fail(ZDError(reason.domain(), reason.code(), info));
     }
-
     step = Step::Waiting;
-    const auto keep = shared_from_this();
-    // Offline: wait for the network instead of spending the budget.
-    if (QNetworkInformation::loadBackendByFeatures(QNetworkInformation::Feature::Reachability)) {
-        QNetworkInformation *info = QNetworkInformation::instance();
-        if (info && info->reachability() == QNetworkInformation::Reachability::Disconnected) {
-            std::weak_ptr<ZDResumableUploadPrivate> weak = weak_from_this();
-            auto *watcher = new QObject;
-            networkWait = std::shared_ptr<QObject>(watcher, [](QObject *o) { o->deleteLater(); });
-            QObject::connect(info, &QNetworkInformation::reachabilityChanged, watcher,
-                             [weak](QNetworkInformation::Reachability now) {
-                                 const auto self = weak.lock();
-                                 if (!self ||
-                                     now == QNetworkInformation::Reachability::Disconnected)
-                                     return;
-                                 self->networkWait.reset();
-                                 self->attempt = 0;
-                                 self->retryAfter(ZDError(), 0);
-                             });
-            if (ZDResumableUploadDelegate *target = delegate.get(); target && q)
-                target->uploadWillRetry(q, reason, 0, entry.offset);
-            return;
-        }
-    }
     if (!reason.isNull()) {
         if (ZDResumableUploadDelegate *target = delegate.get(); target && q)
             target->uploadWillRetry(q, reason, delay, entry.offset);
@@ -604,6 +645,14 @@ void ZDResumableUploadPrivate::retryAfter(const ZDError &reason, qint64 retryAft
                 raw->queryOffset();
         });
     });
+}
+
+void ZDResumableUploadPrivate::madeProgress()
+{
+    attempt = 0;
+    waitedMsecs = 0;
+    checksumRefusals = 0;
+    retriedAtOnce = false;
 }
 
 void ZDResumableUploadPrivate::fail(const ZDError &error)
@@ -825,6 +874,10 @@ void ZDResumableUpload::setRetryPolicy(const ZDRetryPolicy &policy)
 void ZDResumableUpload::setClock(std::shared_ptr<ZDUploadClock> clock)
 {
     d->clock = std::move(clock);
+}
+void ZDResumableUpload::setNetworkReachability(std::shared_ptr<ZDNetworkReachability> reachability)
+{
+    d->reachability = std::move(reachability);
 }
 void ZDResumableUpload::setRandomSeed(quint32 seed)
 {

@@ -84,6 +84,22 @@ public:
     static std::shared_ptr<ZDUploadClock> systemClock();
 };
 
+// Whether the system has a network, for the retry policy: while it has none the
+// engine waits for it instead of spending retries. Tests inject their own.
+class ZD_EXPORT ZDNetworkReachability
+{
+public:
+    virtual ~ZDNetworkReachability();
+    // True only when the system is sure that no network is reachable.
+    virtual bool isOffline() = 0;
+    // Calls `callback` once, from the event loop, when a network is reachable
+    // again. Dropping the returned handle before then cancels the call.
+    virtual std::shared_ptr<void> whenOnline(std::function<void()> callback) = 0;
+    // QNetworkInformation's reachability where a backend loads (NetworkManager,
+    // GLib's network monitor); without one the network is never reported gone.
+    static std::shared_ptr<ZDNetworkReachability> systemReachability();
+};
+
 // Which failures are retried, and how long the engine waits.
 //
 // Retried: connection failures, stalls and time-outs, 5xx, 408, 423 and 429
@@ -93,9 +109,15 @@ public:
 // +-jitter; a Retry-After of the answer (seconds or an HTTP date) always wins
 // when it is longer. The count starts again whenever bytes are confirmed. The
 // upload fails when the next wait would take the time spent waiting since the
-// last confirmed bytes past `budgetMsecs`. While the system reports no network
-// (QNetworkInformation, where a backend exists) the engine waits for it to come
-// back without spending the budget.
+// last confirmed bytes past `budgetMsecs`.
+//
+// Two exceptions. A connection that broke after it carried body bytes is most
+// often a passing cut, and a Retry-After of 0 or a tus 409 asks for no wait:
+// the engine asks the server where it stands at once, but only once until bytes
+// are confirmed again; a failure after that waits as above, so a server that
+// answers the same way forever meets the budget.
+// While the system reports no network (ZDNetworkReachability) the engine waits
+// for it to come back without spending the budget.
 struct ZD_EXPORT ZDRetryPolicy
 {
     qint64 initialDelayMsecs = 1000;
@@ -131,8 +153,8 @@ public:
     virtual void uploadDidFailWithError(ZDResumableUpload *upload, const ZDError &error) = 0;
     virtual void uploadHasSentBytes(ZDResumableUpload *upload, qint64 sent, qint64 total);
     // A request failed with the retryable `reason`; the engine asks the server
-    // for its offset again after `delayMsecs` (0 while waiting for the network
-    // to come back, which is reported once more when it does).
+    // for its offset again after `delayMsecs` (0: at once; -1: when the network
+    // comes back, however long that takes).
     virtual void uploadWillRetry(ZDResumableUpload *upload, const ZDError &reason,
                                  qint64 delayMsecs, qint64 confirmedOffset);
     // The server reported `offset` after an interruption; sending goes on there.
@@ -209,6 +231,8 @@ public:
 
     void setRetryPolicy(const ZDRetryPolicy &policy);
     void setClock(std::shared_ptr<ZDUploadClock> clock);
+    // ZDNetworkReachability::systemReachability() unless set.
+    void setNetworkReachability(std::shared_ptr<ZDNetworkReachability> reachability);
     // Seeds the jitter, for tests that want the same waits every run.
     void setRandomSeed(quint32 seed);
     // Where the entry is kept; no journal unless set.

@@ -49,6 +49,7 @@ public:
     std::function<bool(const ZDHTTPResponse &, const QByteArray &)> retryableRefusal;
     ZDRetryPolicy policy;
     std::shared_ptr<ZDUploadClock> clock;
+    std::shared_ptr<ZDNetworkReachability> reachability;
     QRandomGenerator random{QRandomGenerator::global()->generate()};
     std::optional<ZDUploadJournal> journal;
     bool allowsCellularAccess = false;
@@ -64,8 +65,9 @@ public:
     qint64 lastWritten = 0; // what the request in flight has sent
 
     // Retry state.
-    int attempt = 0;        // failures since bytes were last confirmed
-    qint64 waitedMsecs = 0; // time spent waiting since then
+    int attempt = 0;            // failures since bytes were last confirmed
+    bool retriedAtOnce = false; // the one immediate retry since then is spent
+    qint64 waitedMsecs = 0;     // time spent waiting since then
     int checksumRefusals = 0;
     int sessionLosses = 0;
     bool refreshedAfter401 = false;
@@ -99,7 +101,10 @@ public:
     // The server confirmed `offset`: checks it against what was sent and goes on.
     void confirm(qint64 offset);
     void finish(const QByteArray &body);
+    // Waits by the policy, or `retryAfterMsecs` when longer (-1: none; 0: at
+    // once, granted once until bytes are confirmed again), then asks the server.
     void retryAfter(const ZDError &reason, qint64 retryAfterMsecs);
+    void madeProgress(); // bytes were confirmed: the retry policy starts over
     void fail(const ZDError &error);
     void failWith(ZDResumableUploadError code, const QString &description,
                   const ZDError &underlying = ZDError());

@@ -487,6 +487,16 @@ std::optional<ZDError> ZDURLConnection::Private::applyOptions()
     set(CURLOPT_FOLLOWLOCATION, 1L);
     set(CURLOPT_MAXREDIRS, kMaxRedirects);
     set(CURLOPT_NOSIGNAL, 1L);
+    // A request that says "Connection: close" gets a connection of its own and
+    // leaves none behind. On a reused connection that turns out dead, curl
+    // sends the request again by itself, body and all; the caller who asked
+    // for a connection of its own wants that failure instead.
+    if (request.valueForHTTPHeaderField("Connection")
+            .trimmed()
+            .compare("close", Qt::CaseInsensitive) == 0) {
+        set(CURLOPT_FRESH_CONNECT, 1L);
+        set(CURLOPT_FORBID_REUSE, 1L);
+    }
     set(CURLOPT_ACCEPT_ENCODING, "");
     set(CURLOPT_CONNECTTIMEOUT, kIdleTimeoutSeconds);
     set(CURLOPT_LOW_SPEED_LIMIT, 1L);

@@ -34,7 +34,8 @@ struct ZDPublishProgress
     double bytesPerSecond = 0;
     qint64 etaMsecs = -1;
     ZDError retryReason;     // WaitingToRetry: the failure, classified (see below)
-    qint64 retryInMsecs = 0; // WaitingToRetry: how long until the next try
+    qint64 retryInMsecs = 0; // WaitingToRetry: how long until the next try; -1: until
+                             // the network comes back
 };
 
 // What a host can do about a failed publication. Every error that ends a job

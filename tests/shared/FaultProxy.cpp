@@ -4,7 +4,11 @@
 
 namespace {
 constexpr int kTickMsecs = 20;
-}
+// What the proxy holds in flight per direction, like the buffers along a real
+// path. Without a bound it would read the client's bytes as fast as they come
+// and a cut would throw away whatever piled up, far more than a network loses.
+constexpr qint64 kInFlight = 256 * 1024;
+} // namespace
 
 FaultProxy::FaultProxy(quint16 targetPort, QObject *parent)
     : QObject(parent), m_targetPort(targetPort)
@@ -67,11 +71,10 @@ void FaultProxy::onNewConnection()
         link->client = client;
         link->server = new QTcpSocket(this);
         m_links.append(link);
-        connect(client, &QTcpSocket::readyRead, this, [this, link] {
-            link->pending += link->client->readAll();
-            pump(link);
-        });
+        client->setReadBufferSize(kInFlight);
+        connect(client, &QTcpSocket::readyRead, this, [this, link] { pump(link); });
         connect(link->server, &QTcpSocket::connected, this, [this, link] { pump(link); });
+        connect(link->server, &QTcpSocket::bytesWritten, this, [this, link] { pump(link); });
         connect(link->server, &QTcpSocket::readyRead, this, [link] {
             if (link->client)
                 link->client->write(link->server->readAll());
@@ -87,7 +90,11 @@ void FaultProxy::pump(Link *link)
     if (!m_links.contains(link) || !link->server ||
         link->server->state() != QAbstractSocket::ConnectedState || m_stalled)
         return;
-    while (!link->pending.isEmpty()) {
+    for (;;) {
+        if (link->pending.isEmpty() && link->client)
+            link->pending = link->client->read(kInFlight);
+        if (link->pending.isEmpty() || link->server->bytesToWrite() >= kInFlight)
+            break;
         if (m_nextCut < 0 && !m_cutPoints.isEmpty())
             m_nextCut = m_cutPoints.takeFirst();
         qint64 take = link->pending.size();

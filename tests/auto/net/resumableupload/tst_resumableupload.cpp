@@ -16,6 +16,7 @@
 #include <QTest>
 
 #include <csignal>
+#include <numeric>
 
 using namespace Qt::StringLiterals;
 
@@ -187,6 +188,27 @@ struct Mini308
     }
 };
 
+// A network that comes and goes when the test says so.
+class FakeReachability : public ZDNetworkReachability
+{
+public:
+    bool isOffline() override { return offline; }
+    std::shared_ptr<void> whenOnline(std::function<void()> callback) override
+    {
+        auto handle = std::make_shared<std::function<void()>>(std::move(callback));
+        waiting = handle;
+        return handle;
+    }
+    void comeBack()
+    {
+        offline = false;
+        if (const auto callback = waiting.lock())
+            (*callback)();
+    }
+    bool offline = false;
+    std::weak_ptr<std::function<void()>> waiting;
+};
+
 ZDRetryPolicy quickPolicy()
 {
     ZDRetryPolicy policy;
@@ -213,6 +235,10 @@ private Q_SLOTS:
     void aChangedFileIsNeverResumedOntoItsOldSession();
     void retriesOnlyWhatIsRetryableAndHonoursRetryAfter_data();
     void retriesOnlyWhatIsRetryableAndHonoursRetryAfter();
+    void asksAgainAtOnceAfterACutThenWaitsByPolicy();
+    void aServerThatNeverLetsGoMeetsTheBudget_data();
+    void aServerThatNeverLetsGoMeetsTheBudget();
+    void waitsForTheNetworkWithoutSpendingTheBudget();
     void renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset();
     void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data();
     void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole();
@@ -602,6 +628,135 @@ void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter()
     QVERIFY(service.stored == content);
     // Resumed where the server stood: the first chunk went once.
     QCOMPARE(upload.bytesSent(), content.size() + 256 * 1024);
+}
+
+void tst_ResumableUpload::asksAgainAtOnceAfterACutThenWaitsByPolicy()
+{
+    QTemporaryDir dir;
+    const QByteArray content = patternBytes(1024 * 1024, 6);
+    const QString path = writeFile(dir, u"clip.mov"_s, content);
+    Mini308 service;
+    // The connection breaks after the body of the second chunk, three times in a
+    // row, and after the third chunk's once.
+    int cuts = 0;
+    service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
+        const bool chunk = request.method == "PUT" && !request.body.isEmpty();
+        const qint64 start = service.stored.size();
+        if (chunk && ((start == 256 * 1024 && cuts < 3) || (start == 512 * 1024 && cuts < 4))) {
+            ++cuts;
+            CannedReply reply;
+            reply.ending = CannedReply::Ending::ResetAtOnce;
+            return reply;
+        }
+        return std::nullopt;
+    };
+    LoopbackHTTPServer loopback;
+    QVERIFY(loopback.listen());
+    loopback.setHandler([&](const RecordedRequest &request) { return service.handle(request); });
+    Recorder recorder;
+    auto clock = std::make_shared<FakeClock>();
+    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete, loopback.url(u"/upload"_s), path,
+                             &recorder);
+    upload.setChunkSize(256 * 1024);
+    upload.setClock(clock);
+    upload.setRetryPolicy(quickPolicy());
+    upload.start();
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
+    QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
+    QVERIFY(service.stored == content);
+    // At once after the first cut; then the policy's waits until bytes are
+    // confirmed again, and at once after the next chunk's cut.
+    QCOMPARE(clock->waits, (QList<qint64>{0, 300, 600, 0}));
+    QCOMPARE(recorder.retries.size(), 4);
+    QCOMPARE(recorder.retries.front().delay, 0);
+}
+
+void tst_ResumableUpload::aServerThatNeverLetsGoMeetsTheBudget_data()
+{
+    QTest::addColumn<int>("status"); // 0: the connection breaks after the body
+    QTest::addColumn<QByteArray>("retryAfter");
+    QTest::newRow("cut after every chunk's body") << 0 << QByteArray();
+    QTest::newRow("429 with Retry-After: 0 every time") << 429 << QByteArray("0");
+    QTest::newRow("409 every time") << 409 << QByteArray();
+}
+
+void tst_ResumableUpload::aServerThatNeverLetsGoMeetsTheBudget()
+{
+    QFETCH(int, status);
+    QFETCH(QByteArray, retryAfter);
+    QTemporaryDir dir;
+    const QString path = writeFile(dir, u"clip.mov"_s, patternBytes(512 * 1024, 4));
+    Mini308 service;
+    service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
+        if (request.method != "PUT" || request.body.isEmpty())
+            return std::nullopt;
+        CannedReply reply = CannedReply::json(R"({"error":"not now"})", status);
+        if (status == 0)
+            reply.ending = CannedReply::Ending::ResetAtOnce;
+        if (!retryAfter.isNull())
+            reply.headers.append(std::pair<QByteArray, QByteArray>("Retry-After", retryAfter));
+        return reply;
+    };
+    LoopbackHTTPServer loopback;
+    QVERIFY(loopback.listen());
+    loopback.setHandler([&](const RecordedRequest &request) { return service.handle(request); });
+    Recorder recorder;
+    auto clock = std::make_shared<FakeClock>();
+    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete, loopback.url(u"/upload"_s), path,
+                             &recorder);
+    ZDRetryPolicy policy = quickPolicy();
+    policy.budgetMsecs = 5000;
+    upload.setRetryPolicy(policy);
+    upload.setClock(clock);
+    upload.start();
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
+    QCOMPARE(recorder.failures, 1);
+    QVERIFY(recorder.error.userInfo().value(u"retriesExhausted"_s).toBool());
+    QCOMPARE(clock->waits.count(0), 1);
+    QVERIFY(std::accumulate(clock->waits.cbegin(), clock->waits.cend(), 0LL) <= 5000);
+}
+
+void tst_ResumableUpload::waitsForTheNetworkWithoutSpendingTheBudget()
+{
+    QTemporaryDir dir;
+    const QByteArray content = patternBytes(300 * 1024, 8);
+    const QString path = writeFile(dir, u"clip.mov"_s, content);
+    Mini308 service;
+    auto reachability = std::make_shared<FakeReachability>();
+    reachability->offline = true;
+    service.fault = [&](const RecordedRequest &) -> std::optional<CannedReply> {
+        if (!reachability->offline)
+            return std::nullopt;
+        CannedReply reply;
+        reply.ending = CannedReply::Ending::ResetAtOnce;
+        return reply;
+    };
+    LoopbackHTTPServer loopback;
+    QVERIFY(loopback.listen());
+    loopback.setHandler([&](const RecordedRequest &request) { return service.handle(request); });
+    Recorder recorder;
+    auto clock = std::make_shared<FakeClock>();
+    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete, loopback.url(u"/upload"_s), path,
+                             &recorder);
+    ZDRetryPolicy policy = quickPolicy();
+    policy.budgetMsecs = 100; // shorter than any wait: only the network's return may resume
+    upload.setRetryPolicy(policy);
+    upload.setClock(clock);
+    upload.setNetworkReachability(reachability);
+    upload.start();
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.retries.size(), 1, 30000);
+    QCOMPARE(recorder.retries.front().delay, -1);
+    // Nothing is tried while the network is gone, however long that is.
+    const qsizetype asked = loopback.requests().size();
+    QTest::qWait(300);
+    QCOMPARE(loopback.requests().size(), asked);
+    QCOMPARE(recorder.endings(), 0);
+    QVERIFY(clock->waits.isEmpty());
+    reachability->comeBack();
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
+    QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
+    QVERIFY(service.stored == content);
+    QCOMPARE(recorder.retries.size(), 1);
 }
 
 void tst_ResumableUpload::renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset()

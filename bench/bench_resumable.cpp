@@ -6,7 +6,8 @@
 // - the peak memory of a large upload (a sparse file, sent straight to the
 //   server in a child process).
 // Arguments: the size in MiB of the cut upload (default 1024) and of the
-// memory run (default 4096).
+// memory run (default 4096). ZD_BENCH_CHUNK=<MiB> fixes the engine's chunk size;
+// ZD_BENCH_VERBOSE=1 prints every cut, retry and resumption.
 
 #include "BenchSupport.h"
 #include "FaultProxy.h"

@@ -209,6 +209,34 @@ public:
     std::weak_ptr<std::function<void()>> waiting;
 };
 
+// A file uploaded to a Mini308 service on a loopback server, timed by the fake
+// clock; the test sets faults and policies before it starts the upload.
+struct MiniUpload
+{
+    QTemporaryDir dir;
+    QByteArray content;
+    Mini308 service;
+    LoopbackHTTPServer loopback;
+    Recorder recorder;
+    std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
+    std::unique_ptr<ZDResumableUpload> upload;
+
+    bool prepare(qint64 size, quint32 seed)
+    {
+        content = patternBytes(size, seed);
+        const QString path = writeFile(dir, u"clip.mov"_s, content);
+        if (path.isEmpty() || !loopback.listen())
+            return false;
+        loopback.setHandler(
+            [this](const RecordedRequest &request) { return service.handle(request); });
+        upload = std::make_unique<ZDResumableUpload>(ZDUploadProtocol::ResumeIncomplete,
+                                                     loopback.url(u"/upload"_s), path, &recorder);
+        upload->setChunkSize(256 * 1024);
+        upload->setClock(clock);
+        return true;
+    }
+};
+
 ZDRetryPolicy quickPolicy()
 {
     ZDRetryPolicy policy;
@@ -584,10 +612,9 @@ void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter()
     QFETCH(qint64, minimumWait);
     QFETCH(qint64, maximumWait);
     QFETCH(bool, finishes);
-    QTemporaryDir dir;
-    const QByteArray content = patternBytes(600 * 1024, 5);
-    const QString path = writeFile(dir, u"clip.mov"_s, content);
-    Mini308 service;
+    MiniUpload run;
+    QVERIFY(run.prepare(600 * 1024, 5));
+    Mini308 &service = run.service;
     int puts = 0;
     service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
         // The second chunk is refused once.
@@ -599,16 +626,9 @@ void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter()
         }
         return std::nullopt;
     };
-    LoopbackHTTPServer loopback;
-    QVERIFY(loopback.listen());
-    loopback.setHandler([&](const RecordedRequest &request) { return service.handle(request); });
-    Recorder recorder;
-    auto clock = std::make_shared<FakeClock>();
-    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete, loopback.url(u"/upload"_s), path,
-                             &recorder);
-    upload.setChunkSize(256 * 1024);
-    upload.setClock(clock);
-    upload.start();
+    const Recorder &recorder = run.recorder;
+    const FakeClock *clock = run.clock.get();
+    run.upload->start();
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
     if (!finishes) {
         QCOMPARE(recorder.failures, 1);
@@ -625,17 +645,16 @@ void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter()
              qPrintable(QString::number(clock->waits.front())));
     QCOMPARE(recorder.retries.size(), 1);
     QCOMPARE(recorder.retries.front().offset, 256 * 1024);
-    QVERIFY(service.stored == content);
+    QVERIFY(service.stored == run.content);
     // Resumed where the server stood: the first chunk went once.
-    QCOMPARE(upload.bytesSent(), content.size() + 256 * 1024);
+    QCOMPARE(run.upload->bytesSent(), run.content.size() + 256 * 1024);
 }
 
 void tst_ResumableUpload::asksAgainAtOnceAfterACutThenWaitsByPolicy()
 {
-    QTemporaryDir dir;
-    const QByteArray content = patternBytes(1024 * 1024, 6);
-    const QString path = writeFile(dir, u"clip.mov"_s, content);
-    Mini308 service;
+    MiniUpload run;
+    QVERIFY(run.prepare(1024 * 1024, 6));
+    Mini308 &service = run.service;
     // The connection breaks after the body of the second chunk, three times in a
     // row, and after the third chunk's once.
     int cuts = 0;
@@ -650,23 +669,15 @@ void tst_ResumableUpload::asksAgainAtOnceAfterACutThenWaitsByPolicy()
         }
         return std::nullopt;
     };
-    LoopbackHTTPServer loopback;
-    QVERIFY(loopback.listen());
-    loopback.setHandler([&](const RecordedRequest &request) { return service.handle(request); });
-    Recorder recorder;
-    auto clock = std::make_shared<FakeClock>();
-    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete, loopback.url(u"/upload"_s), path,
-                             &recorder);
-    upload.setChunkSize(256 * 1024);
-    upload.setClock(clock);
-    upload.setRetryPolicy(quickPolicy());
-    upload.start();
+    run.upload->setRetryPolicy(quickPolicy());
+    run.upload->start();
+    const Recorder &recorder = run.recorder;
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
     QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
-    QVERIFY(service.stored == content);
+    QVERIFY(service.stored == run.content);
     // At once after the first cut; then the policy's waits until bytes are
     // confirmed again, and at once after the next chunk's cut.
-    QCOMPARE(clock->waits, (QList<qint64>{0, 300, 600, 0}));
+    QCOMPARE(run.clock->waits, (QList<qint64>{0, 300, 600, 0}));
     QCOMPARE(recorder.retries.size(), 4);
     QCOMPARE(recorder.retries.front().delay, 0);
 }
@@ -684,10 +695,9 @@ void tst_ResumableUpload::aServerThatNeverLetsGoMeetsTheBudget()
 {
     QFETCH(int, status);
     QFETCH(QByteArray, retryAfter);
-    QTemporaryDir dir;
-    const QString path = writeFile(dir, u"clip.mov"_s, patternBytes(512 * 1024, 4));
-    Mini308 service;
-    service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
+    MiniUpload run;
+    QVERIFY(run.prepare(512 * 1024, 4));
+    run.service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
         if (request.method != "PUT" || request.body.isEmpty())
             return std::nullopt;
         CannedReply reply = CannedReply::json(R"({"error":"not now"})", status);
@@ -697,65 +707,50 @@ void tst_ResumableUpload::aServerThatNeverLetsGoMeetsTheBudget()
             reply.headers.append(std::pair<QByteArray, QByteArray>("Retry-After", retryAfter));
         return reply;
     };
-    LoopbackHTTPServer loopback;
-    QVERIFY(loopback.listen());
-    loopback.setHandler([&](const RecordedRequest &request) { return service.handle(request); });
-    Recorder recorder;
-    auto clock = std::make_shared<FakeClock>();
-    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete, loopback.url(u"/upload"_s), path,
-                             &recorder);
     ZDRetryPolicy policy = quickPolicy();
     policy.budgetMsecs = 5000;
-    upload.setRetryPolicy(policy);
-    upload.setClock(clock);
-    upload.start();
+    run.upload->setRetryPolicy(policy);
+    run.upload->start();
+    const Recorder &recorder = run.recorder;
+    const QList<qint64> &waits = run.clock->waits;
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
     QCOMPARE(recorder.failures, 1);
     QVERIFY(recorder.error.userInfo().value(u"retriesExhausted"_s).toBool());
-    QCOMPARE(clock->waits.count(0), 1);
-    QVERIFY(std::accumulate(clock->waits.cbegin(), clock->waits.cend(), 0LL) <= 5000);
+    QCOMPARE(waits.count(0), 1);
+    QVERIFY(std::accumulate(waits.cbegin(), waits.cend(), 0LL) <= 5000);
 }
 
 void tst_ResumableUpload::waitsForTheNetworkWithoutSpendingTheBudget()
 {
-    QTemporaryDir dir;
-    const QByteArray content = patternBytes(300 * 1024, 8);
-    const QString path = writeFile(dir, u"clip.mov"_s, content);
-    Mini308 service;
+    MiniUpload run;
+    QVERIFY(run.prepare(300 * 1024, 8));
     auto reachability = std::make_shared<FakeReachability>();
     reachability->offline = true;
-    service.fault = [&](const RecordedRequest &) -> std::optional<CannedReply> {
+    run.service.fault = [&](const RecordedRequest &) -> std::optional<CannedReply> {
         if (!reachability->offline)
             return std::nullopt;
         CannedReply reply;
         reply.ending = CannedReply::Ending::ResetAtOnce;
         return reply;
     };
-    LoopbackHTTPServer loopback;
-    QVERIFY(loopback.listen());
-    loopback.setHandler([&](const RecordedRequest &request) { return service.handle(request); });
-    Recorder recorder;
-    auto clock = std::make_shared<FakeClock>();
-    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete, loopback.url(u"/upload"_s), path,
-                             &recorder);
     ZDRetryPolicy policy = quickPolicy();
     policy.budgetMsecs = 100; // shorter than any wait: only the network's return may resume
-    upload.setRetryPolicy(policy);
-    upload.setClock(clock);
-    upload.setNetworkReachability(reachability);
-    upload.start();
+    run.upload->setRetryPolicy(policy);
+    run.upload->setNetworkReachability(reachability);
+    run.upload->start();
+    const Recorder &recorder = run.recorder;
     QTRY_COMPARE_WITH_TIMEOUT(recorder.retries.size(), 1, 30000);
     QCOMPARE(recorder.retries.front().delay, -1);
     // Nothing is tried while the network is gone, however long that is.
-    const qsizetype asked = loopback.requests().size();
+    const qsizetype asked = run.loopback.requests().size();
     QTest::qWait(300);
-    QCOMPARE(loopback.requests().size(), asked);
+    QCOMPARE(run.loopback.requests().size(), asked);
     QCOMPARE(recorder.endings(), 0);
-    QVERIFY(clock->waits.isEmpty());
+    QVERIFY(run.clock->waits.isEmpty());
     reachability->comeBack();
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
     QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
-    QVERIFY(service.stored == content);
+    QVERIFY(run.service.stored == run.content);
     QCOMPARE(recorder.retries.size(), 1);
 }
 

@@ -27,6 +27,9 @@ constexpr qint64 kMaximumChunk = 64 * 1024 * 1024;
 constexpr qint64 kTargetRequestMsecs = 5000;
 constexpr qsizetype kKeptBodyBytes = 64 * 1024;
 constexpr int kChecksumRefusalsAllowed = 3;
+// Renewals after a 401 before bytes are confirmed again: tokens may die often,
+// but a service that refuses every fresh one must not hold the upload forever.
+constexpr int kRenewalsWithoutProgress = 3;
 
 class SystemClock final : public ZDUploadClock
 {
@@ -221,6 +224,7 @@ void ZDResumableUploadPrivate::start()
         return failWith(ZDResumableUploadErrorFileUnreadable,
                         u"The file %1 cannot be read."_s.arg(filePath));
     if (resuming && !(*now == entry.file)) {
+        terminate(); // the session holds bytes of another file: nothing may go on there
         dropJournal();
         return failWith(ZDResumableUploadErrorFileChanged,
                         u"The file %1 changed since its upload began."_s.arg(filePath));
@@ -436,6 +440,7 @@ void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response)
                         u"The service reported %1 bytes, more than the %2 sent."_s.arg(offset).arg(
                             entry.sentUpTo));
     const bool wasInterrupted = std::exchange(interrupted, false);
+    refreshedAfter401 = false; // the renewed credentials were accepted
     if (offset > entry.offset)
         madeProgress(); // bytes of a lost request that the server kept count too
     entry.offset = offset;
@@ -545,8 +550,10 @@ void ZDResumableUploadPrivate::requestFailed(const ZDError &error,
     const qint64 retryAfterMsecs = zdRetryAfterMsecs(
         response->valueForHTTPHeaderField("Retry-After"), QDateTime::currentDateTimeUtc());
     const bool onSession = step == Step::QueryOffset || step == Step::SendChunk;
-    if (status == 401 && hasCredentialSource && !refreshedAfter401) {
+    if (status == 401 && hasCredentialSource && !refreshedAfter401 &&
+        renewalsSinceProgress < kRenewalsWithoutProgress) {
         refreshedAfter401 = true;
+        ++renewalsSinceProgress;
         interrupted = true;
         return withCredentials(ZDCredentialSource::Reason::Unauthorized, [this] {
             if (entry.sessionURL.isEmpty())
@@ -652,6 +659,7 @@ void ZDResumableUploadPrivate::madeProgress()
     attempt = 0;
     waitedMsecs = 0;
     checksumRefusals = 0;
+    renewalsSinceProgress = 0;
     retriedAtOnce = false;
 }
 

@@ -177,8 +177,10 @@ public:
 //
 // Credentials: with a credential source, the engine asks it before every
 // request (Reason::BeforeRequest) and once more after a 401 (Reason::Unauthorized),
-// then continues from the server's offset; a second 401 in a row fails. Without
-// one it signs with the signer, if any.
+// then continues from the server's offset. A 401 right after a renewal (before
+// any answer accepted the new credentials) fails, and so does a fourth 401
+// before bytes are confirmed again. Without a source it signs with the signer,
+// if any.
 //
 // The journal (ZDUploadJournal) holds an entry from the session's creation until
 // the upload ends: updated atomically after every confirmed chunk, removed on

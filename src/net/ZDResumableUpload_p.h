@@ -70,7 +70,8 @@ public:
     qint64 waitedMsecs = 0;     // time spent waiting since then
     int checksumRefusals = 0;
     int sessionLosses = 0;
-    bool refreshedAfter401 = false;
+    bool refreshedAfter401 = false; // and no answer accepted the renewed credentials yet
+    int renewalsSinceProgress = 0;
     bool interrupted = false; // a failure happened: the next offset is a resumption
 
     Step step = Step::Idle;

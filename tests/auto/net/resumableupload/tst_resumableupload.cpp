@@ -266,6 +266,7 @@ private Q_SLOTS:
     void asksAgainAtOnceAfterACutThenWaitsByPolicy();
     void aServerThatNeverLetsGoMeetsTheBudget_data();
     void aServerThatNeverLetsGoMeetsTheBudget();
+    void renewsAsOftenAsTokensDieButNotForever();
     void waitsForTheNetworkWithoutSpendingTheBudget();
     void renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset();
     void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data();
@@ -586,6 +587,10 @@ void tst_ResumableUpload::aChangedFileIsNeverResumedOntoItsOldSession()
         QCOMPARE(recorder.error.domain(), ZDResumableUploadErrorDomain);
         QCOMPARE(recorder.error.code(), ZDResumableUploadErrorFileChanged);
         QVERIFY(recorder.progress.isEmpty()); // nothing was sent onto the old session
+        // and the session is ended on the server, not left to expire.
+        const QString stored =
+            dir.filePath(u"store/"_s + entry.sessionURL.path().section(u'/', -1));
+        QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(stored), 30000);
     }
 }
 
@@ -718,6 +723,43 @@ void tst_ResumableUpload::aServerThatNeverLetsGoMeetsTheBudget()
     QVERIFY(recorder.error.userInfo().value(u"retriesExhausted"_s).toBool());
     QCOMPARE(waits.count(0), 1);
     QVERIFY(std::accumulate(waits.cbegin(), waits.cend(), 0LL) <= 5000);
+}
+
+void tst_ResumableUpload::renewsAsOftenAsTokensDieButNotForever()
+{
+    // Every token dies after three answers. In the first round the first chunk
+    // sent with token-2 meets a 503, so token-2 dies before it carried a chunk;
+    // in the second round the service takes no chunk at all.
+    for (const bool acceptsChunks : {true, false}) {
+        MiniUpload run;
+        QVERIFY(run.prepare(1024 * 1024, 10));
+        TestCredentials credentials;
+        QHash<QByteArray, int> uses;
+        bool busyOnce = acceptsChunks;
+        run.service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
+            const QByteArray token = request.header("Authorization");
+            const bool chunk = request.method == "PUT" && !request.body.isEmpty();
+            if (++uses[token] > 3 || (chunk && !acceptsChunks))
+                return CannedReply::json(R"({"error":"expired"})", 401);
+            if (chunk && token == "Bearer token-2" && std::exchange(busyOnce, false))
+                return CannedReply::json(R"({"error":"busy"})", 503);
+            return std::nullopt;
+        };
+        run.upload->setCredentialSource(&credentials);
+        run.upload->start();
+        QTRY_COMPARE_WITH_TIMEOUT(run.recorder.endings(), 1, 30000);
+        const qsizetype renewals =
+            credentials.reasons.count(ZDCredentialSource::Reason::Unauthorized);
+        if (acceptsChunks) {
+            QVERIFY2(run.recorder.finishes == 1,
+                     qPrintable(run.recorder.error.localizedDescription()));
+            QVERIFY(run.service.stored == run.content);
+            QCOMPARE(renewals, 2);
+        } else {
+            QCOMPARE(run.recorder.failures, 1);
+            QCOMPARE(renewals, 3);
+        }
+    }
 }
 
 void tst_ResumableUpload::waitsForTheNetworkWithoutSpendingTheBudget()

@@ -1,8 +1,8 @@
 #include "HostSheet.h"
 
+#include <DemoAuthenticator.h>
 #include <auth/ZDAuthenticator.h>
 #include <core/ZDNotificationCenter.h>
-#include <DemoAuthenticator.h>
 #include <host/FileSizeFormatter.h>
 #include <publish/ZDPublishPost.h>
 #include <toolkit/ZDNavigationController.h>
@@ -134,7 +134,7 @@ QString HostSheet::describeInterruptedUpload(const ZDUploadJournalEntry &upload)
     const QString title = upload.metadata.value(u"title"_s).toString();
     const qint64 size = upload.file.size;
     const int percent = size > 0 ? int(100 * upload.offset / size) : 0;
-    return u"\u201c%1\u201d (%2, %3): %4 of it sent (%5%), last on %6"_s.arg(
+    return u"\u201c%1\u201d (%2, %3): %4 of it had arrived (%5%), last on %6"_s.arg(
         title.isEmpty() ? u"Untitled"_s : title, QFileInfo(upload.file.path).fileName(),
         sizeText(size), sizeText(upload.offset), QString::number(percent),
         QLocale().toString(upload.updated.toLocalTime(), QLocale::ShortFormat));
@@ -150,8 +150,7 @@ void HostSheet::resumeInterruptedUploads(const QList<ZDUploadJournalEntry> &uplo
         QTimer::singleShot(0, this, [this] { resumeNext(); });
         return;
     }
-    std::printf("Sign in to resume %s.\n",
-                m_toResume.size() == 1 ? "the upload" : "the uploads");
+    std::printf("Sign in to resume %s.\n", m_toResume.size() == 1 ? "the upload" : "the uploads");
     std::fflush(stdout);
     // The uploads go on in the user's name: once the sheet's sign-in succeeded.
     ZDNotificationCenter::defaultCenter().addObserver(
@@ -314,8 +313,7 @@ void HostSheet::phase(const ZDPublishProgress &progress)
     } else if (progress.phase == ZDPublishPhase::Resuming) {
         m_resumedAt = progress.written; // the service's offset
         m_furthestWritten = progress.written;
-    } else if (previous == ZDPublishPhase::WaitingToRetry ||
-               previous == ZDPublishPhase::Resuming) {
+    } else if (previous == ZDPublishPhase::WaitingToRetry || previous == ZDPublishPhase::Resuming) {
         if (previous == ZDPublishPhase::WaitingToRetry)
             std::printf(" the service had every byte\n");
         else if (m_lostLineOpen)

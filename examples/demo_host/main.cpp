@@ -235,8 +235,9 @@ int main(int argc, char **argv)
     QString videoPath = parser.positionalArguments().value(0);
     if (resuming) {
         if (!videoPath.isEmpty()) {
-            std::fprintf(stderr, "zd_demo_host: --resume-interrupted publishes no new video: "
-                                 "leave out %s (see --help)\n",
+            std::fprintf(stderr,
+                         "zd_demo_host: --resume-interrupted publishes no new video: "
+                         "leave out %s (see --help)\n",
                          qPrintable(videoPath));
             return ExitUsage;
         }

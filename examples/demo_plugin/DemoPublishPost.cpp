@@ -76,8 +76,7 @@ DemoPublishPost::DemoPublishPost(ZDPublishPostDelegate *delegate, DemoVideoDetai
 {}
 
 DemoPublishPost::DemoPublishPost(ZDPublishPostDelegate *delegate,
-                                 const ZDUploadJournalEntry &interrupted,
-                                 DemoUploadOptions options)
+                                 const ZDUploadJournalEntry &interrupted, DemoUploadOptions options)
     : ZDPublishPost(delegate), m_details(detailsOfInterruptedUpload(interrupted)),
       m_options(options), m_interrupted(interrupted)
 {
@@ -210,8 +209,8 @@ void DemoPublishPost::sendResumable(const std::shared_ptr<RequestSigner> &signer
         }
         m_upload = std::make_unique<ZDResumableUpload>(entry, this);
     } else {
-        m_upload = std::make_unique<ZDResumableUpload>(ZDUploadProtocol::ResumeIncomplete,
-                                                       endpoint, m_details.path, this);
+        m_upload = std::make_unique<ZDResumableUpload>(ZDUploadProtocol::ResumeIncomplete, endpoint,
+                                                       m_details.path, this);
         m_upload->setMetadata(textFields());
     }
     m_upload->setJournal(demoUploadJournal(m_options));

@@ -62,9 +62,9 @@ struct DemoPublishedVideo
 // Demo Video's upload job.
 //
 // Resumable mode goes through ZDResumableUpload with a "308 Resume Incomplete"
-// session, journaled (DemoUploadOptions::journalDirectory) until it ends: every request is signed (or carries the OAuth 2.0 token, renewed by
-// the authenticator when it expires), the service's MD5 of the whole video is
-// checked against the file's, and progress, retries and resumptions reach the
+// session, journaled (DemoUploadOptions::journalDirectory) until it ends: every request is signed
+// (or carries the OAuth 2.0 token, renewed by the authenticator when it expires), the service's MD5
+// of the whole video is checked against the file's, and progress, retries and resumptions reach the
 // delegate through publishPostDidUpdateProgress(). Its errors are in
 // ZDPublishErrorDomain (ZDPublishPost.h).
 //

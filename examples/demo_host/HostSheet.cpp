@@ -285,7 +285,8 @@ void HostSheet::progress(qint64 written, qint64 total)
     m_furthestWritten = std::max(m_furthestWritten, written);
     // While the upload finds out where to go on, the line tells of the lost
     // connection rather than of a bar going back.
-    if (m_phase != ZDPublishPhase::WaitingToRetry && m_phase != ZDPublishPhase::Resuming)
+    if (!m_lostLineOpen && m_phase != ZDPublishPhase::WaitingToRetry &&
+        m_phase != ZDPublishPhase::Resuming)
         printProgress(written, total);
     Q_EMIT progressed(written, total);
 }
@@ -313,10 +314,8 @@ void HostSheet::phase(const ZDPublishProgress &progress)
     } else if (progress.phase == ZDPublishPhase::Resuming) {
         m_resumedAt = progress.written; // the service's offset
         m_furthestWritten = progress.written;
-    } else if (previous == ZDPublishPhase::WaitingToRetry || previous == ZDPublishPhase::Resuming) {
-        if (previous == ZDPublishPhase::WaitingToRetry)
-            std::printf(" the service had every byte\n");
-        else if (m_lostLineOpen)
+    } else if (previous == ZDPublishPhase::Resuming) {
+        if (m_lostLineOpen)
             std::printf(" resumed at %s\n", qPrintable(sizeText(m_resumedAt)));
         else // an upload taken up from the journal
             std::printf("  resumed at %s, where Demo Video's copy ends\n",
@@ -324,7 +323,14 @@ void HostSheet::phase(const ZDPublishProgress &progress)
         std::fflush(stdout);
         m_lostLineOpen = false;
         m_printedPercent = -1; // the bar starts again below
+    } else if (m_lostLineOpen && progress.phase == ZDPublishPhase::ServerProcessing) {
+        std::printf(" the service had every byte\n");
+        std::fflush(stdout);
+        m_lostLineOpen = false;
+        m_printedPercent = -1;
     }
+    // Otherwise the job went back to the confirmed bytes before a retry: the
+    // lost connection's line goes on.
 }
 
 void HostSheet::printProgress(qint64 written, qint64 total)

@@ -180,7 +180,11 @@ void HostSheet::resumeNext()
     m_progressTitle->setText(u"Resuming \u201c%1\u201d to Demo Video"_s.arg(title));
     m_progressText->setText(u"Asking Demo Video where the upload stopped\u2026"_s);
     m_cancelButton->setEnabled(true);
+    // The sign-in's fields are done with: the focus (and with it any
+    // on-screen keyboard) goes to the page that is shown now.
+    m_agent->resignPublishingSheetResponders();
     m_pages->setCurrentWidget(m_progressPage);
+    m_cancelButton->setFocus();
     std::printf("Resuming %s\n", qPrintable(describeInterruptedUpload(upload)));
     std::fflush(stdout);
     m_uploadClock.start();

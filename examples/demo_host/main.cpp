@@ -166,7 +166,8 @@ int main(int argc, char **argv)
         u"dir"_s);
     const QCommandLineOption resumeInterrupted(
         u"resume-interrupted"_s,
-        u"Resume every interrupted upload, without asking, instead of publishing a new video. "
+        u"Resume every interrupted upload once signed in, without asking, instead of publishing a "
+        u"new video. "
         u"Without it the interrupted uploads are only listed."_s);
     const QCommandLineOption screenshots(u"screenshots"_s, u"Save pictures of the sheet here."_s,
                                          u"dir"_s);

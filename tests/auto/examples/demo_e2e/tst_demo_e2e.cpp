@@ -135,20 +135,23 @@ struct HostRun
     QString output;
 };
 
-// The host's arguments for a scripted run on `video` (none: resuming).
-QStringList hostArguments(const Service &service, const QString &video, const QStringList &extra)
+// Starts a scripted host on `video` (none: a run that resumes), its output
+// and errors in one channel.
+void startHost(QProcess &host, const Service &service, const QString &video,
+               const QStringList &extra)
 {
-    return (video.isEmpty() ? QStringList() : QStringList{video}) +
-           QStringList{u"--scripted"_s, u"--no-keyring"_s, u"--service"_s, service.url()} + extra;
+    host.setProgram(qEnvironmentVariable("ZD_DEMO_HOST"));
+    host.setArguments(
+        (video.isEmpty() ? QStringList() : QStringList{video}) +
+        QStringList{u"--scripted"_s, u"--no-keyring"_s, u"--service"_s, service.url()} + extra);
+    host.setProcessChannelMode(QProcess::MergedChannels);
+    host.start();
 }
 
 HostRun runHost(const Service &service, const QString &video, const QStringList &extra)
 {
     QProcess host;
-    host.setProgram(qEnvironmentVariable("ZD_DEMO_HOST"));
-    host.setArguments(hostArguments(service, video, extra));
-    host.setProcessChannelMode(QProcess::MergedChannels);
-    host.start();
+    startHost(host, service, video, extra);
     HostRun run;
     if (!host.waitForFinished(300000)) {
         host.kill();
@@ -166,10 +169,7 @@ HostRun killHostMidUpload(const Service &service, const QString &video, const QS
                           int msecs)
 {
     QProcess host;
-    host.setProgram(qEnvironmentVariable("ZD_DEMO_HOST"));
-    host.setArguments(hostArguments(service, video, extra));
-    host.setProcessChannelMode(QProcess::MergedChannels);
-    host.start();
+    startHost(host, service, video, extra);
     QByteArray out;
     static const QRegularExpression bar(u"\\] +\\d+%"_s);
     const QDeadlineTimer patience(120000);
@@ -438,12 +438,9 @@ private Q_SLOTS:
         writeRandomFile(video, 3 * 1000 * 1000 + 5);
 
         QProcess host;
-        host.setProgram(qEnvironmentVariable("ZD_DEMO_HOST"));
-        host.setArguments(hostArguments(*service, video,
-                                        {u"--no-wrong-password"_s, u"--journal"_s, journal.path(),
-                                         u"--category"_s, QString(), u"--tags"_s, QString()}));
-        host.setProcessChannelMode(QProcess::MergedChannels);
-        host.start();
+        startHost(host, *service, video,
+                  {u"--no-wrong-password"_s, u"--journal"_s, journal.path(), u"--category"_s,
+                   QString(), u"--tags"_s, QString()});
         QVERIFY(service->waitForExit(120000));
         QCOMPARE(service->exitCode(), 70); // went down as asked, mid-upload
         const int port = service->port();

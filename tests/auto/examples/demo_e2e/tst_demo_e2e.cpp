@@ -291,8 +291,9 @@ private Q_SLOTS:
         QVERIFY(service.start({u"--cut-every-bytes"_s, cutEvery}));
         const QString video = m_files.filePath(u"flaky.mp4"_s);
         writeRandomFile(video, size);
-        const HostRun run =
-            runHost(service, video, {u"--no-wrong-password"_s, u"--title"_s, u"Flaky"_s});
+        const HostRun run = runHost(service, video,
+                                    {u"--no-wrong-password"_s, u"--title"_s, u"Flaky"_s,
+                                     u"--category"_s, QString(), u"--tags"_s, QString()});
         QVERIFY2(run.exitCode == kPublished, qPrintable(run.output));
         static const QRegularExpression lost(
             u"connection lost at ([0-9.]+ [kKM]i?B), retrying in \\d+ s \\.\\.\\. resumed at ([0-9.]+ [kKM]i?B)"_s);
@@ -330,12 +331,12 @@ private Q_SLOTS:
         QFETCH(bool, serviceMoves);
         QTemporaryDir data;
         QTemporaryDir journal;
-        // About 4 s of sending at 1.5 MB/s, cut every 1.2 MB.
-        const QStringList slow{u"--throttle"_s, u"1500000"_s, u"--cut-every-bytes"_s, u"1200000"_s};
+        // Sending takes about 3.5 s: 1.5 s at 2 MB/s and two cuts' waits.
+        const QStringList slow{u"--throttle"_s, u"2000000"_s, u"--cut-every-bytes"_s, u"1200000"_s};
         auto service = std::make_unique<Service>(data.path());
         QVERIFY(service->start(slow, true));
         const QString video = m_files.filePath(u"killed.mp4"_s);
-        writeRandomFile(video, 4 * 1000 * 1000 + 13);
+        writeRandomFile(video, 3 * 1000 * 1000 + 13);
         const int killAfter = int(QRandomGenerator::global()->bounded(earliest, latest));
         const QStringList common{u"--no-wrong-password"_s, u"--journal"_s, journal.path()};
         const HostRun killed = killHostMidUpload(
@@ -364,7 +365,7 @@ private Q_SLOTS:
         const QString both = context + u"\n--- the next run ---\n"_s + resumed.output;
         QVERIFY2(resumed.exitCode == kPublished, qPrintable(both));
         QVERIFY2(resumed.output.contains(
-                     u"Interrupted upload: \u201cKilled midway\u201d (killed.mp4, 4.0 MB): "_s),
+                     u"Interrupted upload: \u201cKilled midway\u201d (killed.mp4, 3.0 MB): "_s),
                  qPrintable(both));
         QVERIFY2(resumed.output.contains(u"Resuming \u201cKilled midway\u201d"_s),
                  qPrintable(both));

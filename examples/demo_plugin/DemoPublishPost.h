@@ -95,7 +95,6 @@ public:
     void cancel();
 
     std::optional<DemoPublishedVideo> publishedVideo() const { return m_published; }
-    const DemoVideoDetails &details() const { return m_details; }
     // What an interrupted upload was publishing, from the metadata its journal
     // entry kept (the service's text fields).
     static DemoVideoDetails detailsOfInterruptedUpload(const ZDUploadJournalEntry &entry);

@@ -1,5 +1,8 @@
 #include "HostSheet.h"
 
+#include <DemoAuthenticator.h>
+#include <auth/ZDAuthenticator.h>
+#include <core/ZDNotificationCenter.h>
 #include <host/FileSizeFormatter.h>
 #include <publish/ZDPublishPost.h>
 #include <toolkit/ZDNavigationController.h>
@@ -103,6 +106,7 @@ HostSheet::HostSheet(const QString &videoPath, const DemoUploadOptions &uploadOp
 
 HostSheet::~HostSheet()
 {
+    ZDNotificationCenter::defaultCenter().removeObserver(this);
     // The agent owns the form's views, which sit in this widget.
     m_agent.reset();
 }
@@ -123,6 +127,68 @@ void HostSheet::open()
     m_pages->insertWidget(0, sheet);
     m_pages->setCurrentWidget(sheet);
     show();
+}
+
+QString HostSheet::describeInterruptedUpload(const ZDUploadJournalEntry &upload)
+{
+    const QString title = upload.metadata.value(u"title"_s).toString();
+    const qint64 size = upload.file.size;
+    const int percent = size > 0 ? int(100 * upload.offset / size) : 0;
+    return u"\u201c%1\u201d (%2, %3): %4 of it had arrived (%5%), last on %6"_s.arg(
+        title.isEmpty() ? u"Untitled"_s : title, QFileInfo(upload.file.path).fileName(),
+        sizeText(size), sizeText(upload.offset), QString::number(percent),
+        QLocale().toString(upload.updated.toLocalTime(), QLocale::ShortFormat));
+}
+
+void HostSheet::resumeInterruptedUploads(const QList<ZDUploadJournalEntry> &uploads)
+{
+    m_toResume = uploads;
+    if (m_toResume.isEmpty())
+        return;
+    ZDAuthenticator *authenticator = DemoAuthenticator::activeAuthenticator();
+    if (authenticator->authenticatorState() == ZDAuthenticatorStateSignedIn) {
+        QTimer::singleShot(0, this, [this] { resumeNext(); });
+        return;
+    }
+    std::printf("Sign in to resume %s.\n", m_toResume.size() == 1 ? "the upload" : "the uploads");
+    std::fflush(stdout);
+    // The uploads go on in the user's name: once the sheet's sign-in succeeded.
+    ZDNotificationCenter::defaultCenter().addObserver(
+        this, ZDAuthenticatorStateChangeNotification, authenticator,
+        [this](const ZDNotification &notification) {
+            if (notification.userInfo.value(u"state"_s).toLongLong() !=
+                ZDAuthenticatorStateSignedIn)
+                return;
+            ZDNotificationCenter::defaultCenter().removeObserver(this);
+            // After the sign-in's own callbacks have run.
+            QTimer::singleShot(0, this, [this] { resumeNext(); });
+        });
+}
+
+void HostSheet::resumeNext()
+{
+    if (m_toResume.isEmpty())
+        return;
+    const ZDUploadJournalEntry upload = m_toResume.takeFirst();
+    m_resuming = true;
+    m_videoPath = upload.file.path;
+    m_videoSize = upload.file.size;
+    m_phase = ZDPublishPhase::Preparing;
+    m_printedPercent = -1;
+    m_furthestWritten = upload.offset;
+    const QString title = upload.metadata.value(u"title"_s).toString();
+    m_progressTitle->setText(u"Resuming \u201c%1\u201d to Demo Video"_s.arg(title));
+    m_progressText->setText(u"Asking Demo Video where the upload stopped\u2026"_s);
+    m_cancelButton->setEnabled(true);
+    // The sign-in's fields are done with: the focus (and with it any
+    // on-screen keyboard) goes to the page that is shown now.
+    m_agent->resignPublishingSheetResponders();
+    m_pages->setCurrentWidget(m_progressPage);
+    m_cancelButton->setFocus();
+    std::printf("Resuming %s\n", qPrintable(describeInterruptedUpload(upload)));
+    std::fflush(stdout);
+    m_uploadClock.start();
+    m_agent->resumeInterruptedUpload(upload);
 }
 
 QWidget *HostSheet::makeProgressPage()
@@ -209,6 +275,7 @@ void HostSheet::publishingConfirmed()
 
 void HostSheet::publishingAbandoned()
 {
+    m_toResume.clear();
     showResult(HostOutcome::Cancelled, u"Not Published"_s, u"You cancelled publishing."_s);
 }
 
@@ -217,9 +284,13 @@ void HostSheet::progress(qint64 written, qint64 total)
     if (total > 0)
         m_progressBar->setValue(int(1000 * written / total));
     m_progressText->setText(u"%1 of %2"_s.arg(sizeText(written), sizeText(total)));
+    // Reports after a failure go back to what the service confirmed; the
+    // furthest one tells where the connection was lost.
+    m_furthestWritten = std::max(m_furthestWritten, written);
     // While the upload finds out where to go on, the line tells of the lost
     // connection rather than of a bar going back.
-    if (m_phase != ZDPublishPhase::WaitingToRetry && m_phase != ZDPublishPhase::Resuming)
+    if (!m_lostLineOpen && m_phase != ZDPublishPhase::WaitingToRetry &&
+        m_phase != ZDPublishPhase::Resuming)
         printProgress(written, total);
     Q_EMIT progressed(written, total);
 }
@@ -227,23 +298,43 @@ void HostSheet::progress(qint64 written, qint64 total)
 void HostSheet::phase(const ZDPublishProgress &progress)
 {
     const ZDPublishPhase previous = std::exchange(m_phase, progress.phase);
-    const bool wasInterrupted =
-        previous == ZDPublishPhase::WaitingToRetry || previous == ZDPublishPhase::Resuming;
     if (progress.phase == ZDPublishPhase::WaitingToRetry) {
-        std::printf("%sconnection lost at %s, retrying in %.0f s ...",
-                    m_onTerminal && !wasInterrupted ? "\n" : "",
-                    qPrintable(sizeText(progress.written)), double(progress.retryInMsecs) / 1000.0);
+        if (m_lostLineOpen) {
+            std::printf(" no answer, retrying in %.0f s ...",
+                        double(progress.retryInMsecs) / 1000.0);
+        } else {
+            // Where sending had got to when the connection went: what went
+            // out, of which the service may have kept only a part (the
+            // resumption says how much).
+            const qint64 lostAt = std::max(m_furthestWritten, progress.written);
+            const QString where = lostAt > 0 ? u"at %1"_s.arg(sizeText(lostAt))
+                                             : u"before any bytes were confirmed"_s;
+            std::printf("%sconnection lost %s, retrying in %.0f s ...",
+                        m_onTerminal && m_printedPercent >= 0 ? "\n" : "", qPrintable(where),
+                        double(progress.retryInMsecs) / 1000.0);
+            m_lostLineOpen = true;
+        }
         std::fflush(stdout);
     } else if (progress.phase == ZDPublishPhase::Resuming) {
         m_resumedAt = progress.written; // the service's offset
-    } else if (wasInterrupted) {
-        if (previous == ZDPublishPhase::WaitingToRetry)
-            std::printf(" the service had every byte\n");
-        else
+        m_furthestWritten = progress.written;
+    } else if (previous == ZDPublishPhase::Resuming) {
+        if (m_lostLineOpen)
             std::printf(" resumed at %s\n", qPrintable(sizeText(m_resumedAt)));
+        else // an upload taken up from the journal
+            std::printf("  resumed at %s, where Demo Video's copy ends\n",
+                        qPrintable(sizeText(m_resumedAt)));
         std::fflush(stdout);
+        m_lostLineOpen = false;
         m_printedPercent = -1; // the bar starts again below
+    } else if (m_lostLineOpen && progress.phase == ZDPublishPhase::ServerProcessing) {
+        std::printf(" the service had every byte\n");
+        std::fflush(stdout);
+        m_lostLineOpen = false;
+        m_printedPercent = -1;
     }
+    // Otherwise the job went back to the confirmed bytes before a retry: the
+    // lost connection's line goes on.
 }
 
 void HostSheet::printProgress(qint64 written, qint64 total)
@@ -275,7 +366,7 @@ void HostSheet::agentDidFinishPublishingError(PublishingAgentBase *,
                                               const std::optional<ZDError> &error)
 {
     const double seconds = double(m_uploadClock.nsecsElapsed()) / 1e9;
-    if (m_phase == ZDPublishPhase::WaitingToRetry || m_phase == ZDPublishPhase::Resuming)
+    if (std::exchange(m_lostLineOpen, false))
         std::printf("\n"); // below the lost connection's line
     else if (m_printedPercent >= 0 && m_onTerminal)
         std::printf("\n"); // below the bar
@@ -310,7 +401,13 @@ void HostSheet::showResult(HostOutcome outcome, const QString &title, const QStr
     m_pages->setCurrentWidget(m_resultPage);
     std::printf("%s: %s\n", qPrintable(title), qPrintable(resultText()));
     std::fflush(stdout);
-    Q_EMIT finished(outcome);
+    if (int(outcome) > int(m_worstOutcome))
+        m_worstOutcome = outcome;
+    if (m_resuming && !m_toResume.isEmpty()) {
+        QTimer::singleShot(0, this, [this] { resumeNext(); });
+        return;
+    }
+    Q_EMIT finished(m_resuming ? m_worstOutcome : outcome);
 }
 
 QString HostSheet::resultText() const

@@ -58,6 +58,14 @@ public:
 
     // Asks the agent for its navigation controller and shows the form.
     void open();
+    // Resumes the interrupted uploads one after the other once the user is
+    // signed in (at once when already signed in), each on the progress page
+    // with a line on the terminal; finished() follows the last, with the worst
+    // outcome of them all.
+    void resumeInterruptedUploads(const QList<ZDUploadJournalEntry> &uploads);
+    // One line about an interrupted upload: what, how large, how far it got
+    // and when it was last heard of.
+    static QString describeInterruptedUpload(const ZDUploadJournalEntry &upload);
 
     QString videoPath() const { return m_videoPath; }
     qint64 videoSize() const { return m_videoSize; }
@@ -90,6 +98,7 @@ private:
     QWidget *makeResultPage();
     void showResult(HostOutcome outcome, const QString &title, const QString &message);
     void printProgress(qint64 written, qint64 total);
+    void resumeNext();
 
     QString m_videoPath;
     qint64 m_videoSize = 0;
@@ -109,4 +118,9 @@ private:
     int m_printedPercent = -1;
     ZDPublishPhase m_phase = ZDPublishPhase::Preparing;
     qint64 m_resumedAt = 0;
+    qint64 m_furthestWritten = 0; // since sending last (re)started
+    bool m_lostLineOpen = false;  // a lost connection's line waits for its end
+    QList<ZDUploadJournalEntry> m_toResume;
+    bool m_resuming = false;
+    HostOutcome m_worstOutcome = HostOutcome::Published;
 };

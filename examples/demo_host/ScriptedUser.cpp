@@ -331,6 +331,16 @@ bool ScriptedUser::signInAsScripted()
     return true;
 }
 
+bool ScriptedUser::signInUnlessSignedIn()
+{
+    QTest::qWait(300); // the sheet appears
+    if (m_sheet.navigation()->rightButton()->isEnabled()) {
+        say(u"is already signed in as %1"_s.arg(m_sheet.form()->authenticator()->account()));
+        return true;
+    }
+    return signInAsScripted();
+}
+
 bool ScriptedUser::fillInAndPublish()
 {
     if (m_script.keyboardOnly)
@@ -339,14 +349,9 @@ bool ScriptedUser::fillInAndPublish()
     ZDTableView *table = form->tableView();
     const ZDSectionIndices sections = form->sectionIndices();
 
-    // --- signing in ---------------------------------------------------------------------
     QPushButton *publish = m_sheet.navigation()->rightButton();
-    QTest::qWait(300); // the sheet appears
-    if (publish->isEnabled()) {
-        say(u"is already signed in as %1"_s.arg(form->authenticator()->account()));
-    } else if (!signInAsScripted()) {
+    if (!signInUnlessSignedIn())
         return false;
-    }
     if (m_gaveUp)
         return true; // the sheet is cancelled
 

@@ -41,6 +41,10 @@ public:
     // Runs the script up to the press of publish (or cancel). False when the
     // sheet did not do what a user waits for; the reason is printed.
     bool fillInAndPublish();
+    // Signs in unless the sheet is signed in already; all a run that resumes
+    // interrupted uploads asks of the user (what they publish was filled in
+    // when they began).
+    bool signInUnlessSignedIn();
     // Mouse presses and releases that reached any widget since the script began.
     int mouseEvents() const;
     // Saves a picture of the sheet as `name` in the screenshot folder, if any.

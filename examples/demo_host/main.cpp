@@ -8,6 +8,10 @@
 // offscreen platform and a scripted user fills in the sheet; the terminal shows
 // what the user does, the upload's progress and the result. The exit status is
 // 0 only when the service stored the video intact (same size and MD5).
+//
+// Uploads that a crash or a kill cut short are listed at start, from the
+// plug-in's journal; --resume-interrupted resumes them (after the sign-in)
+// instead of publishing a new video.
 
 #include "HostSheet.h"
 #include "SampleClip.h"
@@ -155,13 +159,23 @@ int main(int argc, char **argv)
     const QCommandLineOption dark(u"dark"_s, u"A dark colour scheme."_s);
     const QCommandLineOption keyboardOnly(
         u"keyboard-only"_s, u"The scripted user uses the keyboard alone, never the mouse."_s);
+    const QCommandLineOption journal(
+        u"journal"_s,
+        u"Where interrupted uploads are recorded (default: \"uploads\" in the application's "
+        u"data folder)."_s,
+        u"dir"_s);
+    const QCommandLineOption resumeInterrupted(
+        u"resume-interrupted"_s,
+        u"Resume every interrupted upload once signed in, without asking, instead of publishing a "
+        u"new video. "
+        u"Without it the interrupted uploads are only listed."_s);
     const QCommandLineOption screenshots(u"screenshots"_s, u"Save pictures of the sheet here."_s,
                                          u"dir"_s);
     parser.addOptions({service,     scriptedOption, tablet,     noKeyring,    mode,
                        threshold,   memoryLimit,    title,      description,  tags,
                        category,    access,         hd,         rightFirst,   cancelSheet,
                        cancelAfter, revoke,         deleteFile, staySignedIn, screenshots,
-                       oauth2,      keyboardOnly,   dark});
+                       oauth2,      keyboardOnly,   dark,       journal,      resumeInterrupted});
     parser.process(app);
     if (parser.isSet(dark)) {
         // What a dark system colour scheme hands the application.
@@ -207,6 +221,8 @@ int main(int argc, char **argv)
             return badOption(u"memory-limit"_s, parser.value(memoryLimit),
                              "must be a whole number of bytes");
     }
+    uploadOptions.journalDirectory = parser.value(journal);
+    const bool resuming = parser.isSet(resumeInterrupted);
     std::optional<qint64> cancelAfterBytes;
     if (parser.isSet(cancelAfter)) {
         cancelAfterBytes = byteCount(parser.value(cancelAfter));
@@ -218,7 +234,15 @@ int main(int argc, char **argv)
         return badOption(u"access"_s, parser.value(access), "must be public, unlisted or private");
 
     QString videoPath = parser.positionalArguments().value(0);
-    if (videoPath.isEmpty()) {
+    if (resuming) {
+        if (!videoPath.isEmpty()) {
+            std::fprintf(stderr,
+                         "zd_demo_host: --resume-interrupted publishes no new video: "
+                         "leave out %s (see --help)\n",
+                         qPrintable(videoPath));
+            return ExitUsage;
+        }
+    } else if (videoPath.isEmpty()) {
         videoPath = QDir::temp().filePath(u"zd-demo-sample-clip.avi"_s);
         QString error;
         if (!writeSampleClip(videoPath, &error)) {
@@ -240,6 +264,18 @@ int main(int argc, char **argv)
                                     (scripted && !parser.isSet(keyboardOnly)));
 
     auto sheet = std::make_unique<HostSheet>(videoPath, uploadOptions);
+    const QList<ZDUploadJournalEntry> interrupted = sheet->agent()->interruptedUploads();
+    for (const ZDUploadJournalEntry &upload : interrupted)
+        std::printf("Interrupted upload: %s\n",
+                    qPrintable(HostSheet::describeInterruptedUpload(upload)));
+    if (resuming && interrupted.isEmpty()) {
+        std::printf("No interrupted uploads to resume.\n");
+        return 0;
+    }
+    if (!resuming && !interrupted.isEmpty())
+        std::printf("(zd_demo_host --resume-interrupted resumes %s.)\n",
+                    interrupted.size() == 1 ? "it" : "them");
+    std::fflush(stdout);
     sheet->resize(ZDDevice::screenSize(ZDDevice::kind()).toSize());
     ZDAlertView::setDefaultWindow(sheet.get());
     int status = 0;
@@ -288,9 +324,11 @@ int main(int argc, char **argv)
         DemoAuthenticator::activeAuthenticator()->loadCredentials();
     }
     sheet->open();
+    if (resuming)
+        sheet->resumeInterruptedUploads(interrupted);
     if (scripted) {
         QTimer::singleShot(0, &app, [&] {
-            if (!user.fillInAndPublish()) {
+            if (!(resuming ? user.signInUnlessSignedIn() : user.fillInAndPublish())) {
                 status = ExitScriptStuck;
                 app.exit();
             }

@@ -3,6 +3,8 @@
 #include "DemoPublishViewController.h"
 #include "DemoVideo.h"
 
+using namespace Qt::StringLiterals;
+
 ZDPublishViewControllerClass DemoPublishAgent::publishViewControllerClass()
 {
     return [] {
@@ -29,6 +31,27 @@ void DemoPublishAgent::uploadVideoAtPath(const QString &path)
         details.access = form->videoAccess();
     }
     m_publishPost = std::make_unique<DemoPublishPost>(this, details, m_uploadOptions);
+    setPublishingInProgress(true);
+    m_publishPost->startUpload();
+}
+
+QList<ZDUploadJournalEntry> DemoPublishAgent::interruptedUploads() const
+{
+    QList<ZDUploadJournalEntry> ours;
+    // The journal may be shared with other plug-ins of the application: only
+    // sessions of Demo Video's upload endpoint are this plug-in's to resume.
+    const QString uploads = DemoVideo::endpoint(u"api/uploads"_s).path();
+    for (const ZDUploadJournalEntry &entry : demoUploadJournal(m_uploadOptions).entries()) {
+        if (entry.protocol == ZDUploadProtocol::ResumeIncomplete &&
+            entry.endpoint.path() == uploads && !entry.sessionURL.isEmpty())
+            ours.append(entry);
+    }
+    return ours;
+}
+
+void DemoPublishAgent::resumeInterruptedUpload(const ZDUploadJournalEntry &entry)
+{
+    m_publishPost = std::make_unique<DemoPublishPost>(this, entry, m_uploadOptions);
     setPublishingInProgress(true);
     m_publishPost->startUpload();
 }

@@ -18,6 +18,15 @@ public:
     ZDPublishViewControllerClass publishViewControllerClass() override;
 
     void uploadVideoAtPath(const QString &path);
+
+    // Uploads to Demo Video that a crash, a kill or a lost network left
+    // unfinished, oldest first, from the journal the upload options name.
+    QList<ZDUploadJournalEntry> interruptedUploads() const;
+    // Resumes one of them like uploadVideoAtPath(): the same job, progress and
+    // outcome, with the details the upload began with (the form is not asked).
+    // A file that changed since ends the job at once with a failure that says
+    // so; its entry is dropped and the old session is never continued.
+    void resumeInterruptedUpload(const ZDUploadJournalEntry &entry);
     // Stops a running upload; the host hears of it as a failure for which
     // isCancellation() holds.
     void cancelUpload();

@@ -75,7 +75,31 @@ DemoPublishPost::DemoPublishPost(ZDPublishPostDelegate *delegate, DemoVideoDetai
     : ZDPublishPost(delegate), m_details(std::move(details)), m_options(options)
 {}
 
+DemoPublishPost::DemoPublishPost(ZDPublishPostDelegate *delegate,
+                                 const ZDUploadJournalEntry &interrupted, DemoUploadOptions options)
+    : ZDPublishPost(delegate), m_details(detailsOfInterruptedUpload(interrupted)),
+      m_options(options), m_interrupted(interrupted)
+{
+    m_options.mode = DemoUploadOptions::Mode::Resumable;
+}
+
 DemoPublishPost::~DemoPublishPost() = default;
+
+ZDUploadJournal demoUploadJournal(const DemoUploadOptions &options)
+{
+    return ZDUploadJournal(options.journalDirectory);
+}
+
+DemoVideoDetails DemoPublishPost::detailsOfInterruptedUpload(const ZDUploadJournalEntry &entry)
+{
+    const QVariantMap &fields = entry.metadata;
+    return DemoVideoDetails{entry.file.path,
+                            fields.value(u"title"_s).toString(),
+                            fields.value(u"description"_s).toString(),
+                            fields.value(u"tags"_s).toString().split(u',', Qt::SkipEmptyParts),
+                            fields.value(u"category"_s).toString(),
+                            fields.value(u"access"_s).toString()};
+}
 
 std::optional<QVariant> DemoPublishPost::videoPart(ZDError &error)
 {
@@ -171,10 +195,25 @@ void DemoPublishPost::sendResumable(const std::shared_ptr<RequestSigner> &signer
         });
         return;
     }
-    m_upload = std::make_unique<ZDResumableUpload>(ZDUploadProtocol::ResumeIncomplete,
-                                                   DemoVideo::endpoint(u"api/uploads"_s),
-                                                   m_details.path, this);
-    m_upload->setMetadata(textFields());
+    const QUrl endpoint = DemoVideo::endpoint(u"api/uploads"_s);
+    if (m_interrupted) {
+        // The demo service may come back on another address (run-demo picks a
+        // free port each time) while it keeps its sessions: the session goes
+        // on at the service as it is reached now.
+        ZDUploadJournalEntry entry = *m_interrupted;
+        if (entry.endpoint != endpoint) {
+            QUrl session = endpoint.resolved(QUrl(entry.sessionURL.path()));
+            session.setQuery(entry.sessionURL.query());
+            entry.sessionURL = session;
+            entry.endpoint = endpoint;
+        }
+        m_upload = std::make_unique<ZDResumableUpload>(entry, this);
+    } else {
+        m_upload = std::make_unique<ZDResumableUpload>(ZDUploadProtocol::ResumeIncomplete, endpoint,
+                                                       m_details.path, this);
+        m_upload->setMetadata(textFields());
+    }
+    m_upload->setJournal(demoUploadJournal(m_options));
     if (oauth2)
         m_upload->setCredentialSource(DemoAuthenticator::sharedOAuth2Authenticator());
     else
@@ -232,6 +271,13 @@ void DemoPublishPost::uploadDidFailWithError(ZDResumableUpload *, const ZDError 
         break;
     case ZDPublishErrorKind::Network:
         sentence = u"The connection to Demo Video failed: %1"_s.arg(error.localizedDescription());
+        break;
+    case ZDPublishErrorKind::FileChangedOrUnreadable:
+        if (m_interrupted && error.domain() == ZDResumableUploadErrorDomain &&
+            error.code() == ZDResumableUploadErrorFileChanged)
+            sentence = u"\"%1\" has changed since its upload was interrupted, so the upload was "
+                       u"not resumed. Publish the video again to send it as it is now."_s.arg(
+                           QFileInfo(m_details.path).fileName());
         break;
     default:
         break;

@@ -37,7 +37,14 @@ struct DemoUploadOptions
     // whose two copies would not fit is refused before anything is sent. Unset:
     // the memory the system reports available.
     std::optional<qint64> memoryLimit;
+    // Where resumable uploads are journaled, so that an upload cut short by a
+    // crash, a kill or a reboot can be resumed by the next run. Empty: the
+    // journal's default, "uploads" under the application's data location.
+    QString journalDirectory;
 };
+
+// The journal resumable uploads are kept in under `options`.
+ZDUploadJournal demoUploadJournal(const DemoUploadOptions &options);
 
 // Whether `error` ends a job that the user or the host cancelled (in either
 // mode's domain).
@@ -55,9 +62,9 @@ struct DemoPublishedVideo
 // Demo Video's upload job.
 //
 // Resumable mode goes through ZDResumableUpload with a "308 Resume Incomplete"
-// session: every request is signed (or carries the OAuth 2.0 token, renewed by
-// the authenticator when it expires), the service's MD5 of the whole video is
-// checked against the file's, and progress, retries and resumptions reach the
+// session, journaled (DemoUploadOptions::journalDirectory) until it ends: every request is signed
+// (or carries the OAuth 2.0 token, renewed by the authenticator when it expires), the service's MD5
+// of the whole video is checked against the file's, and progress, retries and resumptions reach the
 // delegate through publishPostDidUpdateProgress(). Its errors are in
 // ZDPublishErrorDomain (ZDPublishPost.h).
 //
@@ -72,6 +79,12 @@ class DemoPublishPost : public ZDPublishPost,
 public:
     DemoPublishPost(ZDPublishPostDelegate *delegate, DemoVideoDetails details,
                     DemoUploadOptions options = {});
+    // Resumes an interrupted upload from the journal, on its session and with
+    // the details it began with. The file must be the one it began with: a
+    // file that changed since fails with kind FileChangedOrUnreadable, the
+    // entry is dropped and nothing is sent.
+    DemoPublishPost(ZDPublishPostDelegate *delegate, const ZDUploadJournalEntry &interrupted,
+                    DemoUploadOptions options = {});
     ~DemoPublishPost() override;
 
     void startUpload() override;
@@ -82,6 +95,9 @@ public:
     void cancel();
 
     std::optional<DemoPublishedVideo> publishedVideo() const { return m_published; }
+    // What an interrupted upload was publishing, from the metadata its journal
+    // entry kept (the service's text fields).
+    static DemoVideoDetails detailsOfInterruptedUpload(const ZDUploadJournalEntry &entry);
 
     void requestDidReceiveObject(JSONHTTPRequest *request, const QVariant &object) override;
     void requestDidFailWithError(JSONHTTPRequest *request, const ZDError &error) override;
@@ -113,6 +129,7 @@ private:
 
     DemoVideoDetails m_details;
     DemoUploadOptions m_options;
+    std::optional<ZDUploadJournalEntry> m_interrupted;
     qint64 m_videoBytes = 0;
     std::unique_ptr<JSONHTTPRequest> m_request;
     std::unique_ptr<ZDResumableUpload> m_upload;

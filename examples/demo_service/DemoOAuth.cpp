@@ -3,8 +3,12 @@
 #include "DemoVideoService.h"
 
 #include <QDateTime>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QMultiMap>
 #include <QOAuth1Signature>
+#include <QSaveFile>
 #include <QVariant>
 
 #include <algorithm>
@@ -169,12 +173,48 @@ bool Verifier::verify(const httplib::Request &req, Parameters parameters,
                             oauth.value(u"oauth_signature"_s), req.method);
 }
 
+bool Verifier::setStore(const QString &path)
+{
+    std::lock_guard lock(m_mutex);
+    m_storePath = path;
+    QFile file(path);
+    if (file.open(QIODevice::ReadOnly)) {
+        const QJsonObject stored = QJsonDocument::fromJson(file.readAll()).object();
+        for (auto it = stored.begin(); it != stored.end(); ++it) {
+            const QJsonObject token = it.value().toObject();
+            m_tokens.insert(it.key(),
+                            {token.value(u"secret").toString(), token.value(u"account").toString(),
+                             token.value(u"revoked").toBool()});
+        }
+    }
+    saveLocked();
+    return QFile::exists(path);
+}
+
+void Verifier::saveLocked() const
+{
+    if (m_storePath.isEmpty())
+        return;
+    QJsonObject stored;
+    for (auto it = m_tokens.cbegin(); it != m_tokens.cend(); ++it)
+        stored.insert(it.key(), QJsonObject{{u"secret"_s, it->secret},
+                                            {u"account"_s, it->account},
+                                            {u"revoked"_s, it->revoked}});
+    QSaveFile file(m_storePath);
+    if (file.open(QIODevice::WriteOnly)) {
+        file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+        file.write(QJsonDocument(stored).toJson(QJsonDocument::Compact));
+        file.commit();
+    }
+}
+
 std::pair<QString, QString> Verifier::issueToken(const QString &account)
 {
     const QString token = newToken(32);
     const QString secret = newToken(40);
     std::lock_guard lock(m_mutex);
     m_tokens.insert(token, {secret, account, false});
+    saveLocked();
     return {token, secret};
 }
 
@@ -186,6 +226,7 @@ int Verifier::revokeAll()
         revoked += !token.revoked;
         token.revoked = true;
     }
+    saveLocked();
     return revoked;
 }
 

@@ -64,6 +64,12 @@ public:
     static bool verify(const httplib::Request &req, DemoHttp::Parameters parameters,
                        const OAuthParameters &oauth, const QString &tokenSecret, int port);
 
+    // Keeps the issued tokens in the file at `path`, as a real service keeps
+    // its sign-ins over a restart, and takes up those already there (an
+    // unreadable file counts as none). Nonces stay in memory. False when the
+    // file cannot be written.
+    bool setStore(const QString &path);
+
     // A new token and its secret for `account`.
     std::pair<QString, QString> issueToken(const QString &account);
     // Revokes every live token; answers how many there were.
@@ -77,7 +83,10 @@ private:
         bool revoked = false;
     };
 
+    void saveLocked() const;
+
     std::mutex m_mutex; // guards tokens and nonces
+    QString m_storePath;
     QHash<QString, Token> m_tokens;
     // Nonces of accepted requests, by timestamp, kept while the timestamp is in
     // the window.

@@ -5,12 +5,16 @@
 #include <QCryptographicHash>
 #include <QDateTime>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QRegularExpression>
 #include <QScopeGuard>
+
+#include <chrono>
+#include <thread>
 
 #include <unistd.h>
 
@@ -280,6 +284,8 @@ void ResumableUploads::put(const QString &id, const httplib::Request &req, httpl
     qint64 received = 0;
     bool writeFailed = false;
     bool cut = false;
+    QElapsedTimer taking;
+    taking.start();
     const bool complete = readRawBody(req, reader, [&](const char *data, size_t size) {
         if (video.write(data, qint64(size)) != qint64(size)) {
             writeFailed = true;
@@ -296,6 +302,11 @@ void ResumableUploads::put(const QString &id, const httplib::Request &req, httpl
             m_sinceCut = 0;
             cut = true;
             return false;
+        }
+        if (m_settings.bytesPerSecond > 0) {
+            const qint64 due = received * 1000 / m_settings.bytesPerSecond;
+            if (due > taking.elapsed())
+                std::this_thread::sleep_for(std::chrono::milliseconds(due - taking.elapsed()));
         }
         return true;
     });

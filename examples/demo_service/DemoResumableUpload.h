@@ -68,6 +68,9 @@ public:
         // taken this many more bytes (of any session); what arrived is kept
         // and the answer is a 503 that closes the connection. 0: never.
         qint64 cutEveryBytes = 0;
+        // Fault injection: a chunk is taken no faster than this many bytes a
+        // second, as over a slow line. 0: as fast as it comes.
+        qint64 bytesPerSecond = 0;
     };
 
     // Does not take ownership of `oauth` or `oauth2`, which must outlive it.

@@ -375,7 +375,8 @@ DemoVideoService::DemoVideoService(const Options &options) : d(std::make_unique<
     d->resumable = std::make_unique<ResumableUploads>(
         ResumableUploads::Settings{QDir(options.dataDirectory).absoluteFilePath(u"sessions"_s),
                                    d->videosPath, options.rejectUploads, options.dieAfterBytes,
-                                   24 * 3600, options.cutEveryBytes},
+                                   24 * 3600, options.cutEveryBytes,
+                                   options.throttleBytesPerSecond},
         &d->oauthVerifier, &d->oauth2Issuer);
     d->route();
 }
@@ -389,7 +390,9 @@ bool DemoVideoService::listen(int port)
 {
     // A process that ended mid-upload leaves its half-written folder behind.
     if (!QDir(d->incomingPath).removeRecursively() || !QDir().mkpath(d->incomingPath) ||
-        !QDir().mkpath(d->videosPath) || !d->resumable->prepare()) {
+        !QDir().mkpath(d->videosPath) || !d->resumable->prepare() ||
+        !d->oauthVerifier.setStore(
+            QDir(d->options.dataDirectory).absoluteFilePath(u"oauth-tokens.json"_s))) {
         d->error = u"cannot prepare the data folder %1"_s.arg(d->options.dataDirectory);
         return false;
     }

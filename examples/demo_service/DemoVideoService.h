@@ -30,8 +30,9 @@ inline constexpr char16_t kDisplayName[] = u"demo";
 //
 // Uploads are written to <data>/incoming/<id>/ while they arrive and move to
 // <data>/videos/<id>/ in one rename once complete and valid, so a published
-// video appears whole or not at all. Tokens and nonces live in memory only;
-// resumable sessions live in <data>/sessions/ and survive a restart.
+// video appears whole or not at all. OAuth 1.0a tokens live in
+// <data>/oauth-tokens.json and resumable sessions in <data>/sessions/, so both
+// survive a restart; nonces and OAuth 2.0 tokens live in memory only.
 //
 // Requests are served on the HTTP library's worker threads; the service needs
 // no Qt event loop.
@@ -48,6 +49,9 @@ public:
         // Fault injection: a resumable chunk is broken off (503, connection
         // closed) every time the service has taken this many bytes. 0: never.
         qint64 cutEveryBytes = 0;
+        // Fault injection: a resumable chunk is taken no faster than this many
+        // bytes a second. 0: as fast as it comes.
+        qint64 throttleBytesPerSecond = 0;
         // Fault injection: OAuth 2.0 access tokens die this many seconds after
         // they are issued, whatever they announced. 0: never early.
         int tokensDieAfterSeconds = 0;

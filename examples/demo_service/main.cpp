@@ -58,13 +58,16 @@ int main(int argc, char *argv[])
     const QCommandLineOption cutOption(
         u"cut-every-bytes"_s,
         u"Fault injection: break off a resumable upload's chunk every N bytes taken."_s, u"N"_s);
+    const QCommandLineOption throttleOption(
+        u"throttle"_s,
+        u"Fault injection: take a resumable upload's chunks at most N bytes a second."_s, u"N"_s);
     const QCommandLineOption tokensDieOption(
         u"tokens-die-after"_s,
         u"Fault injection: OAuth 2.0 access tokens stop working S seconds after they are issued."_s,
         u"S"_s);
     const QCommandLineOption quietOption(u"quiet"_s, u"Do not log requests."_s);
-    parser.addOptions(
-        {portOption, dataOption, rejectOption, dieOption, cutOption, tokensDieOption, quietOption});
+    parser.addOptions({portOption, dataOption, rejectOption, dieOption, cutOption, throttleOption,
+                       tokensDieOption, quietOption});
     parser.process(app);
 
     bool isNumber = false;
@@ -85,6 +88,12 @@ int main(int argc, char *argv[])
         options.cutEveryBytes = parser.value(cutOption).toLongLong(&isNumber);
         if (!isNumber || options.cutEveryBytes <= 0)
             usageError(u"--cut-every-bytes takes a positive number of bytes"_s);
+    }
+
+    if (parser.isSet(throttleOption)) {
+        options.throttleBytesPerSecond = parser.value(throttleOption).toLongLong(&isNumber);
+        if (!isNumber || options.throttleBytesPerSecond <= 0)
+            usageError(u"--throttle takes a positive number of bytes a second"_s);
     }
 
     if (parser.isSet(tokensDieOption)) {

@@ -5,6 +5,7 @@
 #include <QCryptographicHash>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -13,6 +14,8 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <QTest>
+
+#include <signal.h>
 
 using namespace Qt::StringLiterals;
 
@@ -23,6 +26,7 @@ constexpr int kPublished = 0;
 constexpr int kUsage = 1;
 constexpr int kFailed = 2;
 constexpr int kCancelled = 3;
+constexpr int kKilled = -9; // HostRun::exitCode of a host killed by the test
 
 QString md5Of(const QString &path)
 {
@@ -54,11 +58,13 @@ public:
     ~Service() { stop(); }
 
     // With `keepLog`, the service logs every request and log() reads the lines.
-    bool start(const QStringList &extra = {}, bool keepLog = false)
+    // Port 0 lets it choose one.
+    bool start(const QStringList &extra = {}, bool keepLog = false, int port = 0)
     {
         m_process.setProgram(qEnvironmentVariable("ZD_DEMO_SERVICE"));
-        m_process.setArguments(QStringList{u"--port"_s, u"0"_s, u"--data"_s, m_dataDir} +
-                               (keepLog ? QStringList() : QStringList{u"--quiet"_s}) + extra);
+        m_process.setArguments(
+            QStringList{u"--port"_s, QString::number(port), u"--data"_s, m_dataDir} +
+            (keepLog ? QStringList() : QStringList{u"--quiet"_s}) + extra);
         m_process.setProcessChannelMode(keepLog ? QProcess::SeparateChannels
                                                 : QProcess::ForwardedErrorChannel);
         m_process.start();
@@ -85,9 +91,11 @@ public:
             m_process.kill();
         m_process.waitForFinished(10000);
     }
-    bool waitForExit() { return m_process.waitForFinished(30000); }
+    bool waitForExit(int msecs = 30000) { return m_process.waitForFinished(msecs); }
+    int exitCode() const { return m_process.exitCode(); }
     QString log() { return QString::fromUtf8(m_process.readAllStandardError()); }
     QString url() const { return m_url; }
+    int port() const { return QUrl(m_url).port(); }
 
     QStringList published() const
     {
@@ -127,15 +135,23 @@ struct HostRun
     QString output;
 };
 
+// Starts a scripted host on `video` (none: a run that resumes), its output
+// and errors in one channel.
+void startHost(QProcess &host, const Service &service, const QString &video,
+               const QStringList &extra)
+{
+    host.setProgram(qEnvironmentVariable("ZD_DEMO_HOST"));
+    host.setArguments(
+        (video.isEmpty() ? QStringList() : QStringList{video}) +
+        QStringList{u"--scripted"_s, u"--no-keyring"_s, u"--service"_s, service.url()} + extra);
+    host.setProcessChannelMode(QProcess::MergedChannels);
+    host.start();
+}
+
 HostRun runHost(const Service &service, const QString &video, const QStringList &extra)
 {
     QProcess host;
-    host.setProgram(qEnvironmentVariable("ZD_DEMO_HOST"));
-    host.setArguments(
-        QStringList{video, u"--scripted"_s, u"--no-keyring"_s, u"--service"_s, service.url()} +
-        extra);
-    host.setProcessChannelMode(QProcess::MergedChannels);
-    host.start();
+    startHost(host, service, video, extra);
     HostRun run;
     if (!host.waitForFinished(300000)) {
         host.kill();
@@ -144,6 +160,47 @@ HostRun runHost(const Service &service, const QString &video, const QStringList 
     run.exitCode = host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -1;
     run.output = QString::fromUtf8(host.readAll());
     return run;
+}
+
+// Starts the host publishing `video` and kills it with SIGKILL, so that nothing
+// is cleaned up, `msecs` after its progress bar first moved (its upload session
+// is open then). exitCode is kKilled unless it ended on its own before.
+HostRun killHostMidUpload(const Service &service, const QString &video, const QStringList &extra,
+                          int msecs)
+{
+    QProcess host;
+    startHost(host, service, video, extra);
+    QByteArray out;
+    static const QRegularExpression bar(u"\\] +\\d+%"_s);
+    const QDeadlineTimer patience(120000);
+    while (!QString::fromUtf8(out).contains(bar) && host.state() != QProcess::NotRunning &&
+           !patience.hasExpired()) {
+        host.waitForReadyRead(1000);
+        out += host.readAll();
+    }
+    HostRun run;
+    if (!host.waitForFinished(msecs)) {
+        ::kill(pid_t(host.processId()), SIGKILL);
+        host.waitForFinished(30000);
+        run.exitCode = kKilled;
+    } else {
+        run.exitCode = host.exitCode();
+    }
+    run.output = QString::fromUtf8(out + host.readAll());
+    return run;
+}
+
+QStringList journalEntries(const QString &directory)
+{
+    return QDir(directory).entryList({u"*.json"_s}, QDir::Files);
+}
+
+// Every request that opened an upload session, from the service's log.
+qsizetype sessionsOpened(const QString &log)
+{
+    static const QRegularExpression opened(u"^POST /api/uploads \\d+$"_s,
+                                           QRegularExpression::MultilineOption);
+    return log.count(opened);
 }
 
 } // namespace
@@ -214,29 +271,194 @@ private Q_SLOTS:
                  qPrintable(run.output));
     }
 
+    void aResumableUploadThroughCutsArrivesWholeAndSaysWhereItResumed_data()
+    {
+        QTest::addColumn<QString>("cutEvery");
+        QTest::addColumn<qint64>("size");
+        // 5 MiB through a cut every 1.5 MB: three of them, each resumed from
+        // the bytes the service kept.
+        QTest::newRow("between chunks") << u"1500000"_s << qint64(5 * 1024 * 1024 + 11);
+        // Three cuts inside the first chunk (1 MiB): before the service had
+        // confirmed anything.
+        QTest::newRow("inside the first chunk") << u"300000"_s << qint64(1024 * 1024 + 11);
+    }
     void aResumableUploadThroughCutsArrivesWholeAndSaysWhereItResumed()
     {
+        QFETCH(QString, cutEvery);
+        QFETCH(qint64, size);
         QTemporaryDir data;
         Service service(data.path());
-        QVERIFY(service.start({u"--cut-every-bytes"_s, u"1500000"_s}));
+        QVERIFY(service.start({u"--cut-every-bytes"_s, cutEvery}));
         const QString video = m_files.filePath(u"flaky.mp4"_s);
-        writeRandomFile(video, 5 * 1024 * 1024 + 11);
-        const HostRun run =
-            runHost(service, video, {u"--no-wrong-password"_s, u"--title"_s, u"Flaky"_s});
+        writeRandomFile(video, size);
+        const HostRun run = runHost(service, video,
+                                    {u"--no-wrong-password"_s, u"--title"_s, u"Flaky"_s,
+                                     u"--category"_s, QString(), u"--tags"_s, QString()});
         QVERIFY2(run.exitCode == kPublished, qPrintable(run.output));
         static const QRegularExpression lost(
-            u"connection lost at ([0-9.]+ [KM]i?B), retrying in \\d+ s \\.\\.\\. resumed at ([0-9.]+ [KM]i?B)"_s);
+            u"connection lost at ([0-9.]+ [kKM]i?B), retrying in \\d+ s \\.\\.\\. resumed at ([0-9.]+ [kKM]i?B)"_s);
         auto matches = lost.globalMatch(run.output);
         int cuts = 0;
         for (; matches.hasNext(); ++cuts)
             matches.next();
-        // 5 MiB through a cut every 1.5 MB: three of them, each resumed from
-        // the bytes the service kept.
         QVERIFY2(cuts == 3, qPrintable(run.output));
+        // Where a cut fell, in bytes that went out: never a confirmed 0.
+        QVERIFY2(!run.output.contains(u"lost at 0 bytes"_s), qPrintable(run.output));
         const QStringList published = service.published();
         QCOMPARE(published.size(), 1);
         QCOMPARE(md5Of(service.storedVideo(published.first())), md5Of(video));
         QCOMPARE(service.meta(published.first()).value(u"md5").toString(), md5Of(video));
+    }
+
+    // A host killed at a random point of its upload leaves its journal entry;
+    // the next host lists it, resumes it on its session and publishes the
+    // video once, whole, with what was typed in the first run.
+    void anUploadKilledMidwayIsResumedByTheNextRunAndPublishedOnce_data()
+    {
+        QTest::addColumn<int>("earliest");
+        QTest::addColumn<int>("latest");
+        QTest::addColumn<bool>("serviceMoves");
+        QTest::newRow("as sending begins") << 0 << 400 << false;
+        QTest::newRow("in the first stretch") << 500 << 1300 << false;
+        // The service restarts on another port between the runs, as
+        // tools/run-demo's does: its sign-ins and the session are still there.
+        QTest::newRow("after a cut or two, service moved") << 1400 << 2400 << true;
+    }
+    void anUploadKilledMidwayIsResumedByTheNextRunAndPublishedOnce()
+    {
+        QFETCH(int, earliest);
+        QFETCH(int, latest);
+        QFETCH(bool, serviceMoves);
+        QTemporaryDir data;
+        QTemporaryDir journal;
+        // Sending takes about 3.5 s: 1.5 s at 2 MB/s and two cuts' waits.
+        const QStringList slow{u"--throttle"_s, u"2000000"_s, u"--cut-every-bytes"_s, u"1200000"_s};
+        auto service = std::make_unique<Service>(data.path());
+        QVERIFY(service->start(slow, true));
+        const QString video = m_files.filePath(u"killed.mp4"_s);
+        writeRandomFile(video, 3 * 1000 * 1000 + 13);
+        const int killAfter = int(QRandomGenerator::global()->bounded(earliest, latest));
+        const QStringList common{u"--no-wrong-password"_s, u"--journal"_s, journal.path()};
+        const HostRun killed = killHostMidUpload(
+            *service, video,
+            common + QStringList{u"--title"_s, u"Killed midway"_s, u"--description"_s,
+                                 u"Cut short by kill -9."_s, u"--tags"_s, u"kill,resume"_s,
+                                 u"--category"_s, QString(), u"--access"_s, u"private"_s},
+            killAfter);
+        const QString context =
+            u"killed %1 ms after sending began\n"_s.arg(killAfter) + killed.output;
+        QVERIFY2(killed.exitCode == kKilled, qPrintable(context));
+        QCOMPARE(journalEntries(journal.path()).size(), 1);
+        QVERIFY(service->published().isEmpty());
+        QString log;
+        if (serviceMoves) {
+            service->stop();
+            log = service->log();
+            const QString before = service->url();
+            service = std::make_unique<Service>(data.path());
+            QVERIFY(service->start(slow, true));
+            QVERIFY(service->url() != before);
+        }
+
+        const HostRun resumed =
+            runHost(*service, QString(), common + QStringList{u"--resume-interrupted"_s});
+        const QString both = context + u"\n--- the next run ---\n"_s + resumed.output;
+        QVERIFY2(resumed.exitCode == kPublished, qPrintable(both));
+        QVERIFY2(resumed.output.contains(
+                     u"Interrupted upload: \u201cKilled midway\u201d (killed.mp4, 3.0 MB): "_s),
+                 qPrintable(both));
+        QVERIFY2(resumed.output.contains(u"Resuming \u201cKilled midway\u201d"_s),
+                 qPrintable(both));
+        const QStringList published = service->published();
+        QCOMPARE(published.size(), 1);
+        QCOMPARE(md5Of(service->storedVideo(published.first())), md5Of(video));
+        const QJsonObject meta = service->meta(published.first());
+        QCOMPARE(meta.value(u"title").toString(), u"Killed midway"_s);
+        QCOMPARE(meta.value(u"description").toString(), u"Cut short by kill -9."_s);
+        QCOMPARE(meta.value(u"tags").toArray().toVariantList(),
+                 QVariantList({u"kill"_s, u"resume"_s}));
+        QCOMPARE(meta.value(u"access").toString(), u"private"_s);
+        QVERIFY(journalEntries(journal.path()).isEmpty());
+        service->stop();
+        // Resumed on the session the first run opened, never started over.
+        QCOMPARE(sessionsOpened(log + service->log()), 1);
+    }
+
+    void aFileChangedBetweenRunsIsRefusedAndNotPublished()
+    {
+        QTemporaryDir data;
+        QTemporaryDir journal;
+        Service service(data.path());
+        QVERIFY(service.start({u"--throttle"_s, u"1000000"_s}));
+        const QString video = m_files.filePath(u"edited.mp4"_s);
+        writeRandomFile(video, 3 * 1000 * 1000);
+        const QStringList common{u"--no-wrong-password"_s, u"--journal"_s, journal.path()};
+        const HostRun killed = killHostMidUpload(
+            service, video,
+            common + QStringList{u"--category"_s, QString(), u"--tags"_s, QString()}, 300);
+        QVERIFY2(killed.exitCode == kKilled, qPrintable(killed.output));
+        QCOMPARE(journalEntries(journal.path()).size(), 1);
+
+        // Edited in place: same size and modification time, other first bytes.
+        const QDateTime modified = QFileInfo(video).lastModified();
+        QFile file(video);
+        QVERIFY(file.open(QIODevice::ReadWrite));
+        QVERIFY(file.write(QByteArray(4096, 'e')) == 4096);
+        QVERIFY(file.flush());
+        QVERIFY(file.setFileTime(modified, QFileDevice::FileModificationTime));
+        file.close();
+        QCOMPARE(QFileInfo(video).lastModified(), modified);
+
+        const HostRun refused =
+            runHost(service, QString(), common + QStringList{u"--resume-interrupted"_s});
+        QVERIFY2(refused.exitCode == kFailed, qPrintable(refused.output));
+        QVERIFY2(refused.output.contains(
+                     u"Not Published: \"edited.mp4\" has changed since its upload was "
+                     u"interrupted, so the upload was not resumed."_s),
+                 qPrintable(refused.output));
+        QVERIFY(service.published().isEmpty());
+        // Dropped, not offered again.
+        QVERIFY(journalEntries(journal.path()).isEmpty());
+        const HostRun again =
+            runHost(service, QString(), common + QStringList{u"--resume-interrupted"_s});
+        QCOMPARE(again.exitCode, kPublished);
+        QVERIFY2(again.output.contains(u"No interrupted uploads to resume."_s),
+                 qPrintable(again.output));
+    }
+
+    // The service process goes away mid-upload and comes back on the same
+    // port with its sessions: the upload waits, resumes and arrives whole.
+    void aServiceRestartMidUploadStillEndsWithTheVideoWhole()
+    {
+        QTemporaryDir data;
+        QTemporaryDir journal;
+        auto service = std::make_unique<Service>(data.path());
+        QVERIFY(service->start({u"--die-after-bytes"_s, u"1500000"_s}));
+        const QString url = service->url();
+        const QString video = m_files.filePath(u"restarted.mp4"_s);
+        writeRandomFile(video, 3 * 1000 * 1000 + 5);
+
+        QProcess host;
+        startHost(host, *service, video,
+                  {u"--no-wrong-password"_s, u"--journal"_s, journal.path(), u"--category"_s,
+                   QString(), u"--tags"_s, QString()});
+        QVERIFY(service->waitForExit(120000));
+        QCOMPARE(service->exitCode(), 70); // went down as asked, mid-upload
+        const int port = service->port();
+        service = std::make_unique<Service>(data.path());
+        QVERIFY(service->start({}, false, port));
+        QCOMPARE(service->url(), url);
+
+        QVERIFY(host.waitForFinished(120000));
+        const QString output = QString::fromUtf8(host.readAll());
+        QVERIFY2(host.exitStatus() == QProcess::NormalExit && host.exitCode() == kPublished,
+                 qPrintable(output));
+        QVERIFY2(output.contains(u"connection lost at "_s), qPrintable(output));
+        QVERIFY2(output.contains(u" resumed at "_s), qPrintable(output));
+        const QStringList published = service->published();
+        QCOMPARE(published.size(), 1);
+        QCOMPARE(md5Of(service->storedVideo(published.first())), md5Of(video));
+        QVERIFY(journalEntries(journal.path()).isEmpty());
     }
 
     void aTokenThatDiesDuringAResumableUploadIsRenewedAndTheUploadGoesOn()

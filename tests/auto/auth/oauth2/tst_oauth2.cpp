@@ -768,6 +768,16 @@ void tst_oauth2::passwordSignInAsksForTheSecondFactorWhenTheServiceWantsIt()
     QVERIFY(spoken);
     QCOMPARE(spoken->role(), QAccessible::Dialog);
     QCOMPARE(spoken->text(QAccessible::Description), again->message());
+    if (const QString shots = qEnvironmentVariable("ZD_SCREENSHOT_DIR");
+        !shots.isEmpty() && !sentence.isEmpty()) {
+        QPointer<ZDAlertView> shown = again.release(); // shown alerts delete themselves
+        shown->show(&window);
+        QTest::qWait(800); // the alert's fade-in
+        const QString name = QString::fromLatin1(QTest::currentDataTag()).replace(u' ', u'-');
+        QVERIFY(window.grab().save(shots + u"/oauth2-sign-in-again-"_s + name + u".png"_s));
+        shown->dismissWithClickedButtonIndex(shown->cancelButtonIndex(), false);
+        QTRY_VERIFY(!shown);
+    }
     if (!sentence.isEmpty()) {
         // A new attempt starts without the old failure.
         authenticator.authenticateWithUsernamePassword(u"alice"_s, u"pw"_s);

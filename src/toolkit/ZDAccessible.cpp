@@ -39,6 +39,15 @@ bool hasEditor(const QWidget *cell)
     return false;
 }
 
+// The interface of the widget at `index` in `widgets`; null outside the list.
+template <typename Widget>
+QAccessibleInterface *interfaceAt(const QList<Widget *> &widgets, int index)
+{
+    return index >= 0 && index < widgets.size()
+               ? QAccessible::queryAccessibleInterface(widgets[index])
+               : nullptr;
+}
+
 QAccessibleInterface *sectionListOf(ZDTableView *table, int section);
 
 // The section of a row that is one item of a list section.
@@ -135,13 +144,7 @@ public:
     }
 
     int childCount() const override { return int(editors().size()); }
-    QAccessibleInterface *child(int index) const override
-    {
-        const QList<QWidget *> list = editors();
-        return index >= 0 && index < list.size()
-                   ? QAccessible::queryAccessibleInterface(list[index])
-                   : nullptr;
-    }
+    QAccessibleInterface *child(int index) const override { return interfaceAt(editors(), index); }
     int indexOfChild(const QAccessibleInterface *child) const override
     {
         return child ? int(editors().indexOf(child->object())) : -1;
@@ -240,13 +243,7 @@ public:
     }
 
     int childCount() const override { return int(rows().size()); }
-    QAccessibleInterface *child(int index) const override
-    {
-        const QList<ZDTableViewCell *> list = rows();
-        return index >= 0 && index < list.size()
-                   ? QAccessible::queryAccessibleInterface(list[index])
-                   : nullptr;
-    }
+    QAccessibleInterface *child(int index) const override { return interfaceAt(rows(), index); }
     int indexOfChild(const QAccessibleInterface *child) const override
     {
         if (!child)

@@ -95,6 +95,25 @@ QString localized(const char *key)
     return ZDLocalizedString(QString::fromLatin1(key));
 }
 
+// What the user is told about a failed attempt, by the error that ended it.
+const char *failureSentenceKey(const ZDError &error, ZDOAuth2Authenticator::Flow flow)
+{
+    if (error.domain() != ZDOAuth2ErrorDomain)
+        return "OAUTH2_FAILED_UNREACHABLE"; // the transport's error, no OAuth answer
+    switch (error.code()) {
+    case ZDOAuth2ErrorRefused:
+    case ZDOAuth2ErrorDenied:
+        return flow == ZDOAuth2Authenticator::Flow::Password ? "OAUTH2_FAILED_PASSWORD"
+                                                             : "OAUTH2_FAILED_REFUSED";
+    case ZDOAuth2ErrorTimedOut:
+        return "OAUTH2_FAILED_TIMED_OUT";
+    case ZDOAuth2ErrorCancelled:
+        return "OAUTH2_FAILED_CANCELLED";
+    default:
+        return "OAUTH2_FAILED_OTHER";
+    }
+}
+
 } // namespace
 
 // --- the exchange ---------------------------------------------------------------
@@ -253,10 +272,11 @@ void ZDOAuth2AuthenticatorPrivate::stopAttempt()
     password.clear();
 }
 
-void ZDOAuth2AuthenticatorPrivate::fail(const ZDError &error)
+void ZDOAuth2AuthenticatorPrivate::fail(const ZDError &error, const char *sentenceKey)
 {
     stopAttempt();
     lastError = error;
+    lastFailureKey = sentenceKey ? sentenceKey : failureSentenceKey(error, flow);
     q->m_authenticatorState = ZDAuthenticatorStateSignedOut;
     q->_notifyStateChange();
     q->_notifyFailure();
@@ -494,6 +514,13 @@ void ZDOAuth2AuthenticatorPrivate::startPassword(const QString &user, const QStr
         headers.append({factorHeader, factor});
     exchange = std::make_unique<ZDOAuth2Exchange>(
         configuration.tokenEndpoint, params, headers, [this, factor](const ZDOAuth2Reply &reply) {
+            if (!factor.isEmpty() && !reply.ok && !reply.oauthError.isEmpty()) {
+                // The password passed before the factor was asked for: a
+                // refusal now is the code's.
+                fail(errorForReply(reply, QStringLiteral("the second factor")),
+                     "OAUTH2_FAILED_SECOND_FACTOR");
+                return;
+            }
             if (reply.ok || !factorRequired || !reply.response ||
                 !factorRequired(*reply.response, reply.object)) {
                 finishSignIn(reply);
@@ -501,7 +528,8 @@ void ZDOAuth2AuthenticatorPrivate::startPassword(const QString &user, const QStr
             }
             if (!factor.isEmpty()) {
                 fail(oauthError(ZDOAuth2ErrorRefused,
-                                QStringLiteral("The service refused the second factor.")));
+                                QStringLiteral("The service refused the second factor.")),
+                     "OAUTH2_FAILED_SECOND_FACTOR");
                 return;
             }
             exchange.reset();
@@ -517,7 +545,8 @@ void ZDOAuth2AuthenticatorPrivate::startPassword(const QString &user, const QStr
                     view->textFieldAtIndex(0) ? view->textFieldAtIndex(0)->text() : QString();
                 if (index == view->cancelButtonIndex() || code.isEmpty()) {
                     fail(oauthError(ZDOAuth2ErrorCancelled,
-                                    QStringLiteral("The second factor was not given.")));
+                                    QStringLiteral("The second factor was not given.")),
+                         "OAUTH2_FAILED_NO_SECOND_FACTOR");
                     return;
                 }
                 startPassword(username, password, code);
@@ -569,6 +598,7 @@ void ZDOAuth2AuthenticatorPrivate::finishSignIn(const ZDOAuth2Reply &reply)
     stopAttempt();
     tokens = signedIn;
     lastError = ZDError();
+    lastFailureKey = nullptr;
     q->m_account = signedIn->account;
     q->m_authenticatorState = ZDAuthenticatorStateSignedIn;
     q->_notifyStateChange();
@@ -632,6 +662,7 @@ void ZDOAuth2AuthenticatorPrivate::signOutAfterRefusal(const ZDError &error)
     if (store)
         store->remove(configuration.storeKey);
     lastError = error;
+    lastFailureKey = "OAUTH2_FAILED_EXPIRED";
     q->m_account.clear();
     q->m_authenticatorState = ZDAuthenticatorStateSignedOut;
     q->_notifyStateChange();
@@ -709,6 +740,11 @@ ZDError ZDOAuth2Authenticator::lastError() const
     return d->lastError;
 }
 
+QString ZDOAuth2Authenticator::lastFailureSentence() const
+{
+    return d->lastFailureKey ? localized(d->lastFailureKey) : QString();
+}
+
 std::shared_ptr<RequestSigner> ZDOAuth2Authenticator::accountSigner() const
 {
     if (m_authenticatorState != ZDAuthenticatorStateSignedIn || !d->tokens)
@@ -737,6 +773,7 @@ void ZDOAuth2Authenticator::authenticateWithUsernamePassword(const QString &user
     d->stopAttempt();
     d->attempt = std::make_unique<QObject>();
     d->lastError = ZDError();
+    d->lastFailureKey = nullptr;
     m_authenticatorState = StateSigningIn;
     _notifyStateChange();
     if (m_authenticatorState != StateSigningIn || !d->attempt)
@@ -773,10 +810,13 @@ ZDOAuth2Authenticator::authenticationDialogWithTargetAction(QObject *target,
                                                             std::function<void()> action)
 {
     const bool fields = d->flow == Flow::Password;
-    const QString message = d->flow == Flow::Browser ? localized("OAUTH2_BROWSER_SIGN_IN_MESSAGE")
-                            : d->flow == Flow::Device
-                                ? localized("OAUTH2_DEVICE_SIGN_IN_MESSAGE")
-                                : localized("OAUTH2_PASSWORD_SIGN_IN_MESSAGE");
+    QString message = d->flow == Flow::Browser  ? localized("OAUTH2_BROWSER_SIGN_IN_MESSAGE")
+                      : d->flow == Flow::Device ? localized("OAUTH2_DEVICE_SIGN_IN_MESSAGE")
+                                                : localized("OAUTH2_PASSWORD_SIGN_IN_MESSAGE");
+    // A dialog shown again after a failure says first why the last try failed;
+    // the message is what screen readers announce with the dialog.
+    if (const QString failure = lastFailureSentence(); !failure.isEmpty())
+        message = failure + u'\n' + message;
     const QString button = d->flow == Flow::Browser  ? localized("OAUTH2_CONTINUE_IN_BROWSER")
                            : d->flow == Flow::Device ? localized("OAUTH2_CONTINUE")
                                                      : localized("OAUTH2_SIGN_IN");
@@ -794,6 +834,7 @@ void ZDOAuth2Authenticator::invalidateAuthentication()
     d->stopAttempt();
     d->refreshExchange.reset();
     d->tokens.reset();
+    d->lastFailureKey = nullptr; // signing out is no failure
     if (d->store)
         d->store->remove(d->configuration.storeKey);
     const ZDError signedOut =

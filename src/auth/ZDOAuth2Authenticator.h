@@ -135,6 +135,14 @@ public:
 
     // The reason of the last failure (null after a success).
     ZDError lastError() const;
+    // The last failure in a sentence for the user, in the library's language
+    // ("The service did not accept this user name and password."); empty after
+    // a success, a sign-out, or once a new attempt starts. A sign-in dialog made
+    // while it is set (the form shows one again after a failure) starts its
+    // message with it, so that the dialog, and a screen reader announcing it,
+    // says why the last try failed. A refused second factor, a second factor
+    // not given and a sign-in the service ended on renewal each have their own.
+    QString lastFailureSentence() const;
     // A signer with the current access token, without a freshness check; null
     // when signed out. Work that outlives one token asks credentialsForRequest().
     std::shared_ptr<RequestSigner> accountSigner() const;

@@ -68,7 +68,9 @@ public:
 
     // Attempts.
     void stopAttempt();
-    void fail(const ZDError &error);
+    // Ends the attempt with `error`. `sentenceKey` names the string-table entry
+    // the next sign-in dialog says about it; null: the one the error suggests.
+    void fail(const ZDError &error, const char *sentenceKey = nullptr);
     void startBrowser();
     void acceptRedirect(QTcpSocket *socket);
     void exchangeCode(const QString &code);
@@ -96,6 +98,7 @@ public:
 
     std::optional<ZDOAuth2Tokens> tokens;
     ZDError lastError;
+    const char *lastFailureKey = nullptr; // string-table key; null after a success
 
     // The running attempt.
     std::unique_ptr<QObject> attempt; // parent of the listener and the timers

@@ -2,6 +2,8 @@
 
 #include "net/ZDURLConnection_p.h"
 
+#include "core/ZDLogging_p.h"
+
 #include <QCoreApplication>
 #include <QPointer>
 #include <QSocketNotifier>
@@ -48,23 +50,50 @@ ZDCurlDriver::ZDCurlDriver()
     static std::once_flag once;
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
     if (CURLSH *share = curl_share_init()) {
-        // One thread uses the share handle, so it needs no lock functions.
-        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
-        curl_share_setopt(share, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
         m_share = std::shared_ptr<void>(
             share, [](void *handle) { curl_share_cleanup(static_cast<CURLSH *>(handle)); });
+        // One thread uses the share handle, so it needs no lock functions.
+        for (const curl_lock_data data : {CURL_LOCK_DATA_SSL_SESSION, CURL_LOCK_DATA_DNS}) {
+            const CURLSHcode result = curl_share_setopt(share, CURLSHOPT_SHARE, data);
+            if (result != CURLSHE_OK) {
+                // Sharing only saves work: the requests go on without it.
+                qCWarning(lcZDNet).nospace()
+                    << "The requests of this thread share no TLS sessions or DNS answers: "
+                       "the transport refused a share setting ("
+                    << curl_share_strerror(result) << ", code " << int(result) << ").";
+                m_share.reset();
+                break;
+            }
+        }
     }
     m_multi = curl_multi_init();
-    if (!m_multi)
+    if (!m_multi) {
+        m_setupResult = CURLM_OUT_OF_MEMORY;
         return;
+    }
     // Beyond these, transfers wait for a connection instead of failing when the
     // process runs out of descriptors; browsers keep to about six per host.
-    curl_multi_setopt(m_multi, CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections);
-    curl_multi_setopt(m_multi, CURLMOPT_MAX_TOTAL_CONNECTIONS, kMaxTotalConnections);
-    curl_multi_setopt(m_multi, CURLMOPT_SOCKETFUNCTION, &ZDCurlDriver::socketCallback);
-    curl_multi_setopt(m_multi, CURLMOPT_SOCKETDATA, this);
-    curl_multi_setopt(m_multi, CURLMOPT_TIMERFUNCTION, &ZDCurlDriver::timerCallback);
-    curl_multi_setopt(m_multi, CURLMOPT_TIMERDATA, this);
+    const auto set = [this](CURLMoption option, auto value) {
+        if (m_setupResult == CURLM_OK)
+            m_setupResult = curl_multi_setopt(m_multi, option, value);
+    };
+    set(CURLMOPT_MAX_HOST_CONNECTIONS, kMaxHostConnections);
+    set(CURLMOPT_MAX_TOTAL_CONNECTIONS, kMaxTotalConnections);
+    set(CURLMOPT_SOCKETFUNCTION, &ZDCurlDriver::socketCallback);
+    set(CURLMOPT_SOCKETDATA, this);
+    set(CURLMOPT_TIMERFUNCTION, &ZDCurlDriver::timerCallback);
+    set(CURLMOPT_TIMERDATA, this);
+    if (m_setupResult != CURLM_OK) {
+        // Without its callbacks or its limits the multi handle would drive
+        // transfers other than as documented: no transfer is handed to it.
+        qCWarning(lcZDNet).nospace()
+            << "The transport cannot run requests on this thread: it refused a setting of its "
+               "transfer driver ("
+            << curl_multi_strerror(m_setupResult) << ", code " << int(m_setupResult) << ").";
+        curl_multi_cleanup(m_multi);
+        m_multi = nullptr;
+        return;
+    }
     m_timer.setSingleShot(true);
     QObject::connect(&m_timer, &QTimer::timeout, this,
                      [this] { socketAction(CURL_SOCKET_TIMEOUT, 0); });
@@ -112,17 +141,20 @@ void ZDCurlDriver::recycleEasyHandle(CURL *easy)
     m_idleHandles.push_back(easy);
 }
 
-bool ZDCurlDriver::add(CURL *easy, std::weak_ptr<ZDURLConnection> connection)
+CURLMcode ZDCurlDriver::add(CURL *easy, std::weak_ptr<ZDURLConnection> connection)
 {
-    if (!m_multi || curl_multi_add_handle(m_multi, easy) != CURLM_OK)
-        return false;
-    m_transfers.emplace(easy, std::move(connection));
-    return true;
+    if (!m_multi)
+        return m_setupResult;
+    const CURLMcode result = curl_multi_add_handle(m_multi, easy);
+    if (result == CURLM_OK)
+        m_transfers.emplace(easy, std::move(connection));
+    return result;
 }
 
 void ZDCurlDriver::remove(CURL *easy)
 {
-    curl_multi_remove_handle(m_multi, easy);
+    if (m_multi)
+        curl_multi_remove_handle(m_multi, easy);
     m_transfers.erase(easy);
 }
 

@@ -8,6 +8,11 @@
 // and CA store cache, a share handle for TLS sessions and DNS answers, and easy
 // handles, which are reset and reused. Connections are limited per host and in
 // all; transfers beyond the limits wait in curl's queue.
+//
+// Every setting is checked. A share setting curl refuses is logged (zd.net)
+// and the thread's requests go on without sharing. A multi setting it refuses
+// is logged too, and then the driver takes no transfer: each request of the
+// thread fails with ZDURLErrorTransportUnavailable and curl's code and message.
 
 #include <curl/curl.h>
 
@@ -31,8 +36,10 @@ public:
 
     // Hands `easy` to the multi handle. Its end is reported to `connection`
     // (ZDURLConnection::driverDidFinish) from the event loop, after curl has
-    // returned.
-    bool add(CURL *easy, std::weak_ptr<ZDURLConnection> connection);
+    // returned. Anything but CURLM_OK: the transfer was not taken (a driver
+    // whose multi handle refused one of its settings takes none, and answers
+    // with that refusal).
+    CURLMcode add(CURL *easy, std::weak_ptr<ZDURLConnection> connection);
     // Takes `easy` out of the multi handle; nothing more is reported for it.
     void remove(CURL *easy);
 
@@ -67,6 +74,7 @@ private:
     std::shared_ptr<void> m_share;
     std::vector<CURL *> m_idleHandles;
     CURLM *m_multi = nullptr;
+    CURLMcode m_setupResult = CURLM_OK; // why m_multi is null
     QTimer m_timer;
     bool m_destroying = false;
     std::unordered_map<curl_socket_t, Notifiers> m_sockets;

@@ -269,7 +269,7 @@ struct ZDURLConnection::Private
     std::optional<ZDError> configure();
     std::optional<ZDError> applyOptions();
     bool checkStall(qint64 transferred);
-    bool attach();
+    CURLMcode attach(); // CURLM_OK: the driver took the transfer
     void detach();
     void deliverPendingResponse();
     void dispatchProgress();
@@ -363,10 +363,15 @@ ZDURLConnection::start(const ZDURLRequest &request, std::weak_ptr<ZDURLConnectio
     connection->p->delegate = delegate;
     connection->p->limits = limits;
     std::optional<ZDError> refusal = connection->p->configure();
-    if (!refusal && !connection->p->attach()) {
-        refusal = makeError(ZDURLErrorDomain, ZDURLErrorTransportUnavailable,
-                            QStringLiteral("The transport could not take the request."),
-                            request.URLString());
+    if (!refusal) {
+        if (const CURLMcode result = connection->p->attach(); result != CURLM_OK) {
+            const QVariantMap curlInfo{
+                {ZDCurlCodeKey, qint64(result)},
+                {ZDCurlMessageKey, QString::fromUtf8(curl_multi_strerror(result))}};
+            refusal = makeError(ZDURLErrorDomain, ZDURLErrorTransportUnavailable,
+                                QStringLiteral("The transport could not take the request."),
+                                request.URLString(), curlInfo);
+        }
     }
     if (refusal) {
         // The half-made transfer is dropped; a failing one holds no easy handle.
@@ -383,14 +388,14 @@ void ZDURLConnection::cancel()
     p->detach();
 }
 
-bool ZDURLConnection::Private::attach()
+CURLMcode ZDURLConnection::Private::attach()
 {
     ZDCurlDriver *current = ZDCurlDriver::forCurrentThread();
-    if (!current->add(easy, q->weak_from_this()))
-        return false;
+    if (const CURLMcode result = current->add(easy, q->weak_from_this()); result != CURLM_OK)
+        return result;
     driver = current;
     inMulti = true;
-    return true;
+    return CURLM_OK;
 }
 
 void ZDURLConnection::Private::detach()

@@ -32,7 +32,10 @@ enum ZDURLError : qint32 {
     // A header field name or value holds a line break or a zero byte, which
     // would let it inject further header lines.
     ZDURLErrorInvalidHeaderField = 2,
-    // The transport could not be set up (out of memory or handles).
+    // The transport could not be set up (out of memory or handles), or curl
+    // refused a setting of the thread's transfer driver; every request of that
+    // thread then fails so, with curl's code and message under ZDCurlCodeKey
+    // and ZDCurlMessageKey, and a zd.net warning says it once.
     ZDURLErrorTransportUnavailable = 3,
     // A file that the body is read from could not be read to its end (it went
     // away or shrank after the body was built).

@@ -39,6 +39,19 @@ QString sizeText(qint32 size)
                                                       : L("SIZE_FORMAT_PARENS").arg(bytes);
 }
 
+// Each tag row's field says where it stands among the tags ("2 of 5"), also
+// while the list grows and shrinks: told to all of them after every change.
+void describeTagPlaces(const std::vector<std::unique_ptr<EditableTagCell>> &tags)
+{
+    for (size_t i = 0; i < tags.size(); ++i) {
+        if (QWidget *editor = tags[i]->editor()) {
+            editor->setAccessibleName(L("TAGS"));
+            editor->setAccessibleDescription(
+                L("LIST_POSITION_FORMAT").arg(qsizetype(i) + 1).arg(tags.size()));
+        }
+    }
+}
+
 constexpr qreal kRowHeight = 40.0;
 constexpr qreal kAccessRowHeight = 52.0;
 constexpr qreal kInitialDescriptionHeight = 120.0;
@@ -502,14 +515,8 @@ ZDTableViewCell *ZDPublishViewController::tableViewCellForRowAtIndexPath(ZDTable
         return m_optionCells[size_t(row)].get();
     }
     if (section == s.tags) {
-        // Each tag row says where it stands in the list of tags.
-        EditableTextCell *tag = m_tagCells[size_t(row)].get();
-        if (QWidget *editor = tag->editor()) {
-            editor->setAccessibleName(L("TAGS"));
-            editor->setAccessibleDescription(
-                L("LIST_POSITION_FORMAT").arg(row + 1).arg(m_tagCells.size()));
-        }
-        return tag;
+        describeTagPlaces(m_tagCells);
+        return m_tagCells[size_t(row)].get();
     }
     if (section == s.category)
         return m_categoryCell.get();
@@ -546,7 +553,19 @@ void ZDPublishViewController::prepareOptionCell(int row)
 
 QString ZDPublishViewController::tableViewTitleForFooterInSection(ZDTableView *, int section)
 {
-    return section == m_sectionIndices.account ? termsOfUseString() : QString();
+    if (section != m_sectionIndices.account)
+        return QString();
+    // The text is plain and takes no focus; the terms button after it is the
+    // keyboard's way to the terms, so it carries the text as its description.
+    const QString terms = termsOfUseString();
+    if (m_footerContainer)
+        m_footerContainer->termsButton()->setAccessibleDescription(terms);
+    return terms;
+}
+
+QString ZDPublishViewController::tableViewAccessibleListNameForSection(ZDTableView *, int section)
+{
+    return section == m_sectionIndices.tags ? L("TAGS") : QString();
 }
 
 qreal ZDPublishViewController::tableViewHeightForRowAtIndexPath(ZDTableView *,
@@ -671,6 +690,7 @@ void ZDPublishViewController::textCellTextChanged(EditableTextCell *cell, const 
             m_tableView->insertRowsAtIndexPaths({{tags, int(m_tagCells.size()) - 1}},
                                                 ZDTableView::RowAnimation::Top);
             m_tableView->endUpdates();
+            describeTagPlaces(m_tagCells);
         } else if (text.isEmpty() && blank >= 0) {
             // The emptied row stays; the other blank row goes. Its widget lives
             // until the row has slid away.
@@ -681,6 +701,7 @@ void ZDPublishViewController::textCellTextChanged(EditableTextCell *cell, const 
                                                 blank == 0 ? ZDTableView::RowAnimation::Bottom
                                                            : ZDTableView::RowAnimation::Top);
             m_tableView->endUpdates();
+            describeTagPlaces(m_tagCells);
             leaving->setDelegate(nullptr);
             QTimer::singleShot(int(ZDDevice::kRowAnimationDuration * 1000) + 100, leaving,
                                [leaving] { delete leaving; });

@@ -162,6 +162,8 @@ public:
     ZDTableViewCell *tableViewCellForRowAtIndexPath(ZDTableView *tableView,
                                                     ZDIndexPath indexPath) override;
     QString tableViewTitleForFooterInSection(ZDTableView *tableView, int section) override;
+    // The tag rows are one list, "Tags", for assistive technology.
+    QString tableViewAccessibleListNameForSection(ZDTableView *tableView, int section) override;
     qreal tableViewHeightForRowAtIndexPath(ZDTableView *tableView, ZDIndexPath indexPath) override;
     qreal tableViewHeightForHeaderInSection(ZDTableView *tableView, int section) override;
     QWidget *tableViewViewForHeaderInSection(ZDTableView *tableView, int section) override;

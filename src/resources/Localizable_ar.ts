@@ -120,6 +120,42 @@
         <translation>أدخل الرمز من تطبيق المصادقة.</translation>
     </message>
     <message>
+        <source>OAUTH2_FAILED_PASSWORD</source>
+        <translation>لم تقبل الخدمة اسم المستخدم وكلمة المرور هذين.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_SECOND_FACTOR</source>
+        <translation>لم تقبل الخدمة الرمز من تطبيق المصادقة.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_NO_SECOND_FACTOR</source>
+        <translation>توقف تسجيل الدخول لأنه لم يُدخَل أي رمز من تطبيق المصادقة.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_REFUSED</source>
+        <translation>رفضت الخدمة تسجيل الدخول.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_UNREACHABLE</source>
+        <translation>تعذّر الوصول إلى الخدمة أو لم تُجب. يرجى التحقق من الاتصال.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_TIMED_OUT</source>
+        <translation>لم يكتمل تسجيل الدخول الأخير في الوقت المحدد.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_CANCELLED</source>
+        <translation>أُلغي تسجيل الدخول الأخير.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_EXPIRED</source>
+        <translation>أنهت الخدمة تسجيل دخولك. يرجى تسجيل الدخول مرة أخرى.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_OTHER</source>
+        <translation>لم ينجح تسجيل الدخول الأخير.</translation>
+    </message>
+    <message>
         <source>OAUTH2_BROWSER_DONE</source>
         <translation>يمكنك العودة إلى التطبيق.</translation>
     </message>

@@ -120,6 +120,42 @@
         <translation>Geben Sie den Code aus Ihrer Authenticator-App ein.</translation>
     </message>
     <message>
+        <source>OAUTH2_FAILED_PASSWORD</source>
+        <translation>Der Dienst hat diesen Benutzernamen und dieses Passwort nicht akzeptiert.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_SECOND_FACTOR</source>
+        <translation>Der Dienst hat den Code aus Ihrer Authenticator-App nicht akzeptiert.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_NO_SECOND_FACTOR</source>
+        <translation>Die Anmeldung wurde beendet, weil kein Code aus Ihrer Authenticator-App eingegeben wurde.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_REFUSED</source>
+        <translation>Der Dienst hat die Anmeldung abgelehnt.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_UNREACHABLE</source>
+        <translation>Der Dienst war nicht erreichbar oder hat nicht geantwortet. Bitte prüfen Sie die Verbindung.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_TIMED_OUT</source>
+        <translation>Die letzte Anmeldung wurde nicht rechtzeitig abgeschlossen.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_CANCELLED</source>
+        <translation>Die letzte Anmeldung wurde abgebrochen.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_EXPIRED</source>
+        <translation>Der Dienst hat Ihre Anmeldung beendet. Bitte melden Sie sich erneut an.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_OTHER</source>
+        <translation>Die letzte Anmeldung ist nicht gelungen.</translation>
+    </message>
+    <message>
         <source>OAUTH2_BROWSER_DONE</source>
         <translation>Sie können zur Anwendung zurückkehren.</translation>
     </message>

@@ -120,6 +120,42 @@
         <translation>Enter the code from your authenticator app.</translation>
     </message>
     <message>
+        <source>OAUTH2_FAILED_PASSWORD</source>
+        <translation>The service did not accept this user name and password.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_SECOND_FACTOR</source>
+        <translation>The service did not accept the code from your authenticator app.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_NO_SECOND_FACTOR</source>
+        <translation>The sign-in stopped because no code from your authenticator app was entered.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_REFUSED</source>
+        <translation>The service refused the sign-in.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_UNREACHABLE</source>
+        <translation>The service could not be reached or did not answer. Please check the connection.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_TIMED_OUT</source>
+        <translation>The last sign-in was not completed in time.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_CANCELLED</source>
+        <translation>The last sign-in was cancelled.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_EXPIRED</source>
+        <translation>The service ended your sign-in. Please sign in again.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_OTHER</source>
+        <translation>The last sign-in did not succeed.</translation>
+    </message>
+    <message>
         <source>OAUTH2_BROWSER_DONE</source>
         <translation>You can return to the application.</translation>
     </message>

@@ -120,6 +120,42 @@
         <translation>Saisissez le code de votre application d’authentification.</translation>
     </message>
     <message>
+        <source>OAUTH2_FAILED_PASSWORD</source>
+        <translation>Le service n’a pas accepté ce nom d’utilisateur et ce mot de passe.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_SECOND_FACTOR</source>
+        <translation>Le service n’a pas accepté le code de votre application d’authentification.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_NO_SECOND_FACTOR</source>
+        <translation>La connexion s’est arrêtée, car aucun code de votre application d’authentification n’a été saisi.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_REFUSED</source>
+        <translation>Le service a refusé la connexion.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_UNREACHABLE</source>
+        <translation>Le service est injoignable ou n’a pas répondu. Veuillez vérifier la connexion.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_TIMED_OUT</source>
+        <translation>La dernière connexion n’a pas été terminée à temps.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_CANCELLED</source>
+        <translation>La dernière connexion a été annulée.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_EXPIRED</source>
+        <translation>Le service a mis fin à votre connexion. Veuillez vous reconnecter.</translation>
+    </message>
+    <message>
+        <source>OAUTH2_FAILED_OTHER</source>
+        <translation>La dernière connexion n’a pas abouti.</translation>
+    </message>
+    <message>
         <source>OAUTH2_BROWSER_DONE</source>
         <translation>Vous pouvez revenir à l’application.</translation>
     </message>

@@ -6,6 +6,7 @@
 #include "toolkit/ZDTableViewCell.h"
 
 #include <QAccessibleWidget>
+#include <QHash>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPlainTextEdit>
@@ -38,7 +39,31 @@ bool hasEditor(const QWidget *cell)
     return false;
 }
 
-// A row: a text field's frame when it holds an editor, a radio-like choice in a
+// The interface of the widget at `index` in `widgets`; null outside the list.
+template <typename Widget>
+QAccessibleInterface *interfaceAt(const QList<Widget *> &widgets, int index)
+{
+    return index >= 0 && index < widgets.size()
+               ? QAccessible::queryAccessibleInterface(widgets[index])
+               : nullptr;
+}
+
+QAccessibleInterface *sectionListOf(ZDTableView *table, int section);
+
+// The section of a row that is one item of a list section.
+std::optional<int> listSectionOf(const ZDTableViewCell *cell, ZDTableView **tableOut = nullptr)
+{
+    ZDTableView *table = tableOf(cell);
+    const auto indexPath = table ? table->indexPathForCell(cell) : std::nullopt;
+    if (!indexPath || table->accessibleListNameForSection(indexPath->section).isEmpty())
+        return std::nullopt;
+    if (tableOut)
+        *tableOut = table;
+    return indexPath->section;
+}
+
+// A row: an item of its section's list when the section is one, a text field's
+// frame when it holds an editor, a radio-like choice in a
 // section whose rows carry checkmarks, a value row (combo) when it has a detail
 // label, a button otherwise. Its labels fold into its name and value; only the
 // editors stay children of their own.
@@ -54,6 +79,8 @@ public:
         const QVariant chosen = cell()->property(zdaccessible::kRoleProperty);
         if (chosen.isValid())
             return QAccessible::Role(chosen.toInt());
+        if (listSectionOf(cell()))
+            return QAccessible::ListItem;
         if (hasEditor(cell()))
             return QAccessible::Grouping;
         if (isChoice())
@@ -71,6 +98,12 @@ public:
                 return cell()->accessibleName();
             const QString label = cell()->textLabel()->text().trimmed();
             const QString value = valueText();
+            // An item that is a text field is called by its text, or by what
+            // its empty field asks for.
+            if (label.isEmpty() && value.isEmpty() && role() == QAccessible::ListItem) {
+                if (const auto *line = firstLineEdit())
+                    return line->text().isEmpty() ? line->placeholderText() : line->text();
+            }
             // A combo says its value on its own; other roles say it with the name.
             if (role() == QAccessible::ComboBox || value.isEmpty())
                 return label;
@@ -99,14 +132,19 @@ public:
         return s;
     }
 
-    int childCount() const override { return int(editors().size()); }
-    QAccessibleInterface *child(int index) const override
+    // An item of a list section is a child of its list.
+    QAccessibleInterface *parent() const override
     {
-        const QList<QWidget *> list = editors();
-        return index >= 0 && index < list.size()
-                   ? QAccessible::queryAccessibleInterface(list[index])
-                   : nullptr;
+        ZDTableView *table = nullptr;
+        if (const auto section = listSectionOf(cell(), &table)) {
+            if (QAccessibleInterface *list = sectionListOf(table, *section))
+                return list;
+        }
+        return QAccessibleWidget::parent();
     }
+
+    int childCount() const override { return int(editors().size()); }
+    QAccessibleInterface *child(int index) const override { return interfaceAt(editors(), index); }
     int indexOfChild(const QAccessibleInterface *child) const override
     {
         return child ? int(editors().indexOf(child->object())) : -1;
@@ -159,6 +197,15 @@ private:
         return false;
     }
 
+    const QLineEdit *firstLineEdit() const
+    {
+        for (const QWidget *editor : editors()) {
+            if (const auto *line = qobject_cast<const QLineEdit *>(editor))
+                return line;
+        }
+        return nullptr;
+    }
+
     QList<QWidget *> editors() const
     {
         QList<QWidget *> list;
@@ -169,6 +216,181 @@ private:
         return list;
     }
 };
+
+// A part of a table's content that has no widget of its own: a section's list
+// of rows, or a section's footer text.
+class AccessibleSectionPart : public QAccessibleInterface
+{
+public:
+    enum class Kind { List, FooterText };
+
+    AccessibleSectionPart(ZDTableView *table, Kind kind, int section)
+        : m_table(table), m_kind(kind), m_section(section)
+    {}
+
+    bool isValid() const override
+    {
+        if (!m_table || m_section >= m_table->numberOfSections())
+            return false;
+        return m_kind == Kind::List ? !m_table->accessibleListNameForSection(m_section).isEmpty()
+                                    : !m_table->footerTitleForSection(m_section).isEmpty();
+    }
+    QObject *object() const override { return nullptr; }
+    QWindow *window() const override { return parent() ? parent()->window() : nullptr; }
+    QAccessibleInterface *parent() const override
+    {
+        return m_table ? QAccessible::queryAccessibleInterface(m_table->contentWidget()) : nullptr;
+    }
+
+    int childCount() const override { return int(rows().size()); }
+    QAccessibleInterface *child(int index) const override { return interfaceAt(rows(), index); }
+    int indexOfChild(const QAccessibleInterface *child) const override
+    {
+        if (!child)
+            return -1;
+        return int(rows().indexOf(qobject_cast<ZDTableViewCell *>(child->object())));
+    }
+    QAccessibleInterface *childAt(int x, int y) const override
+    {
+        for (int i = 0; i < childCount(); ++i) {
+            QAccessibleInterface *row = child(i);
+            if (row && row->rect().contains(x, y))
+                return row;
+        }
+        return nullptr;
+    }
+
+    QString text(QAccessible::Text t) const override
+    {
+        if (t != QAccessible::Name || !isValid())
+            return QString();
+        return m_kind == Kind::List ? m_table->accessibleListNameForSection(m_section)
+                                    : m_table->footerTitleForSection(m_section);
+    }
+    void setText(QAccessible::Text, const QString &) override {}
+    QRect rect() const override
+    {
+        if (!isValid())
+            return QRect();
+        QRect area;
+        if (m_kind == Kind::FooterText) {
+            area = m_table->rectForFooterInSection(m_section);
+        } else {
+            for (int r = 0; r < m_table->numberOfRowsInSection(m_section); ++r)
+                area |= m_table->rectForRowAtIndexPath({m_section, r});
+        }
+        const QWidget *content = m_table->contentWidget();
+        return QRect(content->mapToGlobal(area.topLeft()), area.size());
+    }
+    QAccessible::Role role() const override
+    {
+        return m_kind == Kind::List ? QAccessible::List : QAccessible::StaticText;
+    }
+    QAccessible::State state() const override
+    {
+        QAccessible::State s;
+        if (!m_table || !m_table->contentWidget()->isVisible())
+            s.invisible = true;
+        if (m_kind == Kind::FooterText)
+            s.readOnly = true;
+        return s;
+    }
+
+private:
+    QList<ZDTableViewCell *> rows() const
+    {
+        QList<ZDTableViewCell *> list;
+        if (m_kind != Kind::List || !isValid())
+            return list;
+        for (int r = 0; r < m_table->numberOfRowsInSection(m_section); ++r) {
+            if (ZDTableViewCell *cell = m_table->cellForRowAtIndexPath({m_section, r}))
+                list << cell;
+        }
+        return list;
+    }
+
+    QPointer<ZDTableView> m_table;
+    Kind m_kind;
+    int m_section;
+};
+
+// The widget that carries a table's rows, presented in reading order: per
+// section its header view, its rows or its list, and its footer text; then the
+// table footer view. Rows on their way out (an animated deletion) are left out.
+class AccessibleTableContent : public QAccessibleWidget
+{
+public:
+    AccessibleTableContent(QWidget *content, ZDTableView *table)
+        : QAccessibleWidget(content, QAccessible::Pane), m_table(table)
+    {}
+    ~AccessibleTableContent() override
+    {
+        for (QAccessible::Id id : std::as_const(m_parts))
+            QAccessible::deleteAccessibleInterface(id);
+    }
+
+    QAccessibleInterface *part(AccessibleSectionPart::Kind kind, int section) const
+    {
+        const qint64 key = qint64(section) * 2 + (kind == AccessibleSectionPart::Kind::List);
+        auto it = m_parts.constFind(key);
+        if (it == m_parts.cend()) {
+            auto *made = new AccessibleSectionPart(m_table, kind, section);
+            it = m_parts.insert(key, QAccessible::registerAccessibleInterface(made));
+        }
+        return QAccessible::accessibleInterface(*it);
+    }
+
+    int childCount() const override { return int(children().size()); }
+    QAccessibleInterface *child(int index) const override
+    {
+        const QList<QAccessibleInterface *> list = children();
+        return index >= 0 && index < list.size() ? list[index] : nullptr;
+    }
+    int indexOfChild(const QAccessibleInterface *child) const override
+    {
+        return int(children().indexOf(const_cast<QAccessibleInterface *>(child)));
+    }
+
+private:
+    QList<QAccessibleInterface *> children() const
+    {
+        QList<QAccessibleInterface *> list;
+        if (!m_table)
+            return list;
+        const auto add = [&list](QObject *object) {
+            if (QAccessibleInterface *iface = QAccessible::queryAccessibleInterface(object))
+                list << iface;
+        };
+        for (int s = 0; s < m_table->numberOfSections(); ++s) {
+            if (QWidget *header = m_table->headerViewForSection(s))
+                add(header);
+            if (!m_table->accessibleListNameForSection(s).isEmpty()) {
+                list << part(AccessibleSectionPart::Kind::List, s);
+            } else {
+                for (int r = 0; r < m_table->numberOfRowsInSection(s); ++r) {
+                    if (ZDTableViewCell *cell = m_table->cellForRowAtIndexPath({s, r}))
+                        add(cell);
+                }
+            }
+            if (!m_table->footerTitleForSection(s).isEmpty())
+                list << part(AccessibleSectionPart::Kind::FooterText, s);
+        }
+        QWidget *footer = m_table->tableFooterView();
+        if (footer && footer->parentWidget() == object())
+            add(footer);
+        return list;
+    }
+
+    QPointer<ZDTableView> m_table;
+    mutable QHash<qint64, QAccessible::Id> m_parts;
+};
+
+QAccessibleInterface *sectionListOf(ZDTableView *table, int section)
+{
+    auto *content = dynamic_cast<AccessibleTableContent *>(
+        QAccessible::queryAccessibleInterface(table->contentWidget()));
+    return content ? content->part(AccessibleSectionPart::Kind::List, section) : nullptr;
+}
 
 // One row of a wheel, for a screen reader that lists a combo's choices.
 class AccessibleChoice : public QAccessibleInterface
@@ -303,6 +525,13 @@ public:
 
 QAccessibleInterface *factory(const QString &, QObject *object)
 {
+    if (auto *widget = qobject_cast<QWidget *>(object)) {
+        // A table's content widget sits in the table's viewport.
+        QWidget *viewport = widget->parentWidget();
+        auto *table = viewport ? qobject_cast<ZDTableView *>(viewport->parentWidget()) : nullptr;
+        if (table && table->contentWidget() == widget)
+            return new AccessibleTableContent(widget, table);
+    }
     if (auto *cell = qobject_cast<ZDTableViewCell *>(object))
         return new AccessibleRow(cell);
     if (auto *wheel = qobject_cast<ZDPickerView *>(object))

@@ -59,6 +59,11 @@ QString ZDTableViewDataSource::tableViewTitleForFooterInSection(ZDTableView *, i
     return QString();
 }
 
+QString ZDTableViewDataSource::tableViewAccessibleListNameForSection(ZDTableView *, int)
+{
+    return QString();
+}
+
 qreal ZDTableViewDelegate::tableViewHeightForRowAtIndexPath(ZDTableView *, ZDIndexPath)
 {
     return 44.0;
@@ -150,6 +155,8 @@ protected:
 
 ZDTableView::ZDTableView(QWidget *parent) : QScrollArea(parent)
 {
+    // Before the content exists, so that its accessible interface is ours.
+    zdaccessible::install();
     m_content = new Content(this);
     setWidget(m_content);
     setWidgetResizable(false);
@@ -157,7 +164,6 @@ ZDTableView::ZDTableView(QWidget *parent) : QScrollArea(parent)
     setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     // The rows are the stops, not the table around them.
     setFocusPolicy(Qt::NoFocus);
-    zdaccessible::install();
     m_content->installEventFilter(this);
     viewport()->installEventFilter(this);
     connect(verticalScrollBar(), &QScrollBar::sliderPressed, this, &ZDTableView::willBeginDragging);
@@ -232,6 +238,7 @@ void ZDTableView::reloadData()
     for (int s = 0; s < sections; ++s) {
         Section section;
         section.footer = source->tableViewTitleForFooterInSection(this, s);
+        section.listName = source->tableViewAccessibleListNameForSection(this, s);
         const int rows = source->tableViewNumberOfRowsInSection(this, s);
         for (int r = 0; r < rows; ++r)
             section.rows.append(makeRow({s, r}));
@@ -280,6 +287,16 @@ QWidget *ZDTableView::headerViewForSection(int section) const
 QString ZDTableView::footerTitleForSection(int section) const
 {
     return section >= 0 && section < m_sections.size() ? m_sections[section].footer : QString();
+}
+
+QRect ZDTableView::rectForFooterInSection(int section) const
+{
+    return section >= 0 && section < m_sections.size() ? m_sections[section].footerFrame : QRect();
+}
+
+QString ZDTableView::accessibleListNameForSection(int section) const
+{
+    return section >= 0 && section < m_sections.size() ? m_sections[section].listName : QString();
 }
 
 void ZDTableView::place(ZDTableViewCell *cell)

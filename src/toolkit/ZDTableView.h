@@ -30,8 +30,16 @@ public:
     // The cell of a row; null leaves the row empty.
     virtual ZDTableViewCell *tableViewCellForRowAtIndexPath(ZDTableView *tableView,
                                                             ZDIndexPath indexPath) = 0;
-    // The grey text under a section's group; empty for none.
+    // The grey text under a section's group; empty for none. It is plain text
+    // (no link can be followed in it) and assistive technology reads it as
+    // static text after the section's rows.
     virtual QString tableViewTitleForFooterInSection(ZDTableView *tableView, int section);
+    // The name of a section whose rows are the items of one list (tags, say),
+    // for assistive technology: the section is then presented as a list of that
+    // name holding its rows as list items, so that a screen reader says where a
+    // row stands ("2 of 5"). Empty, the default: the rows stand on their own.
+    // Asked with the other section answers, on reloadData().
+    virtual QString tableViewAccessibleListNameForSection(ZDTableView *tableView, int section);
 };
 
 // Answers how a table looks and hears what the user does with it.
@@ -62,6 +70,12 @@ public:
 // what a tap does (activateRowAtIndexPath()). The focused row wears a ring in
 // the palette's highlight colour. A click never moves the focus to a row, so a
 // tap leaves the keyboard focus where the delegate puts it.
+//
+// Assistive technology: the content widget presents, in reading order, each
+// section's header view, its rows (each row a button, a choice, a combo or a
+// text field's frame, as its contents say; or all of them as the items of one
+// list, see tableViewAccessibleListNameForSection()) and its footer text as
+// static text, then the table footer view.
 //
 // Callback contract: the delegate hears tableViewDidSelectRowAtIndexPath() when
 // the user presses and releases on the same row that takes touches, or
@@ -94,6 +108,10 @@ public:
     QRect rectForRowAtIndexPath(ZDIndexPath indexPath) const;
     QWidget *headerViewForSection(int section) const;
     QString footerTitleForSection(int section) const;
+    // The footer text's frame in content coordinates; empty without a text.
+    QRect rectForFooterInSection(int section) const;
+    // The data source's list name of the section (empty when it is no list).
+    QString accessibleListNameForSection(int section) const;
 
     std::optional<ZDIndexPath> indexPathForSelectedRow() const { return m_selected; }
     // Selects a row without telling the delegate.
@@ -144,6 +162,7 @@ private:
         QPointer<QWidget> header;
         qreal headerHeight = 0;
         QString footer;
+        QString listName;
         QList<Row> rows;
         QRect groupFrame;
         QRect footerFrame;

@@ -94,6 +94,25 @@ def main():
             if not {"User name", "Password", "Title", "Description"} <= {r[2] for r in fields}:
                 print("atspi_walk: the sign-in fields have no names")
                 return 1
+            # The tag rows are the items of one list, so that each says its
+            # place ("1 of 1"); the terms text under the account row is read.
+            tags = [i for i, r in enumerate(rows) if r[1] == "list" and r[2] == "Tags"]
+            if not tags:
+                print("atspi_walk: the tag rows are not a list named Tags")
+                return 1
+            depth = rows[tags[0]][0]
+            items = []
+            for r in rows[tags[0] + 1:]:
+                if r[0] <= depth:
+                    break
+                if r[0] == depth + 1:
+                    items.append(r)
+            if not items or any(r[1] != "list item" for r in items):
+                print("atspi_walk: the Tags list holds no list items: %s" % items)
+                return 1
+            if not any(r[1] in ("label", "static") and "terms of use" in r[2] for r in rows):
+                print("atspi_walk: the terms text is not on the bus")
+                return 1
             print("atspi_walk: ok")
             return 0
         finally:

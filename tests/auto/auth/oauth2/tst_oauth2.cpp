@@ -9,9 +9,11 @@
 #include "auth/ZDCredentialStore.h"
 #include "auth/ZDOAuth2Authenticator.h"
 #include "core/ZDNotificationCenter.h"
+#include "resources/ZDLocalizedString.h"
 #include "toolkit/ZDAlertView.h"
 #include "toolkit/ZDDevice.h"
 
+#include <QAccessible>
 #include <QApplication>
 #include <QDirIterator>
 #include <QJsonDocument>
@@ -217,6 +219,7 @@ private Q_SLOTS:
 
     void passwordSignInAsksForTheSecondFactorWhenTheServiceWantsIt_data();
     void passwordSignInAsksForTheSecondFactorWhenTheServiceWantsIt();
+    void anUnreachableServiceIsNotCalledAWrongPassword();
     void aRequestRefusedWith401IsRenewedAndRepeatedOnce();
     void credentialStoreWithoutKeyringKeepsValuesInMemory();
 
@@ -463,6 +466,7 @@ void tst_oauth2::aRefusedRefreshSignsOutWithTheBasesNotificationsInOrder()
     QCOMPARE(answer.error->userInfo().value(ZDOAuth2ErrorCodeKey).toString(), u"invalid_grant"_s);
     QCOMPARE(log.entries, (QStringList{u"state:0"_s, u"failure"_s}));
     QCOMPARE(stale.authenticatorState(), ZDAuthenticatorStateSignedOut);
+    QCOMPARE(stale.lastFailureSentence(), ZDLocalizedString(u"OAUTH2_FAILED_EXPIRED"_s));
     QVERIFY(!staleStore->load(u"oauth2"_s));
     // Asking again while signed out is answered at once, never left hanging.
     QVERIFY(ask(stale, ZDCredentialSource::Reason::BeforeRequest).error);
@@ -691,17 +695,19 @@ void tst_oauth2::passwordSignInAsksForTheSecondFactorWhenTheServiceWantsIt_data(
     QTest::addColumn<QString>("password");
     QTest::addColumn<QString>("factor"); // typed when asked; empty: cancel the dialog
     QTest::addColumn<QStringList>("notifications");
+    // The sentence the dialog shown again names the failure with; empty: none.
+    QTest::addColumn<QString>("failureKey");
+    const QStringList signedIn{u"state:1"_s, u"state:2"_s};
+    const QStringList failed{u"state:1"_s, u"state:0"_s, u"failure"_s};
     QTest::newRow("no factor needed")
-        << u"alice"_s << u"pw"_s << QString() << QStringList{u"state:1"_s, u"state:2"_s};
-    QTest::newRow("factor given") << u"carol"_s << u"pw"_s << u"123456"_s
-                                  << QStringList{u"state:1"_s, u"state:2"_s};
-    QTest::newRow("wrong factor") << u"carol"_s << u"pw"_s << u"000000"_s
-                                  << QStringList{u"state:1"_s, u"state:0"_s, u"failure"_s};
+        << u"alice"_s << u"pw"_s << QString() << signedIn << QString();
+    QTest::newRow("factor given") << u"carol"_s << u"pw"_s << u"123456"_s << signedIn << QString();
+    QTest::newRow("wrong factor") << u"carol"_s << u"pw"_s << u"000000"_s << failed
+                                  << u"OAUTH2_FAILED_SECOND_FACTOR"_s;
     QTest::newRow("factor dialog cancelled")
-        << u"carol"_s << u"pw"_s << QString()
-        << QStringList{u"state:1"_s, u"state:0"_s, u"failure"_s};
-    QTest::newRow("wrong password") << u"alice"_s << u"nope"_s << QString()
-                                    << QStringList{u"state:1"_s, u"state:0"_s, u"failure"_s};
+        << u"carol"_s << u"pw"_s << QString() << failed << u"OAUTH2_FAILED_NO_SECOND_FACTOR"_s;
+    QTest::newRow("wrong password")
+        << u"alice"_s << u"nope"_s << QString() << failed << u"OAUTH2_FAILED_PASSWORD"_s;
 }
 
 void tst_oauth2::passwordSignInAsksForTheSecondFactorWhenTheServiceWantsIt()
@@ -710,6 +716,7 @@ void tst_oauth2::passwordSignInAsksForTheSecondFactorWhenTheServiceWantsIt()
     QFETCH(QString, password);
     QFETCH(QString, factor);
     QFETCH(QStringList, notifications);
+    QFETCH(QString, failureKey);
     auto store = std::make_shared<ZDMemoryCredentialStore>();
     ZDOAuth2Authenticator authenticator(passwordConfiguration(*passwordServer()),
                                         ZDOAuth2Authenticator::Flow::Password, store);
@@ -747,9 +754,59 @@ void tst_oauth2::passwordSignInAsksForTheSecondFactorWhenTheServiceWantsIt()
         QCOMPARE(authenticator.account(), user);
     else
         m_errorTexts << authenticator.lastError().localizedDescription();
+
+    // The dialog the form shows next says why the last try failed, first, and
+    // a screen reader hears it with the dialog.
+    const QString sentence = failureKey.isEmpty() ? QString() : ZDLocalizedString(failureKey);
+    QVERIFY(failureKey.isEmpty() || !sentence.isEmpty());
+    QCOMPARE(authenticator.lastFailureSentence(), sentence);
+    std::unique_ptr<ZDAlertView> again(
+        authenticator.authenticationDialogWithTargetAction(nullptr, {}));
+    const QString instructions = ZDLocalizedString(u"OAUTH2_PASSWORD_SIGN_IN_MESSAGE"_s);
+    QCOMPARE(again->message(), sentence.isEmpty() ? instructions : sentence + u'\n' + instructions);
+    QAccessibleInterface *spoken = QAccessible::queryAccessibleInterface(again.get());
+    QVERIFY(spoken);
+    QCOMPARE(spoken->role(), QAccessible::Dialog);
+    QCOMPARE(spoken->text(QAccessible::Description), again->message());
+    if (const QString shots = qEnvironmentVariable("ZD_SCREENSHOT_DIR");
+        !shots.isEmpty() && !sentence.isEmpty()) {
+        QPointer<ZDAlertView> shown = again.release(); // shown alerts delete themselves
+        shown->show(&window);
+        QTest::qWait(800); // the alert's fade-in
+        const QString name = QString::fromLatin1(QTest::currentDataTag()).replace(u' ', u'-');
+        QVERIFY(window.grab().save(shots + u"/oauth2-sign-in-again-"_s + name + u".png"_s));
+        shown->dismissWithClickedButtonIndex(shown->cancelButtonIndex(), false);
+        QTRY_VERIFY(!shown);
+    }
+    if (!sentence.isEmpty()) {
+        // A new attempt starts without the old failure.
+        authenticator.authenticateWithUsernamePassword(u"alice"_s, u"pw"_s);
+        QVERIFY(authenticator.lastFailureSentence().isEmpty());
+        QTRY_COMPARE_WITH_TIMEOUT(authenticator.authenticatorState(), ZDAuthenticatorStateSignedIn,
+                                  30000);
+        QVERIFY(authenticator.lastFailureSentence().isEmpty());
+    }
     remember(*store);
     m_secrets << password;
     ZDAlertView::setDefaultWindow(nullptr);
+}
+
+void tst_oauth2::anUnreachableServiceIsNotCalledAWrongPassword()
+{
+    QTcpServer closed;
+    QVERIFY(closed.listen(QHostAddress::LocalHost, 0));
+    ZDOAuth2Configuration configuration;
+    configuration.tokenEndpoint = QUrl(u"http://127.0.0.1:%1/token"_s.arg(closed.serverPort()));
+    configuration.clientId = u"zd-password"_s;
+    configuration.serviceName = u"Password Service"_s;
+    closed.close();
+    ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow::Password,
+                                        nullptr);
+    authenticator.authenticateWithUsernamePassword(u"alice"_s, u"pw"_s);
+    QTRY_COMPARE_WITH_TIMEOUT(authenticator.authenticatorState(), ZDAuthenticatorStateSignedOut,
+                              30000);
+    QCOMPARE(authenticator.lastFailureSentence(),
+             ZDLocalizedString(u"OAUTH2_FAILED_UNREACHABLE"_s));
 }
 
 void tst_oauth2::aRequestRefusedWith401IsRenewedAndRepeatedOnce()

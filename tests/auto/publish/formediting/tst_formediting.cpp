@@ -6,6 +6,7 @@
 #include "toolkit/ZDDevice.h"
 #include "toolkit/ZDKeyboard.h"
 
+#include <QAccessible>
 #include <QApplication>
 #include <QLabel>
 #include <QLineEdit>
@@ -50,6 +51,7 @@ private Q_SLOTS:
     void typingIntoTheBlankTagRowAddsOneBlankRowBelow();
     void emptyingATagRowTakesAwayAnotherBlankRow();
     void tagsKeepRowOrderRepeatsAndInnerBlanks();
+    void tagRowsAreOneListThatSaysEachRowsPlace();
     void returnInTheTitleMovesToTheDescription();
     void endOfTagCharacterJumpsToTheBlankRow();
     void descriptionRowGrowsPastItsDeadBand();
@@ -125,6 +127,66 @@ void tst_FormEditing::tagsKeepRowOrderRepeatsAndInnerBlanks()
     }
     QCOMPARE(sheet.form->videoTags(), typed);
     QCOMPARE(sheet.form->tagCount(), size_t(4));
+}
+
+void tst_FormEditing::tagRowsAreOneListThatSaysEachRowsPlace()
+{
+    SignedInSheet sheet;
+    QAccessibleInterface *content =
+        QAccessible::queryAccessibleInterface(sheet.table()->contentWidget());
+    QVERIFY(content);
+    const auto tagList = [&]() -> QAccessibleInterface * {
+        for (int i = 0; i < content->childCount(); ++i) {
+            if (content->child(i)->role() == QAccessible::List)
+                return content->child(i);
+        }
+        return nullptr;
+    };
+    // What a screen reader reads for the tag row at `row`: its editor's item,
+    // that item's list, and its place there; every link must hold both ways.
+    const auto checkPlaces = [&](const QStringList &names) {
+        QAccessibleInterface *list = tagList();
+        QVERIFY(list);
+        QCOMPARE(list->text(QAccessible::Name), L("TAGS"));
+        QCOMPARE(list->parent(), content);
+        QVERIFY(content->indexOfChild(list) >= 0);
+        QCOMPARE(list->childCount(), int(names.size()));
+        for (int row = 0; row < names.size(); ++row) {
+            QAccessibleInterface *editor =
+                QAccessible::queryAccessibleInterface(sheet.form->tagCell(size_t(row))->editor());
+            QAccessibleInterface *item = editor->parent();
+            QCOMPARE(item->role(), QAccessible::ListItem);
+            QCOMPARE(item->text(QAccessible::Name), names[row]);
+            QCOMPARE(item->parent(), list);
+            QCOMPARE(list->indexOfChild(item), row);
+            QCOMPARE(list->child(row), item);
+            QVERIFY(item->rect().intersects(list->rect()));
+            QCOMPARE(editor->text(QAccessible::Description),
+                     L("LIST_POSITION_FORMAT").arg(row + 1).arg(names.size()));
+        }
+    };
+
+    checkPlaces({L("TAGS")});
+    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"sea"_s);
+    sheet.form->tagCell(1)->becomeFirstResponder();
+    QTest::keyClicks(sheet.form->tagCell(1)->editor(), u"sky"_s);
+    checkPlaces({u"sea"_s, u"sky"_s, L("NEW_TAG")});
+    emptyRow(sheet.form->tagCell(0));
+    checkPlaces({L("TAGS"), u"sky"_s});
+
+    // The other rows stay where they were: the title is no list item.
+    QAccessibleInterface *title =
+        QAccessible::queryAccessibleInterface(sheet.form->titleCell()->editor())->parent();
+    QCOMPARE(title->role(), QAccessible::Grouping);
+    QCOMPARE(title->parent(), content);
+    // The content's children are its own, in reading order: the list after the
+    // title row, each child pointing back to the content.
+    for (int i = 0; i < content->childCount(); ++i) {
+        QCOMPARE(content->child(i)->parent(), content);
+        QCOMPARE(content->indexOfChild(content->child(i)), i);
+    }
+    QVERIFY(content->indexOfChild(title) < content->indexOfChild(tagList()));
+    QTest::qWait(500); // the removed row's widget goes after its animation
 }
 
 void tst_FormEditing::returnInTheTitleMovesToTheDescription()

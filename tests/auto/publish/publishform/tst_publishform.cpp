@@ -11,6 +11,7 @@
 #include "toolkit/ZDKeyboard.h"
 #include "toolkit/ZDNavigationController.h"
 
+#include <QAccessible>
 #include <QApplication>
 #include <QDir>
 #include <QLabel>
@@ -46,6 +47,7 @@ private Q_SLOTS:
     void keyboardOnAPhoneMakesRoomUnlessThePickerHoldsIt();
     void alertsOutliveTheirFormAndObserversGoWithIt();
     void termsButtonOpensTheServiceTerms();
+    void termsTextIsReadBetweenTheAccountRowAndTheTermsButton();
     void abstractOperationsStopTheProgram();
     void screenshotsOfPhoneAndTablet();
 };
@@ -454,6 +456,49 @@ void tst_PublishForm::termsButtonOpensTheServiceTerms()
     QTest::mouseClick(footer->termsButton(), Qt::LeftButton);
     QCOMPARE(opened, QList<QUrl>{QUrl(u"https://video.example/terms"_s)});
     ZDDevice::setURLOpener({});
+}
+
+void tst_PublishForm::termsTextIsReadBetweenTheAccountRowAndTheTermsButton()
+{
+    SignedInSheet sheet;
+    const QString terms = sheet.form->termsOfUseString();
+    QAccessibleInterface *content =
+        QAccessible::queryAccessibleInterface(sheet.table()->contentWidget());
+    QVERIFY(content);
+    int textAt = -1;
+    for (int i = 0; i < content->childCount(); ++i) {
+        if (content->child(i)->role() == QAccessible::StaticText)
+            textAt = i;
+    }
+    QVERIFY(textAt >= 0);
+    QAccessibleInterface *text = content->child(textAt);
+    QCOMPARE(text->text(QAccessible::Name), terms);
+    QCOMPARE(text->parent(), content);
+    QCOMPARE(content->indexOfChild(text), textAt);
+    // Where it is painted, so that a reader that follows the screen finds it.
+    const QRect painted =
+        sheet.table()->rectForFooterInSection(int(sheet.form->sectionIndices().account));
+    QCOMPARE(text->rect(),
+             QRect(sheet.table()->contentWidget()->mapToGlobal(painted.topLeft()), painted.size()));
+
+    // Read in order: the account row, the terms text, the terms button.
+    auto *footer = qobject_cast<ZDFooterContainerView *>(sheet.table()->tableFooterView());
+    QAccessibleInterface *account = QAccessible::queryAccessibleInterface(
+        sheet.table()->cellForRowAtIndexPath({int(sheet.form->sectionIndices().account), 0}));
+    QAccessibleInterface *footerView = QAccessible::queryAccessibleInterface(footer);
+    QCOMPARE(content->indexOfChild(account), textAt - 1);
+    QCOMPARE(content->indexOfChild(footerView), textAt + 1);
+
+    // The text takes no focus; the button Tab reaches after the account row
+    // carries it, so a keyboard user hears it on the way to the terms.
+    QAccessibleInterface *button = QAccessible::queryAccessibleInterface(footer->termsButton());
+    QCOMPARE(button->text(QAccessible::Description), terms);
+    QVERIFY(!text->state().focusable);
+    ZDTableViewCell *accountCell =
+        sheet.table()->cellForRowAtIndexPath({int(sheet.form->sectionIndices().account), 0});
+    accountCell->setFocus(Qt::TabFocusReason);
+    QTest::keyClick(accountCell, Qt::Key_Tab);
+    QCOMPARE(QApplication::focusWidget(), footer->termsButton());
 }
 
 void tst_PublishForm::abstractOperationsStopTheProgram()

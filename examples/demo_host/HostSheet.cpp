@@ -299,9 +299,14 @@ void HostSheet::phase(const ZDPublishProgress &progress)
 {
     const ZDPublishPhase previous = std::exchange(m_phase, progress.phase);
     if (progress.phase == ZDPublishPhase::WaitingToRetry) {
+        // "in 2 s", "now" (the first try after a cut goes at once), or when
+        // the system says the network is back.
+        const QString when = progress.retryInMsecs < 0 ? u"when the network is back"_s
+                             : progress.retryInMsecs < 500
+                                 ? u"now"_s
+                                 : u"in %1 s"_s.arg(qRound(progress.retryInMsecs / 1000.0));
         if (m_lostLineOpen) {
-            std::printf(" no answer, retrying in %.0f s ...",
-                        double(progress.retryInMsecs) / 1000.0);
+            std::printf(" no answer, retrying %s ...", qPrintable(when));
         } else {
             // Where sending had got to when the connection went: what went
             // out, of which the service may have kept only a part (the
@@ -309,9 +314,9 @@ void HostSheet::phase(const ZDPublishProgress &progress)
             const qint64 lostAt = std::max(m_furthestWritten, progress.written);
             const QString where = lostAt > 0 ? u"at %1"_s.arg(sizeText(lostAt))
                                              : u"before any bytes were confirmed"_s;
-            std::printf("%sconnection lost %s, retrying in %.0f s ...",
+            std::printf("%sconnection lost %s, retrying %s ...",
                         m_onTerminal && m_printedPercent >= 0 ? "\n" : "", qPrintable(where),
-                        double(progress.retryInMsecs) / 1000.0);
+                        qPrintable(when));
             m_lostLineOpen = true;
         }
         std::fflush(stdout);

@@ -296,7 +296,7 @@ private Q_SLOTS:
                                      u"--category"_s, QString(), u"--tags"_s, QString()});
         QVERIFY2(run.exitCode == kPublished, qPrintable(run.output));
         static const QRegularExpression lost(
-            u"connection lost at ([0-9.]+ [kKM]i?B), retrying in \\d+ s \\.\\.\\. resumed at ([0-9.]+ [kKM]i?B)"_s);
+            u"connection lost at ([0-9.]+ [kKM]i?B), retrying (?:now|in \\d+ s) \\.\\.\\. resumed at ([0-9.]+ [kKM]i?B)"_s);
         auto matches = lost.globalMatch(run.output);
         int cuts = 0;
         for (; matches.hasNext(); ++cuts)

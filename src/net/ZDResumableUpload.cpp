@@ -219,6 +219,12 @@ void ZDResumableUploadPrivate::start()
         clock = ZDUploadClock::systemClock();
     if (!reachability)
         reachability = ZDNetworkReachability::systemReachability();
+    if (journal && protocol != ZDUploadProtocol::Multipart) {
+        journalClaim = journal->claim(entry.id);
+        if (!journalClaim)
+            return failWith(ZDResumableUploadErrorAlreadyRunning,
+                            u"The upload of %1 is already running."_s.arg(filePath));
+    }
     const std::optional<ZDUploadFileIdentity> now = ZDUploadFileIdentity::ofFile(filePath);
     if (!now)
         return failWith(ZDResumableUploadErrorFileUnreadable,
@@ -518,6 +524,7 @@ void ZDResumableUploadPrivate::finish(const QByteArray &body)
         }
     }
     dropJournal();
+    journalClaim.reset();
     step = Step::Done;
     const auto self = shared_from_this();
     if (ZDResumableUploadDelegate *target = delegate.get(); target && q)
@@ -666,9 +673,12 @@ void ZDResumableUploadPrivate::madeProgress()
 void ZDResumableUploadPrivate::fail(const ZDError &error)
 {
     // Keep the entry only where resuming later can still work: a network that
-    // gave up, not a refusal or a broken file.
-    const bool resumable = error.userInfo().value(u"retriesExhausted"_s).toBool() &&
-                           protocol != ZDUploadProtocol::Multipart;
+    // gave up, not a refusal or a broken file; and never touch the entry of
+    // another running upload.
+    const bool resumable = (error.userInfo().value(u"retriesExhausted"_s).toBool() &&
+                            protocol != ZDUploadProtocol::Multipart) ||
+                           (error.domain() == ZDResumableUploadErrorDomain &&
+                            error.code() == ZDResumableUploadErrorAlreadyRunning);
     if (!resumable)
         dropJournal();
     stop();
@@ -691,6 +701,7 @@ void ZDResumableUploadPrivate::failWith(ZDResumableUploadError code, const QStri
 
 void ZDResumableUploadPrivate::stop()
 {
+    journalClaim.reset();
     request.reset();
     timer.reset();
     networkWait.reset();

@@ -48,6 +48,9 @@ enum ZDResumableUploadError : qint32 {
     ZDResumableUploadErrorCredentialsUnavailable = 5,
     // The service forgot the session twice in a row (404 or 410 on the session).
     ZDResumableUploadErrorSessionExpired = 6,
+    // The journal entry is being uploaded by another running upload (in this
+    // process or another); the entry is left as it is.
+    ZDResumableUploadErrorAlreadyRunning = 7,
 };
 
 // How a service takes a file.
@@ -187,6 +190,8 @@ public:
 // success, abort() and failures that cannot be resumed. An entry left by a
 // crash or a failure of the network is resumed with the constructor that takes
 // it; a file that changed since fails with ZDResumableUploadErrorFileChanged.
+// While it runs, the upload claims its entry (ZDUploadJournal::claim()); an entry
+// another upload claims fails with ZDResumableUploadErrorAlreadyRunning.
 //
 // Lifetime: single-use. cancel() stops and keeps the journal entry (a pause
 // the host may resume later); abort() also terminates the session on the server

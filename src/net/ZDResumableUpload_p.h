@@ -52,6 +52,7 @@ public:
     std::shared_ptr<ZDNetworkReachability> reachability;
     QRandomGenerator random{QRandomGenerator::global()->generate()};
     std::optional<ZDUploadJournal> journal;
+    std::shared_ptr<void> journalClaim; // held from start() until the upload ends
     bool allowsCellularAccess = false;
 
     // Progress of the session.

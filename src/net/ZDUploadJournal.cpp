@@ -8,6 +8,7 @@
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QLockFile>
 #include <QSaveFile>
 #include <QStandardPaths>
 
@@ -102,7 +103,7 @@ QList<ZDUploadJournalEntry> ZDUploadJournal::entries() const
     QList<ZDUploadJournalEntry> list;
     const QDir dir(m_directory);
     for (const QString &name : dir.entryList({u"*.json"_s}, QDir::Files)) {
-        if (auto found = entry(name.chopped(5)))
+        if (auto found = entry(name.chopped(5)); found && !isClaimed(found->id))
             list.append(*found);
     }
     std::sort(list.begin(), list.end(),
@@ -136,6 +137,42 @@ bool ZDUploadJournal::save(const ZDUploadJournalEntry &entry) const
     stamped.updated = QDateTime::currentDateTimeUtc();
     file.write(QJsonDocument(toJson(stamped)).toJson(QJsonDocument::Compact));
     return file.commit();
+}
+
+namespace {
+
+// Only a process that is gone leaves a stale claim: the age of a claim says
+// nothing, as an upload may run for days.
+std::unique_ptr<QLockFile> claimFile(const QString &directory, const QString &id)
+{
+    auto lock = std::make_unique<QLockFile>(directory + u'/' + id + u".lock"_s);
+    lock->setStaleLockTime(0);
+    return lock;
+}
+
+} // namespace
+
+std::shared_ptr<void> ZDUploadJournal::claim(const QString &id) const
+{
+    if (!isSafeId(id) || !QDir().mkpath(m_directory))
+        return nullptr;
+    std::unique_ptr<QLockFile> lock = claimFile(m_directory, id);
+    // A moment's patience: another process may be looking at the claim.
+    if (!lock->tryLock(200))
+        return nullptr;
+    return std::shared_ptr<QLockFile>(std::move(lock));
+}
+
+bool ZDUploadJournal::isClaimed(const QString &id) const
+{
+    if (!isSafeId(id))
+        return false;
+    const std::unique_ptr<QLockFile> lock = claimFile(m_directory, id);
+    if (lock->tryLock(0)) {
+        lock->unlock();
+        return false;
+    }
+    return lock->error() == QLockFile::LockFailedError;
 }
 
 void ZDUploadJournal::remove(const QString &id) const

@@ -9,6 +9,7 @@
 #include <QUrl>
 #include <QVariantMap>
 
+#include <memory>
 #include <optional>
 
 enum class ZDUploadProtocol;
@@ -48,6 +49,11 @@ struct ZD_EXPORT ZDUploadJournalEntry
 // Every write goes through QSaveFile, so a crash leaves the previous entry or the
 // new one, never half of one. A host lists the entries at start to offer
 // resuming them (ZDResumableUpload's constructor that takes an entry).
+//
+// A running upload claims its entry (a QLockFile "<id>.lock" beside it), so
+// that a second process on the same journal neither lists it as interrupted nor
+// resumes it at the same time. The claim of a process that died (a crash,
+// kill -9) is stale and hides nothing: the next look finds the entry again.
 class ZD_EXPORT ZDUploadJournal
 {
 public:
@@ -55,8 +61,14 @@ public:
     explicit ZDUploadJournal(const QString &directory = QString());
 
     QString directory() const { return m_directory; }
-    // Every readable entry, oldest first; unreadable files are skipped.
+    // Every readable entry that no running upload claims, oldest first;
+    // unreadable files are skipped.
     QList<ZDUploadJournalEntry> entries() const;
+    // Claims the entry `id` for the caller until the returned handle is
+    // dropped; nullptr when a running upload (in this process or another)
+    // holds it, or the directory cannot be written.
+    std::shared_ptr<void> claim(const QString &id) const;
+    bool isClaimed(const QString &id) const;
     std::optional<ZDUploadJournalEntry> entry(const QString &id) const;
     // Writes the entry atomically; false when it cannot be written.
     bool save(const ZDUploadJournalEntry &entry) const;

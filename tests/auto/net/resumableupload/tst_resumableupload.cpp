@@ -8,6 +8,7 @@
 #include "net/ZDUploadJournal.h"
 
 #include <QCryptographicHash>
+#include <QDir>
 #include <QFile>
 #include <QJsonDocument>
 #include <QRandomGenerator>
@@ -495,11 +496,26 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
             QVERIFY(child.waitForStarted());
             const qint64 killAt = 64 * 1024 + random.bounded(size - 192 * 1024);
             QTRY_VERIFY_WITH_TIMEOUT(proxy.uploadedBytes() >= killAt, 60000);
+            const ZDUploadJournal journal(journalDir);
+            // While the child runs, its entry is not an interrupted upload, and
+            // a second upload of it is refused without touching it.
+            const QStringList files = QDir(journalDir).entryList({u"*.json"_s});
+            QCOMPARE(files.size(), 1);
+            QVERIFY(journal.entries().isEmpty());
+            {
+                Recorder second;
+                ZDResumableUpload meddler(*journal.entry(files.front().chopped(5)), &second);
+                meddler.setJournal(journal);
+                meddler.start();
+                QTRY_COMPARE_WITH_TIMEOUT(second.endings(), 1, 30000);
+                QCOMPARE(second.error.code(), ZDResumableUploadErrorAlreadyRunning);
+                QVERIFY(second.progress.isEmpty());
+                QVERIFY(journal.entry(files.front().chopped(5)).has_value());
+            }
             ::kill(pid_t(child.processId()), SIGKILL);
             QVERIFY(child.waitForFinished(30000));
             QCOMPARE(child.exitStatus(), QProcess::CrashExit);
 
-            const ZDUploadJournal journal(journalDir);
             const QList<ZDUploadJournalEntry> entries = journal.entries();
             QCOMPARE(entries.size(), 1);
             // The journal never claims more than went through the proxy.
@@ -546,13 +562,17 @@ void tst_ResumableUpload::aChangedFileIsNeverResumedOntoItsOldSession()
         ZDResumableUpload upload(ZDUploadProtocol::Tus, server.url(u"/files"_s), path, &recorder);
         upload.setChunkSize(256 * 1024);
         upload.setJournal(journal);
-        recorder.onProgress = [](ZDResumableUpload *running, qint64) {
-            if (running->confirmedOffset() > 0)
-                running->cancel();
+        bool listedWhileRunning = true;
+        recorder.onProgress = [&](ZDResumableUpload *running, qint64) {
+            if (running->confirmedOffset() > 0) {
+                listedWhileRunning = !journal.entries().isEmpty();
+                running->cancel(); // and its entry is an interrupted upload again
+            }
         };
         upload.start();
         QTRY_VERIFY_WITH_TIMEOUT(upload.confirmedOffset() > 0, 30000);
         QCOMPARE(recorder.endings(), 0);
+        QVERIFY(!listedWhileRunning);
     }
     QCOMPARE(journal.entries().size(), 1);
     const ZDUploadJournalEntry entry = journal.entries().front();

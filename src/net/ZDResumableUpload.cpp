@@ -414,7 +414,16 @@ void ZDResumableUploadPrivate::createAnswered(const ZDHTTPResponse &response)
         return failWith(
             ZDResumableUploadErrorProtocolViolation,
             u"The service opened no upload session (status %1)."_s.arg(response.statusCode()));
-    entry.sessionURL = endpoint.resolved(QUrl::fromEncoded(location));
+    const QUrl session = endpoint.resolved(QUrl::fromEncoded(location));
+    // The session gets every chunk and every credential: never less secure
+    // than the endpoint the plug-in chose.
+    const bool secure = endpoint.scheme().compare(u"https"_s, Qt::CaseInsensitive) != 0 ||
+                        session.scheme().compare(u"https"_s, Qt::CaseInsensitive) == 0;
+    if (!secure || (session.scheme() != u"http"_s && session.scheme() != u"https"_s))
+        return failWith(ZDResumableUploadErrorProtocolViolation,
+                        u"The service named an upload session that is not secure (%1)."_s.arg(
+                            session.scheme()));
+    entry.sessionURL = session;
     const QByteArray expires = response.valueForHTTPHeaderField("Upload-Expires");
     if (!expires.isEmpty())
         entry.expires = QDateTime::fromString(QString::fromLatin1(expires), Qt::RFC2822Date);

@@ -32,8 +32,9 @@ ZD_EXPORT extern const QString ZDResumableUploadErrorDomain;
 ZD_EXPORT extern const QString ZDUnderlyingErrorKey;
 enum ZDResumableUploadError : qint32 {
     // The server broke the protocol: it confirmed bytes that were never sent,
-    // reported a range that does not start at byte 0 or has a hole, or answered
-    // without the header the protocol requires.
+    // reported a range that does not start at byte 0 or has a hole, answered
+    // without the header the protocol requires, or named a session on plain
+    // http for an https endpoint (nothing is sent there).
     ZDResumableUploadErrorProtocolViolation = 1,
     // The service refused a chunk's checksum three times in a row, or the
     // digest it reported for the whole file differs from the file's.

@@ -7,7 +7,9 @@
 
 #include "net/JSONHTTPRequest.h"
 #include "net/ZDFileUpload.h"
+#include "net/ZDResumableUpload.h"
 
+#include <QFile>
 #include <QNetworkProxy>
 #include <QProcess>
 #include <QStandardPaths>
@@ -98,6 +100,8 @@ private Q_SLOTS:
     void slowServersAreCutButThinkingServersAreNot();
     void aStalledUploadIsNotCutByTheStallRule();
     void hugeURLFailsClearlyAndSendsNothing();
+    void anUploadSessionOnPlainHttpIsRefused_data();
+    void anUploadSessionOnPlainHttpIsRefused();
     void multipartKeysThatCouldForgeHeadersAreRefused_data();
     void multipartKeysThatCouldForgeHeadersAreRefused();
     void manyRequestsAtOnceWaitForConnectionsUnderALowDescriptorLimit();
@@ -518,4 +522,51 @@ void tst_HostileServer::qtsApplicationProxyCarriesRequests()
 }
 
 QTEST_GUILESS_MAIN(tst_HostileServer)
+void tst_HostileServer::anUploadSessionOnPlainHttpIsRefused_data()
+{
+    QTest::addColumn<int>("protocol");
+    QTest::newRow("tus") << int(ZDUploadProtocol::Tus);
+    QTest::newRow("308") << int(ZDUploadProtocol::ResumeIncomplete);
+}
+
+// An https service that names its upload session on plain http would receive
+// the video and the credentials in the clear: the upload stops first.
+void tst_HostileServer::anUploadSessionOnPlainHttpIsRefused()
+{
+    QFETCH(int, protocol);
+    const QString session = m_plain.url(u"/session/1"_s).toString();
+    m_tls.setHandler([session](const RecordedRequest &) {
+        CannedReply reply;
+        reply.status = 201;
+        reply.headers = {{"Location", session.toUtf8()}};
+        return reply;
+    });
+    const QString path = m_dir.filePath(u"clip.mov"_s);
+    QFile file(path);
+    QVERIFY(file.open(QIODevice::WriteOnly));
+    file.write(QByteArray(100 * 1024, 'v'));
+    file.close();
+
+    struct Outcome : ZDResumableUploadDelegate
+    {
+        void uploadDidFinish(ZDResumableUpload *, const QVariant &) override { ++endings; }
+        void uploadDidFailWithError(ZDResumableUpload *, const ZDError &failure) override
+        {
+            ++endings;
+            error = failure;
+        }
+        int endings = 0;
+        ZDError error;
+    } outcome;
+    ZDResumableUpload upload(ZDUploadProtocol(protocol), m_tls.url(u"/files"_s), path, &outcome);
+    upload.setHTTPHeaderValue(u"Authorization"_s, u"Bearer secret-token"_s);
+    upload.start();
+    QTRY_COMPARE_WITH_TIMEOUT(outcome.endings, 1, 30000);
+    QCOMPARE(outcome.error.domain(), ZDResumableUploadErrorDomain);
+    QCOMPARE(outcome.error.code(), ZDResumableUploadErrorProtocolViolation);
+    QCOMPARE(m_tls.requests().size(), 1);
+    QTest::qWait(100);
+    QVERIFY(m_plain.requests().isEmpty());
+}
+
 #include "tst_hostileserver.moc"

@@ -26,6 +26,9 @@ namespace {
 constexpr qint64 kMaximumChunk = 64 * 1024 * 1024;
 constexpr qint64 kTargetRequestMsecs = 5000;
 constexpr qsizetype kKeptBodyBytes = 64 * 1024;
+// The services' answers are a few kilobytes of JSON at most; a server cannot
+// make the engine hold more than this per request.
+constexpr qint64 kMaximumAnswerBytes = 4 * 1024 * 1024;
 constexpr int kChecksumRefusalsAllowed = 3;
 // Renewals after a 401 before bytes are confirmed again: tokens may die often,
 // but a service that refuses every fresh one must not hold the upload forever.
@@ -199,6 +202,7 @@ std::unique_ptr<ZDUploadRequest> ZDResumableUploadPrivate::makeRequest(const QUr
     made->setHTTPMethod(JSONHTTPRequestMethodFormPOST);
     made->setHTTPVerb(verb);
     made->setResponseType(JSONHTTPResponseTypeRawData);
+    made->setMaximumResponseSize(kMaximumAnswerBytes);
     made->setAllowsCellularAccess(allowsCellularAccess);
     for (const auto &[name, value] : headers)
         made->setHTTPHeaderValue(name, value);
@@ -359,6 +363,7 @@ void ZDResumableUploadPrivate::sendMultipart()
     request = std::make_unique<ZDUploadRequest>(endpoint, this, signer);
     request->setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
     request->setResponseType(JSONHTTPResponseTypeRawData);
+    request->setMaximumResponseSize(kMaximumAnswerBytes);
     request->setAllowsCellularAccess(allowsCellularAccess);
     for (const auto &[name, value] : headers)
         request->setHTTPHeaderValue(name, value);

@@ -194,6 +194,9 @@ public:
 // While it runs, the upload claims its entry (ZDUploadJournal::claim()); an entry
 // another upload claims fails with ZDResumableUploadErrorAlreadyRunning.
 //
+// The service's answers are kept to 4 MiB each; a larger one fails the upload
+// with ZDURLErrorResponseTooLarge, not retried.
+//
 // Lifetime: single-use. cancel() stops and keeps the journal entry (a pause
 // the host may resume later); abort() also terminates the session on the server
 // and removes the entry. Destroying the upload cancels it.

@@ -268,6 +268,7 @@ private Q_SLOTS:
     void aServerThatNeverLetsGoMeetsTheBudget_data();
     void aServerThatNeverLetsGoMeetsTheBudget();
     void renewsAsOftenAsTokensDieButNotForever();
+    void anAnswerTooLargeToHoldEndsTheUpload();
     void waitsForTheNetworkWithoutSpendingTheBudget();
     void renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset();
     void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data();
@@ -780,6 +781,25 @@ void tst_ResumableUpload::renewsAsOftenAsTokensDieButNotForever()
             QCOMPARE(renewals, 3);
         }
     }
+}
+
+void tst_ResumableUpload::anAnswerTooLargeToHoldEndsTheUpload()
+{
+    MiniUpload run;
+    QVERIFY(run.prepare(300 * 1024, 12));
+    run.service.fault = [](const RecordedRequest &request) -> std::optional<CannedReply> {
+        if (request.method != "PUT")
+            return std::nullopt;
+        CannedReply reply;
+        reply.status = 308;
+        reply.body = QByteArray(5 * 1024 * 1024, 'x');
+        return reply;
+    };
+    run.upload->start();
+    QTRY_COMPARE_WITH_TIMEOUT(run.recorder.endings(), 1, 30000);
+    QCOMPARE(run.recorder.error.domain(), ZDURLErrorDomain);
+    QCOMPARE(run.recorder.error.code(), ZDURLErrorResponseTooLarge);
+    QVERIFY(run.clock->waits.isEmpty());
 }
 
 void tst_ResumableUpload::waitsForTheNetworkWithoutSpendingTheBudget()

@@ -30,6 +30,9 @@ constexpr qsizetype kKeptBodyBytes = 64 * 1024;
 // make the engine hold more than this per request.
 constexpr qint64 kMaximumAnswerBytes = 4 * 1024 * 1024;
 constexpr int kChecksumRefusalsAllowed = 3;
+// Chunks answered as taken while the offset stays put: a service that keeps
+// nothing would otherwise be sent the same bytes forever.
+constexpr int kChunksWithoutProgressAllowed = 3;
 // Renewals after a 401 before bytes are confirmed again: tokens may die often,
 // but a service that refuses every fresh one must not hold the upload forever.
 constexpr int kRenewalsWithoutProgress = 3;
@@ -512,6 +515,10 @@ void ZDResumableUploadPrivate::chunkAnswered(const ZDHTTPResponse &response, con
     adaptChunkSize(offset - chunkStart, clock->msecsNow() - chunkStartedAt);
     if (offset > entry.offset)
         madeProgress();
+    else if (!complete && ++chunksWithoutProgress >= kChunksWithoutProgressAllowed)
+        return failWith(ZDResumableUploadErrorProtocolViolation,
+                        u"The service kept none of the last %1 chunks it accepted."_s.arg(
+                            kChunksWithoutProgressAllowed));
     refreshedAfter401 = false;
     entry.offset = offset;
     if (!complete)
@@ -681,6 +688,7 @@ void ZDResumableUploadPrivate::madeProgress()
     waitedMsecs = 0;
     checksumRefusals = 0;
     renewalsSinceProgress = 0;
+    chunksWithoutProgress = 0;
     retriedAtOnce = false;
 }
 

@@ -32,7 +32,8 @@ ZD_EXPORT extern const QString ZDResumableUploadErrorDomain;
 ZD_EXPORT extern const QString ZDUnderlyingErrorKey;
 enum ZDResumableUploadError : qint32 {
     // The server broke the protocol: it confirmed bytes that were never sent,
-    // reported a range that does not start at byte 0 or has a hole, answered
+    // reported a range that does not start at byte 0 or has a hole, took three
+    // chunks in a row without keeping a byte of them, answered
     // without the header the protocol requires, or named a session on plain
     // http for an https endpoint (nothing is sent there).
     ZDResumableUploadErrorProtocolViolation = 1,

@@ -73,6 +73,7 @@ public:
     int sessionLosses = 0;
     bool refreshedAfter401 = false; // and no answer accepted the renewed credentials yet
     int renewalsSinceProgress = 0;
+    int chunksWithoutProgress = 0;
     bool interrupted = false; // a failure happened: the next offset is a resumption
 
     Step step = Step::Idle;

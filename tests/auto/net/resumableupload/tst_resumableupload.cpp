@@ -715,6 +715,7 @@ void tst_ResumableUpload::aServerThatNeverLetsGoMeetsTheBudget_data()
     QTest::newRow("cut after every chunk's body") << 0 << QByteArray();
     QTest::newRow("429 with Retry-After: 0 every time") << 429 << QByteArray("0");
     QTest::newRow("409 every time") << 409 << QByteArray();
+    QTest::newRow("308 that keeps nothing every time") << 308 << QByteArray();
 }
 
 void tst_ResumableUpload::aServerThatNeverLetsGoMeetsTheBudget()
@@ -729,6 +730,8 @@ void tst_ResumableUpload::aServerThatNeverLetsGoMeetsTheBudget()
         CannedReply reply = CannedReply::json(R"({"error":"not now"})", status);
         if (status == 0)
             reply.ending = CannedReply::Ending::ResetAtOnce;
+        if (status == 308) // "taken", but the range stays where it was
+            reply.headers = {{"Range", "bytes=0-" + QByteArray::number(256 * 1024 - 1)}};
         if (!retryAfter.isNull())
             reply.headers.append(std::pair<QByteArray, QByteArray>("Retry-After", retryAfter));
         return reply;
@@ -741,6 +744,10 @@ void tst_ResumableUpload::aServerThatNeverLetsGoMeetsTheBudget()
     const QList<qint64> &waits = run.clock->waits;
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
     QCOMPARE(recorder.failures, 1);
+    if (status == 308) {
+        QCOMPARE(recorder.error.code(), ZDResumableUploadErrorProtocolViolation);
+        return;
+    }
     QVERIFY(recorder.error.userInfo().value(u"retriesExhausted"_s).toBool());
     QCOMPARE(waits.count(0), 1);
     QVERIFY(std::accumulate(waits.cbegin(), waits.cend(), 0LL) <= 5000);

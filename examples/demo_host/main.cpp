@@ -169,7 +169,8 @@ int main(int argc, char **argv)
         u"resume-interrupted"_s,
         u"Resume every interrupted upload once signed in, without asking, instead of publishing a "
         u"new video. "
-        u"Without it the interrupted uploads are only listed."_s);
+        u"Without it they are listed, and a window run asks after the sign-in whether to "
+        u"resume them."_s);
     const QCommandLineOption answerResume(
         u"answer-resume"_s,
         u"When there are interrupted uploads, the scripted user signs in and answers the alert "

@@ -47,6 +47,13 @@ QString fileMD5(const QString &path)
     return QString::fromLatin1(hash.result().toHex());
 }
 
+// An interrupted upload's title as the user typed it.
+QString uploadTitle(const ZDUploadJournalEntry &upload)
+{
+    const QString title = upload.metadata.value(u"title"_s).toString();
+    return title.isEmpty() ? u"Untitled"_s : title;
+}
+
 } // namespace
 
 // --- the host's operations --------------------------------------------------------------
@@ -131,12 +138,11 @@ void HostSheet::open()
 
 QString HostSheet::describeInterruptedUpload(const ZDUploadJournalEntry &upload)
 {
-    const QString title = upload.metadata.value(u"title"_s).toString();
     const qint64 size = upload.file.size;
     const int percent = size > 0 ? int(100 * upload.offset / size) : 0;
     return u"\u201c%1\u201d (%2, %3): %4 of it had arrived (%5%), last on %6"_s.arg(
-        title.isEmpty() ? u"Untitled"_s : title, QFileInfo(upload.file.path).fileName(),
-        sizeText(size), sizeText(upload.offset), QString::number(percent),
+        uploadTitle(upload), QFileInfo(upload.file.path).fileName(), sizeText(size),
+        sizeText(upload.offset), QString::number(percent),
         QLocale().toString(upload.updated.toLocalTime(), QLocale::ShortFormat));
 }
 
@@ -185,8 +191,14 @@ void HostSheet::offerInterruptedUploads(const QList<ZDUploadJournalEntry> &uploa
         constexpr qsizetype kNamed = 3; // the alert stays smaller than a phone's screen
         const qsizetype count = m_offered.size();
         QStringList lines;
-        for (qsizetype i = 0; i < std::min(count, kNamed); ++i)
-            lines << describeInterruptedUpload(m_offered[i]);
+        // Shorter than the terminal's line, and a size never broken across lines.
+        const auto size = [](qint64 bytes) { return sizeText(bytes).replace(u' ', u'\u00a0'); };
+        for (qsizetype i = 0; i < std::min(count, kNamed); ++i) {
+            const ZDUploadJournalEntry &upload = m_offered[i];
+            lines << u"\u201c%1\u201d (%2): %3 of %4 had arrived"_s.arg(
+                uploadTitle(upload), QFileInfo(upload.file.path).fileName(), size(upload.offset),
+                size(upload.file.size));
+        }
         if (count > kNamed)
             lines << u"and %1 more"_s.arg(count - kNamed);
         const QString title =

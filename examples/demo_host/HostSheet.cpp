@@ -47,6 +47,13 @@ QString fileMD5(const QString &path)
     return QString::fromLatin1(hash.result().toHex());
 }
 
+// An interrupted upload's title as the user typed it.
+QString uploadTitle(const ZDUploadJournalEntry &upload)
+{
+    const QString title = upload.metadata.value(u"title"_s).toString();
+    return title.isEmpty() ? u"Untitled"_s : title;
+}
+
 } // namespace
 
 // --- the host's operations --------------------------------------------------------------
@@ -131,13 +138,33 @@ void HostSheet::open()
 
 QString HostSheet::describeInterruptedUpload(const ZDUploadJournalEntry &upload)
 {
-    const QString title = upload.metadata.value(u"title"_s).toString();
     const qint64 size = upload.file.size;
     const int percent = size > 0 ? int(100 * upload.offset / size) : 0;
     return u"\u201c%1\u201d (%2, %3): %4 of it had arrived (%5%), last on %6"_s.arg(
-        title.isEmpty() ? u"Untitled"_s : title, QFileInfo(upload.file.path).fileName(),
-        sizeText(size), sizeText(upload.offset), QString::number(percent),
+        uploadTitle(upload), QFileInfo(upload.file.path).fileName(), sizeText(size),
+        sizeText(upload.offset), QString::number(percent),
         QLocale().toString(upload.updated.toLocalTime(), QLocale::ShortFormat));
+}
+
+void HostSheet::whenSignedIn(std::function<void()> then)
+{
+    ZDAuthenticator *authenticator = DemoAuthenticator::activeAuthenticator();
+    if (authenticator->authenticatorState() == ZDAuthenticatorStateSignedIn) {
+        QTimer::singleShot(0, this, std::move(then));
+        return;
+    }
+    // Once the sheet's sign-in succeeded.
+    ZDNotificationCenter::defaultCenter().addObserver(
+        this, ZDAuthenticatorStateChangeNotification, authenticator,
+        [this, then = std::move(then)](const ZDNotification &notification) {
+            if (notification.userInfo.value(u"state"_s).toLongLong() !=
+                ZDAuthenticatorStateSignedIn)
+                return;
+            std::function<void()> next = then; // the registration goes, and this lambda with it
+            ZDNotificationCenter::defaultCenter().removeObserver(this);
+            // After the sign-in's own callbacks have run.
+            QTimer::singleShot(0, this, std::move(next));
+        });
 }
 
 void HostSheet::resumeInterruptedUploads(const QList<ZDUploadJournalEntry> &uploads)
@@ -145,24 +172,63 @@ void HostSheet::resumeInterruptedUploads(const QList<ZDUploadJournalEntry> &uplo
     m_toResume = uploads;
     if (m_toResume.isEmpty())
         return;
-    ZDAuthenticator *authenticator = DemoAuthenticator::activeAuthenticator();
-    if (authenticator->authenticatorState() == ZDAuthenticatorStateSignedIn) {
-        QTimer::singleShot(0, this, [this] { resumeNext(); });
+    if (DemoAuthenticator::activeAuthenticator()->authenticatorState() !=
+        ZDAuthenticatorStateSignedIn) {
+        std::printf("Sign in to resume %s.\n",
+                    m_toResume.size() == 1 ? "the upload" : "the uploads");
+        std::fflush(stdout);
+    }
+    // The uploads go on in the user's name.
+    whenSignedIn([this] { resumeNext(); });
+}
+
+void HostSheet::offerInterruptedUploads(const QList<ZDUploadJournalEntry> &uploads)
+{
+    if (uploads.isEmpty())
+        return;
+    m_offered = uploads;
+    whenSignedIn([this] {
+        constexpr qsizetype kNamed = 3; // the alert stays smaller than a phone's screen
+        const qsizetype count = m_offered.size();
+        QStringList lines;
+        // Shorter than the terminal's line, and a size never broken across lines.
+        const auto size = [](qint64 bytes) { return sizeText(bytes).replace(u' ', u'\u00a0'); };
+        for (qsizetype i = 0; i < std::min(count, kNamed); ++i) {
+            const ZDUploadJournalEntry &upload = m_offered[i];
+            lines << u"\u201c%1\u201d (%2): %3 of %4 had arrived"_s.arg(
+                uploadTitle(upload), QFileInfo(upload.file.path).fileName(), size(upload.offset),
+                size(upload.file.size));
+        }
+        if (count > kNamed)
+            lines << u"and %1 more"_s.arg(count - kNamed);
+        const QString title =
+            count == 1 ? u"1 Interrupted Upload"_s : u"%1 Interrupted Uploads"_s.arg(count);
+        const QString message = (count == 1 ? u"An earlier run did not finish this upload:"_s
+                                            : u"An earlier run did not finish these uploads:"_s) +
+                                u"\n\n"_s + lines.join(u"\n\n"_s) + u"\n\n"_s +
+                                (count == 1 ? u"Resume it now, or keep it for later?"_s
+                                            : u"Resume them now, or keep them for later?"_s);
+        auto *alert = new ZDAlertView(title, message, this, u"Not Now"_s, {u"Resume"_s});
+        m_resumeAlert = alert;
+        alert->show(window());
+    });
+}
+
+void HostSheet::alertViewWillDismissWithButtonIndex(ZDAlertView *alertView, int buttonIndex)
+{
+    if (alertView != m_resumeAlert)
+        return;
+    m_resumeAlert = nullptr;
+    const QList<ZDUploadJournalEntry> offered = std::exchange(m_offered, {});
+    if (buttonIndex == alertView->cancelButtonIndex()) {
+        std::printf("Not resuming %s now: %s in the journal for a later run.\n",
+                    offered.size() == 1 ? "the interrupted upload" : "the interrupted uploads",
+                    offered.size() == 1 ? "it stays" : "they stay");
+        std::fflush(stdout);
         return;
     }
-    std::printf("Sign in to resume %s.\n", m_toResume.size() == 1 ? "the upload" : "the uploads");
-    std::fflush(stdout);
-    // The uploads go on in the user's name: once the sheet's sign-in succeeded.
-    ZDNotificationCenter::defaultCenter().addObserver(
-        this, ZDAuthenticatorStateChangeNotification, authenticator,
-        [this](const ZDNotification &notification) {
-            if (notification.userInfo.value(u"state"_s).toLongLong() !=
-                ZDAuthenticatorStateSignedIn)
-                return;
-            ZDNotificationCenter::defaultCenter().removeObserver(this);
-            // After the sign-in's own callbacks have run.
-            QTimer::singleShot(0, this, [this] { resumeNext(); });
-        });
+    // After the alert has gone, so that the focus lands on the progress page.
+    QTimer::singleShot(0, this, [this, offered] { resumeInterruptedUploads(offered); });
 }
 
 void HostSheet::resumeNext()

@@ -6,10 +6,13 @@
 #include <DemoPublishAgent.h>
 #include <DemoPublishViewController.h>
 #include <DemoVideo.h>
+#include <toolkit/ZDAlertView.h>
 
 #include <QElapsedTimer>
 #include <QPointer>
 #include <QWidget>
+
+#include <functional>
 
 class HostSheet;
 class QLabel;
@@ -48,7 +51,7 @@ enum class HostOutcome : int {
     NotIntact = 4, // the service stored something other than the file
 };
 
-class HostSheet : public QWidget, public PublishingAgentHostDelegate
+class HostSheet : public QWidget, public PublishingAgentHostDelegate, public ZDAlertViewDelegate
 {
     Q_OBJECT
 
@@ -63,6 +66,15 @@ public:
     // with a line on the terminal; finished() follows the last, with the worst
     // outcome of them all.
     void resumeInterruptedUploads(const QList<ZDUploadJournalEntry> &uploads);
+    // Asks the user, once signed in (at once when already signed in), whether
+    // to resume `uploads`: an alert over the sheet counts and names them (the
+    // first three; how many more after that). "Resume" (Return) does what
+    // resumeInterruptedUploads() does; "Not Now" (Escape) leaves them in the
+    // journal for a later run and the sheet as it was. Nothing when `uploads`
+    // is empty.
+    void offerInterruptedUploads(const QList<ZDUploadJournalEntry> &uploads);
+    // That alert while it is up (or fading in), else null.
+    ZDAlertView *interruptedUploadsAlert() const { return m_resumeAlert; }
     // One line about an interrupted upload: what, how large, how far it got
     // and when it was last heard of.
     static QString describeInterruptedUpload(const ZDUploadJournalEntry &upload);
@@ -85,6 +97,7 @@ public:
 
     void agentDidFinishPublishingError(PublishingAgentBase *agent,
                                        const std::optional<ZDError> &error) override;
+    void alertViewWillDismissWithButtonIndex(ZDAlertView *alertView, int buttonIndex) override;
 
 Q_SIGNALS:
     void progressed(qint64 written, qint64 total);
@@ -99,6 +112,8 @@ private:
     void showResult(HostOutcome outcome, const QString &title, const QString &message);
     void printProgress(qint64 written, qint64 total);
     void resumeNext();
+    // Runs `then` on a later turn of the event loop once the user is signed in.
+    void whenSignedIn(std::function<void()> then);
 
     QString m_videoPath;
     qint64 m_videoSize = 0;
@@ -121,6 +136,8 @@ private:
     qint64 m_furthestWritten = 0; // since sending last (re)started
     bool m_lostLineOpen = false;  // a lost connection's line waits for its end
     QList<ZDUploadJournalEntry> m_toResume;
+    QList<ZDUploadJournalEntry> m_offered; // what the alert asks about
+    QPointer<ZDAlertView> m_resumeAlert;
     bool m_resuming = false;
     HostOutcome m_worstOutcome = HostOutcome::Published;
 };

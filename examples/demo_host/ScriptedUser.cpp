@@ -150,11 +150,9 @@ bool ScriptedUser::signInByKeyboard(const QString &password)
     return true;
 }
 
-bool ScriptedUser::fillInByKeyboard()
+bool ScriptedUser::signInByKeyboardUnlessSignedIn()
 {
     DemoPublishViewController *form = m_sheet.form();
-    ZDTableView *table = form->tableView();
-    const ZDSectionIndices sections = form->sectionIndices();
     QWidget *window = m_sheet.window();
     QPushButton *publish = m_sheet.navigation()->rightButton();
     qApp->installEventFilter(&mouseCounter());
@@ -179,6 +177,18 @@ bool ScriptedUser::fillInByKeyboard()
         if (!QTest::qWaitFor([&] { return publish->isEnabled(); }, kPatience))
             return fail("the sign-in did not succeed");
     }
+    return true;
+}
+
+bool ScriptedUser::fillInByKeyboard()
+{
+    DemoPublishViewController *form = m_sheet.form();
+    ZDTableView *table = form->tableView();
+    const ZDSectionIndices sections = form->sectionIndices();
+    QWidget *window = m_sheet.window();
+    QPushButton *publish = m_sheet.navigation()->rightButton();
+    if (!signInByKeyboardUnlessSignedIn())
+        return false;
     QTest::qWait(300);
 
     say(u"tabs to the title and types it, then the description"_s);
@@ -333,12 +343,54 @@ bool ScriptedUser::signInAsScripted()
 
 bool ScriptedUser::signInUnlessSignedIn()
 {
+    if (m_script.keyboardOnly)
+        return signInByKeyboardUnlessSignedIn();
     QTest::qWait(300); // the sheet appears
     if (m_sheet.navigation()->rightButton()->isEnabled()) {
         say(u"is already signed in as %1"_s.arg(m_sheet.form()->authenticator()->account()));
         return true;
     }
     return signInAsScripted();
+}
+
+bool ScriptedUser::answerResumeAlert(bool resume)
+{
+    if (!signInUnlessSignedIn())
+        return false;
+    if (m_gaveUp)
+        return true; // the sheet is cancelled
+    if (!QTest::qWaitFor([&] { return visible(m_sheet.interruptedUploadsAlert()); }, kPatience))
+        return fail("no alert offered to resume the interrupted uploads");
+    QTest::qWait(300); // the alert fades in
+    screenshot(u"demo-interrupted-uploads.png"_s);
+    ZDAlertView *alert = m_sheet.interruptedUploadsAlert();
+    QPushButton *button =
+        alert->buttonAtIndex(resume ? alert->firstOtherButtonIndex() : alert->cancelButtonIndex());
+    if (m_script.keyboardOnly) {
+        // Return presses the button that has the focus; Tab moves it along.
+        say(u"hears \"%1\", moves to %2 and presses Return"_s.arg(alert->title(), button->text()));
+        if (!tabTo(button))
+            return fail("Tab never reached the alert's button");
+        press(m_sheet.window(), Qt::Key_Return);
+    } else {
+        say(u"reads \"%1\" and presses %2"_s.arg(alert->title(), button->text()));
+        QTest::mouseClick(button, Qt::LeftButton);
+    }
+    if (resume)
+        return true;
+    QTest::qWait(300);
+    // Only the old uploads were what this user came for.
+    QPushButton *cancel = m_sheet.navigation()->leftButton();
+    if (m_script.keyboardOnly) {
+        say(u"tabs to Cancel and presses Space"_s);
+        if (!tabTo(cancel))
+            return fail("Tab never reached Cancel");
+        press(m_sheet.window(), Qt::Key_Space);
+    } else {
+        say(u"presses Cancel"_s);
+        QTest::mouseClick(cancel, Qt::LeftButton);
+    }
+    return true;
 }
 
 bool ScriptedUser::fillInAndPublish()

@@ -45,6 +45,10 @@ public:
     // interrupted uploads asks of the user (what they publish was filled in
     // when they began).
     bool signInUnlessSignedIn();
+    // Signs in unless signed in, waits for the alert that offers to resume
+    // interrupted uploads and presses Resume (`resume`) or Not Now; after Not
+    // Now it cancels the sheet, as nothing else was to be published.
+    bool answerResumeAlert(bool resume);
     // Mouse presses and releases that reached any widget since the script began.
     int mouseEvents() const;
     // Saves a picture of the sheet as `name` in the screenshot folder, if any.
@@ -57,6 +61,7 @@ private:
     bool fail(const char *what) const;
     bool fillInByKeyboard();
     bool signInByKeyboard(const QString &password);
+    bool signInByKeyboardUnlessSignedIn();
     bool tabTo(QWidget *target);
 
     HostSheet &m_sheet;

@@ -11,7 +11,8 @@
 //
 // Uploads that a crash or a kill cut short are listed at start, from the
 // plug-in's journal; --resume-interrupted resumes them (after the sign-in)
-// instead of publishing a new video.
+// instead of publishing a new video. A window run asks after the sign-in, in an
+// alert, whether to resume them; --answer-resume has the scripted user answer.
 
 #include "HostSheet.h"
 #include "SampleClip.h"
@@ -168,14 +169,21 @@ int main(int argc, char **argv)
         u"resume-interrupted"_s,
         u"Resume every interrupted upload once signed in, without asking, instead of publishing a "
         u"new video. "
-        u"Without it the interrupted uploads are only listed."_s);
+        u"Without it they are listed, and a window run asks after the sign-in whether to "
+        u"resume them."_s);
+    const QCommandLineOption answerResume(
+        u"answer-resume"_s,
+        u"When there are interrupted uploads, the scripted user signs in and answers the alert "
+        u"that offers to resume them: yes resumes them, no keeps them and cancels the sheet."_s,
+        u"yes|no"_s);
     const QCommandLineOption screenshots(u"screenshots"_s, u"Save pictures of the sheet here."_s,
                                          u"dir"_s);
     parser.addOptions({service,     scriptedOption, tablet,     noKeyring,    mode,
                        threshold,   memoryLimit,    title,      description,  tags,
                        category,    access,         hd,         rightFirst,   cancelSheet,
                        cancelAfter, revoke,         deleteFile, staySignedIn, screenshots,
-                       oauth2,      keyboardOnly,   dark,       journal,      resumeInterrupted});
+                       oauth2,      keyboardOnly,   dark,       journal,      resumeInterrupted,
+                       answerResume});
     parser.process(app);
     if (parser.isSet(dark)) {
         // What a dark system colour scheme hands the application.
@@ -223,6 +231,16 @@ int main(int argc, char **argv)
     }
     uploadOptions.journalDirectory = parser.value(journal);
     const bool resuming = parser.isSet(resumeInterrupted);
+    std::optional<bool> answer; // the scripted user's answer to the resume alert
+    if (parser.isSet(answerResume)) {
+        const QString value = parser.value(answerResume);
+        if (value != u"yes" && value != u"no")
+            return badOption(u"answer-resume"_s, value, "must be yes or no");
+        if (resuming)
+            return badOption(u"answer-resume"_s, value,
+                             "--resume-interrupted resumes without asking");
+        answer = value == u"yes";
+    }
     std::optional<qint64> cancelAfterBytes;
     if (parser.isSet(cancelAfter)) {
         cancelAfterBytes = byteCount(parser.value(cancelAfter));
@@ -272,7 +290,12 @@ int main(int argc, char **argv)
         std::printf("No interrupted uploads to resume.\n");
         return 0;
     }
-    if (!resuming && !interrupted.isEmpty())
+    // A user at the window is asked; a scripted one only when told how to answer.
+    const bool offering = !resuming && !interrupted.isEmpty() && (!scripted || answer);
+    if (offering)
+        std::printf("(Once signed in, the window asks whether to resume %s.)\n",
+                    interrupted.size() == 1 ? "it" : "them");
+    else if (!resuming && !interrupted.isEmpty())
         std::printf("(zd_demo_host --resume-interrupted resumes %s.)\n",
                     interrupted.size() == 1 ? "it" : "them");
     std::fflush(stdout);
@@ -326,9 +349,14 @@ int main(int argc, char **argv)
     sheet->open();
     if (resuming)
         sheet->resumeInterruptedUploads(interrupted);
+    else if (offering)
+        sheet->offerInterruptedUploads(interrupted);
     if (scripted) {
         QTimer::singleShot(0, &app, [&] {
-            if (!(resuming ? user.signInUnlessSignedIn() : user.fillInAndPublish())) {
+            const bool followed = resuming   ? user.signInUnlessSignedIn()
+                                  : offering ? user.answerResumeAlert(*answer)
+                                             : user.fillInAndPublish();
+            if (!followed) {
                 status = ExitScriptStuck;
                 app.exit();
             }

@@ -6,6 +6,7 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QImage>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -382,6 +383,74 @@ private Q_SLOTS:
         service->stop();
         // Resumed on the session the first run opened, never started over.
         QCOMPARE(sessionsOpened(log + service->log()), 1);
+    }
+
+    // A run that is not told to resume asks in an alert, after the sign-in:
+    // Resume publishes the interrupted video, Not Now keeps it in the journal.
+    // A scripted run that is given no answer only lists it, as before.
+    void anInterruptedUploadIsOfferedInAnAlertAndTheAnswerIsFollowed_data()
+    {
+        QTest::addColumn<QString>("answer");
+        QTest::addColumn<bool>("byKeyboard");
+        QTest::newRow("resume, clicked") << u"yes"_s << false;
+        QTest::newRow("resume, by keyboard") << u"yes"_s << true;
+        QTest::newRow("not now, by keyboard") << u"no"_s << true;
+    }
+    void anInterruptedUploadIsOfferedInAnAlertAndTheAnswerIsFollowed()
+    {
+        QFETCH(QString, answer);
+        QFETCH(bool, byKeyboard);
+        QTemporaryDir data;
+        QTemporaryDir journal;
+        QTemporaryDir pictures;
+        Service service(data.path());
+        QVERIFY(service.start({u"--throttle"_s, u"2000000"_s}));
+        const QString video = m_files.filePath(u"offered.mp4"_s);
+        writeRandomFile(video, 2 * 1000 * 1000 + 7);
+        const QStringList common{u"--no-wrong-password"_s, u"--journal"_s, journal.path()};
+        const HostRun killed = killHostMidUpload(
+            service, video,
+            common + QStringList{u"--title"_s, u"Offered again"_s, u"--category"_s, QString(),
+                                 u"--tags"_s, QString()},
+            200);
+        QVERIFY2(killed.exitCode == kKilled, qPrintable(killed.output));
+        QCOMPARE(journalEntries(journal.path()).size(), 1);
+
+        if (answer == u"no") {
+            // No answer given: listed on the terminal, no alert, the sheet as before.
+            const HostRun listed =
+                runHost(service, QString(), common + QStringList{u"--cancel-sheet"_s});
+            QVERIFY2(listed.exitCode == kCancelled, qPrintable(listed.output));
+            QVERIFY2(listed.output.contains(u"--resume-interrupted resumes it"_s),
+                     qPrintable(listed.output));
+            QVERIFY2(!listed.output.contains(u"Interrupted Upload\""_s), qPrintable(listed.output));
+        }
+
+        const QStringList how = byKeyboard ? QStringList{u"--keyboard-only"_s} : QStringList();
+        const HostRun run = runHost(
+            service, QString(),
+            common + how +
+                QStringList{u"--answer-resume"_s, answer, u"--screenshots"_s, pictures.path()});
+        const QString both = killed.output + u"\n--- the next run ---\n"_s + run.output;
+        QVERIFY2(run.output.contains(u"\"1 Interrupted Upload\""_s), qPrintable(both));
+        const QImage alert(pictures.filePath(u"demo-interrupted-uploads.png"_s));
+        QVERIFY(!alert.isNull());
+        if (byKeyboard)
+            QVERIFY2(run.output.contains(u"with 0 mouse events"_s), qPrintable(both));
+        if (answer == u"no") {
+            QVERIFY2(run.exitCode == kCancelled, qPrintable(both));
+            QVERIFY2(run.output.contains(u"stays in the journal"_s), qPrintable(both));
+            QCOMPARE(journalEntries(journal.path()).size(), 1);
+            QVERIFY(service.published().isEmpty());
+            return;
+        }
+        QVERIFY2(run.exitCode == kPublished, qPrintable(both));
+        QVERIFY2(run.output.contains(u"Resuming \u201cOffered again\u201d"_s), qPrintable(both));
+        const QStringList published = service.published();
+        QCOMPARE(published.size(), 1);
+        QCOMPARE(md5Of(service.storedVideo(published.first())), md5Of(video));
+        QCOMPARE(service.meta(published.first()).value(u"title").toString(), u"Offered again"_s);
+        QVERIFY(journalEntries(journal.path()).isEmpty());
     }
 
     void aFileChangedBetweenRunsIsRefusedAndNotPublished()

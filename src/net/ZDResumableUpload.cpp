@@ -569,7 +569,14 @@ void ZDResumableUploadPrivate::requestFailed(const ZDError &error,
         if (!curlErrorIsRetryable(error.code()))
             return fail(annotated);
         // A connection that carried bytes and broke: most often a passing cut.
-        return retryAfter(annotated, step == Step::SendChunk && lastWritten > 0 ? 0 : -1);
+        // A tus server serialises the requests of an upload, so its answer to
+        // the offset query waits until it is done with the lost one; a 308
+        // server may still be cleaning up after it (one was seen truncating
+        // the file to the lost chunk's start after it had answered), so it
+        // gets the policy's wait.
+        const bool atOnce =
+            protocol == ZDUploadProtocol::Tus && step == Step::SendChunk && lastWritten > 0;
+        return retryAfter(annotated, atOnce ? 0 : -1);
     }
     if (!response || error.domain() != JSONHTTPRequestErrorDomain)
         return fail(annotated);

@@ -116,11 +116,14 @@ public:
 // upload fails when the next wait would take the time spent waiting since the
 // last confirmed bytes past `budgetMsecs`.
 //
-// Two exceptions. A connection that broke after it carried body bytes is most
-// often a passing cut, and a Retry-After of 0 or a tus 409 asks for no wait:
-// the engine asks the server where it stands at once, but only once until bytes
-// are confirmed again; a failure after that waits as above, so a server that
-// answers the same way forever meets the budget.
+// Two exceptions. A tus connection that broke after it carried body bytes is
+// most often a passing cut (tus servers serialise an upload's requests, so the
+// answer to the offset query comes once the lost request is settled), and a
+// Retry-After of 0 or a 409 asks for no wait: the engine asks the server where
+// it stands at once, but only once until bytes are confirmed again; a failure
+// after that waits as above, so a server that answers the same way forever
+// meets the budget. A 308 service may still be settling a lost request when
+// asked, so a cut there waits as above from the first retry.
 // While the system reports no network (ZDNetworkReachability) the engine waits
 // for it to come back without spending the budget.
 struct ZD_EXPORT ZDRetryPolicy

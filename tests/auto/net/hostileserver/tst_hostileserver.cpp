@@ -521,7 +521,6 @@ void tst_HostileServer::qtsApplicationProxyCarriesRequests()
     QVERIFY(proxy.waitForFinished(30000));
 }
 
-QTEST_GUILESS_MAIN(tst_HostileServer)
 void tst_HostileServer::anUploadSessionOnPlainHttpIsRefused_data()
 {
     QTest::addColumn<int>("protocol");
@@ -569,4 +568,5 @@ void tst_HostileServer::anUploadSessionOnPlainHttpIsRefused()
     QVERIFY(m_plain.requests().isEmpty());
 }
 
+QTEST_GUILESS_MAIN(tst_HostileServer)
 #include "tst_hostileserver.moc"

@@ -406,9 +406,10 @@ void tst_ResumableUpload::resumesFromTheServersOffsetAfterCutsAtRandomOffsets()
         upload.setChunkGranularity(64 * 1024);
         upload.setChunkSize(kChunk);
         // Real, short waits: both servers finish a cut request's bookkeeping
-        // some time after the cut (the tus server then answers 409, the 308
-        // server has been seen to truncate what came after it), as they would
-        // after any real backoff.
+        // some time after the cut (the tus server answers 409 until then, the
+        // 308 server truncates what came after the lost chunk's start), so the
+        // retries after the first at-once one for tus, and every one for 308,
+        // must really wait.
         upload.setRetryPolicy(quickPolicy());
         upload.start();
         QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);

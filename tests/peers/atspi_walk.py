@@ -33,8 +33,20 @@ def walk(node, depth=0, out=None):
     return out
 
 
-def find_app(name, deadline):
-    while time.time() < deadline:
+def app_names():
+    desktop = pyatspi.Registry.getDesktop(0)
+    names = []
+    for i in range(desktop.childCount):
+        app = desktop.getChildAtIndex(i)
+        if app is not None:
+            names.append(app.name)
+    return names
+
+
+def find_app(name, proc, deadline):
+    """The application called name once it joined the desktop; None when proc
+    ended or the deadline passed first."""
+    while time.time() < deadline and proc.poll() is None:
         desktop = pyatspi.Registry.getDesktop(0)
         for i in range(desktop.childCount):
             app = desktop.getChildAtIndex(i)
@@ -44,20 +56,44 @@ def find_app(name, deadline):
     return None
 
 
+def report_missing_host(proc, log):
+    """Says why the host is not on the bus: how it ended, or, when it still
+    runs, what its threads are doing; then what it printed."""
+    if proc.poll() is not None:
+        print("atspi_walk: the demo host ended with status %d before it joined the desktop"
+              % proc.returncode)
+    else:
+        print("atspi_walk: the demo host runs but is not on the desktop (which holds %s)"
+              % app_names())
+        try:
+            trace = subprocess.run(["gdb", "-p", str(proc.pid), "-batch", "-nx",
+                                    "-ex", "thread apply all bt"],
+                                   capture_output=True, text=True, timeout=60).stdout
+            print("atspi_walk: its threads:\n" + trace)
+        except (OSError, subprocess.TimeoutExpired) as error:
+            print("atspi_walk: no stack from gdb: %s" % error)
+    log.seek(0)
+    print("atspi_walk: the host printed:\n" + log.read().decode(errors="replace"))
+
+
 def main():
     host = sys.argv[1]
-    with tempfile.TemporaryDirectory() as tmp:
+    with tempfile.TemporaryDirectory() as tmp, tempfile.TemporaryFile() as log:
         video = os.path.join(tmp, "clip.mp4")
         with open(video, "wb") as f:
             f.write(os.urandom(200 * 1024))
-        env = dict(os.environ, QT_QPA_PLATFORM="xcb")
+        # Settings and the upload journal of its own: what other runs of the
+        # host left there never changes what this one shows.
+        env = dict(os.environ, QT_QPA_PLATFORM="xcb",
+                   XDG_CONFIG_HOME=os.path.join(tmp, "config"),
+                   XDG_DATA_HOME=os.path.join(tmp, "data"))
         proc = subprocess.Popen([host, video, "--no-keyring", "--service", "http://127.0.0.1:9/"],
-                                env=env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                                env=env, stdout=log, stderr=subprocess.STDOUT)
         try:
             deadline = time.time() + 60
-            app = find_app("zd_demo_host", deadline)
+            app = find_app("zd_demo_host", proc, deadline)
             if app is None:
-                print("atspi_walk: the demo host never appeared on the AT-SPI bus")
+                report_missing_host(proc, log)
                 return 1
             wanted = {
                 ("dialog", "Sign in to Demo Video"),

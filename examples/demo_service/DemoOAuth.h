@@ -5,6 +5,7 @@
 // tokens and nonces it has issued and seen.
 
 #include "DemoHttp.h"
+#include "DemoTokenFile.h"
 
 #include <QHash>
 #include <QMap>
@@ -83,10 +84,10 @@ private:
         bool revoked = false;
     };
 
-    void saveLocked() const;
+    bool saveLocked() const;
 
-    std::mutex m_mutex; // guards tokens and nonces
-    QString m_storePath;
+    std::mutex m_mutex; // guards tokens, nonces and the file
+    TokenFile m_file;
     QHash<QString, Token> m_tokens;
     // Nonces of accepted requests, by timestamp, kept while the timestamp is in
     // the window.

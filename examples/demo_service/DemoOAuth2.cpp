@@ -80,19 +80,19 @@ bool Issuer::saveLocked()
                                    {u"refresh"_s, toJson(m_refreshTokens)}});
 }
 
-Issuer::Issued Issuer::grantLocked(const QString &account)
+std::optional<Issuer::Issued> Issuer::issueLocked(const QString &account)
 {
     const Issued issued{randomString(40, kTokenAlphabet), randomString(40, kTokenAlphabet)};
+    const QByteArray access = digestOf(issued.access);
+    const QByteArray refresh = digestOf(issued.refresh);
     const int lifetime = m_tokensDieAfter > 0 ? m_tokensDieAfter : kAccessLifetime;
-    m_accessTokens.insert(digestOf(issued.access), {account, now() + lifetime});
-    m_refreshTokens.insert(digestOf(issued.refresh), {account, now() + kRefreshLifetime});
-    return issued;
-}
-
-void Issuer::forgetLocked(const Issued &issued)
-{
-    m_accessTokens.remove(digestOf(issued.access));
-    m_refreshTokens.remove(digestOf(issued.refresh));
+    m_accessTokens.insert(access, {account, now() + lifetime});
+    m_refreshTokens.insert(refresh, {account, now() + kRefreshLifetime});
+    if (saveLocked())
+        return issued;
+    m_accessTokens.remove(access);
+    m_refreshTokens.remove(refresh);
+    return std::nullopt;
 }
 
 void Issuer::reply(httplib::Response &res, const Issued &issued, const QString &account)
@@ -125,37 +125,38 @@ void Issuer::token(const httplib::Request &req, httplib::Response &res)
         if (!userMatches || !passwordMatches)
             return replyError(res, 400, u"invalid_grant"_s);
         const QString account = QString::fromUtf16(DemoAccount::kDisplayName);
-        std::unique_lock lock(m_mutex);
-        const Issued issued = grantLocked(account);
-        if (!saveLocked()) {
-            forgetLocked(issued);
-            lock.unlock();
-            return replyError(res, 500, u"server_error"_s);
+        std::optional<Issued> issued;
+        {
+            const std::lock_guard lock(m_mutex);
+            issued = issueLocked(account);
         }
-        lock.unlock();
-        return reply(res, issued, account);
+        if (!issued)
+            return replyError(res, 500, u"server_error"_s);
+        return reply(res, *issued, account);
     }
     if (grant == u"refresh_token") {
         const QByteArray key = digestOf(form.value(u"refresh_token"_s));
-        std::unique_lock lock(m_mutex);
-        const auto it = m_refreshTokens.constFind(key);
-        if (it == m_refreshTokens.cend() || it->expiresAt < now()) {
-            lock.unlock();
+        std::optional<Grant> used;
+        std::optional<Issued> issued;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (const auto it = m_refreshTokens.constFind(key);
+                it != m_refreshTokens.cend() && it->expiresAt >= now()) {
+                // Rotated: the used token dies in the write that keeps its
+                // successors, so no restart brings it back, and lives on when
+                // that write fails.
+                used = *it;
+                m_refreshTokens.erase(it);
+                issued = issueLocked(used->account);
+                if (!issued)
+                    m_refreshTokens.insert(key, *used);
+            }
+        }
+        if (!used)
             return replyError(res, 400, u"invalid_grant"_s);
-        }
-        // Rotated: the used token and its successors change in one write, so
-        // no restart brings the used one back.
-        const Grant used = *it;
-        m_refreshTokens.erase(it);
-        const Issued issued = grantLocked(used.account);
-        if (!saveLocked()) {
-            forgetLocked(issued);
-            m_refreshTokens.insert(key, used);
-            lock.unlock();
+        if (!issued)
             return replyError(res, 500, u"server_error"_s);
-        }
-        lock.unlock();
-        return reply(res, issued, used.account);
+        return reply(res, *issued, used->account);
     }
     replyError(res, 400, u"unsupported_grant_type"_s);
 }

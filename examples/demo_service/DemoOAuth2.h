@@ -68,15 +68,16 @@ private:
         QString refresh;
     };
 
-    // Both maps are keyed by the token's digest (digestOf()).
-    Issued grantLocked(const QString &account);
-    void forgetLocked(const Issued &issued);
+    // New tokens for `account`, in the store before they are answered; nothing,
+    // and nothing changed, when the store cannot be written.
+    std::optional<Issued> issueLocked(const QString &account);
     bool saveLocked();
     static void reply(httplib::Response &res, const Issued &issued, const QString &account);
 
     int m_tokensDieAfter = 0;
     std::mutex
         m_mutex; // guards the tokens and the file; handlers run on the HTTP library's thread pool
+    // By the token's SHA-256 (hex), as in the store.
     QHash<QByteArray, Grant> m_accessTokens;
     QHash<QByteArray, Grant> m_refreshTokens;
     TokenFile m_file;

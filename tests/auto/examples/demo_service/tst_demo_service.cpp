@@ -382,6 +382,7 @@ private Q_SLOTS:
     void keepsASessionThroughARestartAndNothingElse();
     void keepsOAuth2SignInsThroughARestartWithTheirRotationAndRevocation();
     void writesNoExpiredOAuth2TokenBack();
+    void givesNoOAuth2TokenItCannotKeep();
 
 private:
     QString videos() const { return m_data.filePath(u"videos"_s); }
@@ -849,6 +850,29 @@ void tst_DemoService::writesNoExpiredOAuth2TokenBack()
     const QJsonObject stored = QJsonDocument::fromJson(store.readAll()).object();
     QCOMPARE(stored.value(u"access").toObject().size(), 1);  // the dead one is gone
     QCOMPARE(stored.value(u"refresh").toObject().size(), 2); // both still renew
+}
+
+void tst_DemoService::givesNoOAuth2TokenItCannotKeep()
+{
+    QTemporaryDir data;
+    Service service;
+    QVERIFY(service.start(data.path()));
+    const Bearer first = passwordGrant(service);
+    QCOMPARE(first.status, 200);
+    // A folder in the store's place: no write can replace it.
+    const QString store = data.filePath(u"oauth2-tokens.json"_s);
+    QVERIFY(QFile::remove(store) && QDir().mkdir(store));
+    QCOMPARE(passwordGrant(service).error, u"server_error"_s);
+    QCOMPARE(refreshGrant(service, first.refresh).error, u"server_error"_s);
+
+    // The refresh token was not used up by a renewal that was not kept.
+    QVERIFY(QDir().rmdir(store));
+    const Bearer renewed = refreshGrant(service, first.refresh);
+    QCOMPARE(renewed.status, 200);
+    QVERIFY(service.stop());
+    Service next;
+    QVERIFY(next.start(data.path()));
+    QVERIFY(bearerAccepted(next, renewed.access));
 }
 
 QTEST_GUILESS_MAIN(tst_DemoService)

@@ -65,8 +65,9 @@ public:
     static bool verify(const httplib::Request &req, DemoHttp::Parameters parameters,
                        const OAuthParameters &oauth, const QString &tokenSecret, int port);
 
-    // Keeps the issued tokens in the file at `path`, as a real service keeps
-    // its sign-ins over a restart, and takes up those already there (an
+    // Keeps the issued tokens in the file at `path` (owner-only, replaced
+    // atomically on every change: TokenFile), as a real service keeps its
+    // sign-ins over a restart, and takes up those already there (an
     // unreadable file counts as none). Nonces stay in memory. False when the
     // file cannot be written.
     bool setStore(const QString &path);

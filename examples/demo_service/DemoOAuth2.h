@@ -53,7 +53,8 @@ public:
     // The account of the live access token in an "Authorization: Bearer ..."
     // header; nothing for any other header or a dead token.
     std::optional<QString> accountForAuthorization(const QByteArray &header);
-    // Revokes every live token; answers how many access tokens there were.
+    // Revokes every live token, in the store too; answers how many access
+    // tokens there were.
     int revokeAll();
 
 private:
@@ -75,8 +76,9 @@ private:
     static void reply(httplib::Response &res, const Issued &issued, const QString &account);
 
     int m_tokensDieAfter = 0;
-    std::mutex
-        m_mutex; // guards the tokens and the file; handlers run on the HTTP library's thread pool
+    // Guards the tokens and the file: handlers run on the HTTP library's
+    // thread pool.
+    std::mutex m_mutex;
     // By the token's SHA-256 (hex), as in the store.
     QHash<QByteArray, Grant> m_accessTokens;
     QHash<QByteArray, Grant> m_refreshTokens;

@@ -3,12 +3,9 @@
 #include "DemoVideoService.h"
 
 #include <QDateTime>
-#include <QFile>
-#include <QJsonDocument>
 #include <QJsonObject>
 #include <QMultiMap>
 #include <QOAuth1Signature>
-#include <QSaveFile>
 #include <QVariant>
 
 #include <algorithm>
@@ -176,36 +173,24 @@ bool Verifier::verify(const httplib::Request &req, Parameters parameters,
 bool Verifier::setStore(const QString &path)
 {
     std::lock_guard lock(m_mutex);
-    m_storePath = path;
-    QFile file(path);
-    if (file.open(QIODevice::ReadOnly)) {
-        const QJsonObject stored = QJsonDocument::fromJson(file.readAll()).object();
-        for (auto it = stored.begin(); it != stored.end(); ++it) {
-            const QJsonObject token = it.value().toObject();
-            m_tokens.insert(it.key(),
-                            {token.value(u"secret").toString(), token.value(u"account").toString(),
-                             token.value(u"revoked").toBool()});
-        }
+    const QJsonObject stored = m_file.open(path);
+    for (auto it = stored.begin(); it != stored.end(); ++it) {
+        const QJsonObject token = it.value().toObject();
+        m_tokens.insert(it.key(),
+                        {token.value(u"secret").toString(), token.value(u"account").toString(),
+                         token.value(u"revoked").toBool()});
     }
-    saveLocked();
-    return QFile::exists(path);
+    return saveLocked();
 }
 
-void Verifier::saveLocked() const
+bool Verifier::saveLocked() const
 {
-    if (m_storePath.isEmpty())
-        return;
     QJsonObject stored;
     for (auto it = m_tokens.cbegin(); it != m_tokens.cend(); ++it)
         stored.insert(it.key(), QJsonObject{{u"secret"_s, it->secret},
                                             {u"account"_s, it->account},
                                             {u"revoked"_s, it->revoked}});
-    QSaveFile file(m_storePath);
-    if (file.open(QIODevice::WriteOnly)) {
-        file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-        file.write(QJsonDocument(stored).toJson(QJsonDocument::Compact));
-        file.commit();
-    }
+    return m_file.save(stored);
 }
 
 std::pair<QString, QString> Verifier::issueToken(const QString &account)

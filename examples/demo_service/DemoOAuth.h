@@ -5,6 +5,7 @@
 // tokens and nonces it has issued and seen.
 
 #include "DemoHttp.h"
+#include "DemoTokenFile.h"
 
 #include <QHash>
 #include <QMap>
@@ -64,8 +65,9 @@ public:
     static bool verify(const httplib::Request &req, DemoHttp::Parameters parameters,
                        const OAuthParameters &oauth, const QString &tokenSecret, int port);
 
-    // Keeps the issued tokens in the file at `path`, as a real service keeps
-    // its sign-ins over a restart, and takes up those already there (an
+    // Keeps the issued tokens in the file at `path` (owner-only, replaced
+    // atomically on every change: TokenFile), as a real service keeps its
+    // sign-ins over a restart, and takes up those already there (an
     // unreadable file counts as none). Nonces stay in memory. False when the
     // file cannot be written.
     bool setStore(const QString &path);
@@ -83,10 +85,10 @@ private:
         bool revoked = false;
     };
 
-    void saveLocked() const;
+    bool saveLocked() const;
 
-    std::mutex m_mutex; // guards tokens and nonces
-    QString m_storePath;
+    std::mutex m_mutex; // guards tokens, nonces and the file
+    TokenFile m_file;
     QHash<QString, Token> m_tokens;
     // Nonces of accepted requests, by timestamp, kept while the timestamp is in
     // the window.

@@ -3,6 +3,7 @@
 #include "DemoHttp.h"
 #include "DemoVideoService.h"
 
+#include <QCryptographicHash>
 #include <QDateTime>
 #include <QJsonObject>
 
@@ -21,24 +22,87 @@ void replyError(httplib::Response &res, int status, const QString &error)
     replyJson(res, status, QJsonObject{{u"error"_s, error}});
 }
 
+// What the service keeps of a token: enough to recognise it, not to use it.
+QByteArray digestOf(QStringView token)
+{
+    return QCryptographicHash::hash(token.toUtf8(), QCryptographicHash::Sha256).toHex();
+}
+
+qint64 now()
+{
+    return QDateTime::currentSecsSinceEpoch();
+}
+
+// The store's form of one kind of token: {"<digest>": {"account", "expires"}}.
+template <typename Grant> QJsonObject toJson(const QHash<QByteArray, Grant> &grants)
+{
+    QJsonObject object;
+    for (auto it = grants.cbegin(); it != grants.cend(); ++it)
+        object.insert(QString::fromLatin1(it.key()),
+                      QJsonObject{{u"account"_s, it->account}, {u"expires"_s, it->expiresAt}});
+    return object;
+}
+
+template <typename Grant> void takeUp(const QJsonObject &object, QHash<QByteArray, Grant> &grants)
+{
+    const qint64 current = now();
+    for (auto it = object.begin(); it != object.end(); ++it) {
+        const QJsonObject grant = it.value().toObject();
+        const QString account = grant.value(u"account").toString();
+        const qint64 expiresAt = grant.value(u"expires").toInteger();
+        if (!account.isEmpty() && expiresAt >= current)
+            grants.insert(it.key().toLatin1(), {account, expiresAt});
+    }
+}
+
+template <typename Grant> void dropExpired(QHash<QByteArray, Grant> &grants)
+{
+    const qint64 current = now();
+    grants.removeIf([current](const auto &it) { return it.value().expiresAt < current; });
+}
+
 } // namespace
 
-void Issuer::issue(httplib::Response &res, const QString &account)
+bool Issuer::setStore(const QString &path)
 {
-    const QString access = randomString(40, kTokenAlphabet);
-    const QString refresh = randomString(40, kTokenAlphabet);
-    {
-        const std::lock_guard lock(m_mutex);
-        const int lifetime = m_tokensDieAfter > 0 ? m_tokensDieAfter : kAccessLifetime;
-        m_accessTokens.insert(access, {account, QDateTime::currentSecsSinceEpoch() + lifetime});
-        m_refreshTokens.insert(refresh, {account, 0});
-    }
+    const std::lock_guard lock(m_mutex);
+    const QJsonObject stored = m_file.open(path);
+    takeUp(stored.value(u"access").toObject(), m_accessTokens);
+    takeUp(stored.value(u"refresh").toObject(), m_refreshTokens);
+    return saveLocked();
+}
+
+bool Issuer::saveLocked()
+{
+    dropExpired(m_accessTokens);
+    dropExpired(m_refreshTokens);
+    return m_file.save(QJsonObject{{u"access"_s, toJson(m_accessTokens)},
+                                   {u"refresh"_s, toJson(m_refreshTokens)}});
+}
+
+std::optional<Issuer::Issued> Issuer::issueLocked(const QString &account)
+{
+    const Issued issued{randomString(40, kTokenAlphabet), randomString(40, kTokenAlphabet)};
+    const QByteArray access = digestOf(issued.access);
+    const QByteArray refresh = digestOf(issued.refresh);
+    const int lifetime = m_tokensDieAfter > 0 ? m_tokensDieAfter : kAccessLifetime;
+    m_accessTokens.insert(access, {account, now() + lifetime});
+    m_refreshTokens.insert(refresh, {account, now() + kRefreshLifetime});
+    if (saveLocked())
+        return issued;
+    m_accessTokens.remove(access);
+    m_refreshTokens.remove(refresh);
+    return std::nullopt;
+}
+
+void Issuer::reply(httplib::Response &res, const Issued &issued, const QString &account)
+{
     res.set_header("Cache-Control", "no-store");
     replyJson(res, 200,
-              QJsonObject{{u"access_token"_s, access},
+              QJsonObject{{u"access_token"_s, issued.access},
                           {u"token_type"_s, u"Bearer"_s},
                           {u"expires_in"_s, kAccessLifetime},
-                          {u"refresh_token"_s, refresh},
+                          {u"refresh_token"_s, issued.refresh},
                           {u"username"_s, account}});
 }
 
@@ -60,21 +124,39 @@ void Issuer::token(const httplib::Request &req, httplib::Response &res)
                                 QString::fromUtf16(DemoAccount::kPassword).toUtf8());
         if (!userMatches || !passwordMatches)
             return replyError(res, 400, u"invalid_grant"_s);
-        return issue(res, QString::fromUtf16(DemoAccount::kDisplayName));
-    }
-    if (grant == u"refresh_token") {
-        std::optional<Grant> used;
+        const QString account = QString::fromUtf16(DemoAccount::kDisplayName);
+        std::optional<Issued> issued;
         {
             const std::lock_guard lock(m_mutex);
-            if (const auto it = m_refreshTokens.constFind(form.value(u"refresh_token"_s));
-                it != m_refreshTokens.cend()) {
+            issued = issueLocked(account);
+        }
+        if (!issued)
+            return replyError(res, 500, u"server_error"_s);
+        return reply(res, *issued, account);
+    }
+    if (grant == u"refresh_token") {
+        const QByteArray key = digestOf(form.value(u"refresh_token"_s));
+        std::optional<Grant> used;
+        std::optional<Issued> issued;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (const auto it = m_refreshTokens.constFind(key);
+                it != m_refreshTokens.cend() && it->expiresAt >= now()) {
+                // Rotated: the used token dies in the write that keeps its
+                // successors, so no restart brings it back, and lives on when
+                // that write fails.
                 used = *it;
-                m_refreshTokens.erase(it); // rotated: a refresh token works once
+                m_refreshTokens.erase(it);
+                issued = issueLocked(used->account);
+                if (!issued)
+                    m_refreshTokens.insert(key, *used);
             }
         }
         if (!used)
             return replyError(res, 400, u"invalid_grant"_s);
-        return issue(res, used->account);
+        if (!issued)
+            return replyError(res, 500, u"server_error"_s);
+        return reply(res, *issued, used->account);
     }
     replyError(res, 400, u"unsupported_grant_type"_s);
 }
@@ -83,10 +165,10 @@ std::optional<QString> Issuer::accountForAuthorization(const QByteArray &header)
 {
     if (!header.startsWith("Bearer "))
         return std::nullopt;
-    const QString token = QString::fromLatin1(header.mid(7).trimmed());
+    const QByteArray key = digestOf(QString::fromLatin1(header.mid(7).trimmed()));
     const std::lock_guard lock(m_mutex);
-    const auto it = m_accessTokens.constFind(token);
-    if (it == m_accessTokens.cend() || it->expiresAt < QDateTime::currentSecsSinceEpoch())
+    const auto it = m_accessTokens.constFind(key);
+    if (it == m_accessTokens.cend() || it->expiresAt < now())
         return std::nullopt;
     return it->account;
 }
@@ -94,9 +176,11 @@ std::optional<QString> Issuer::accountForAuthorization(const QByteArray &header)
 int Issuer::revokeAll()
 {
     const std::lock_guard lock(m_mutex);
+    dropExpired(m_accessTokens);
     const int count = int(m_accessTokens.size());
     m_accessTokens.clear();
     m_refreshTokens.clear();
+    saveLocked();
     return count;
 }
 

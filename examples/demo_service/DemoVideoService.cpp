@@ -392,7 +392,9 @@ bool DemoVideoService::listen(int port)
     if (!QDir(d->incomingPath).removeRecursively() || !QDir().mkpath(d->incomingPath) ||
         !QDir().mkpath(d->videosPath) || !d->resumable->prepare() ||
         !d->oauthVerifier.setStore(
-            QDir(d->options.dataDirectory).absoluteFilePath(u"oauth-tokens.json"_s))) {
+            QDir(d->options.dataDirectory).absoluteFilePath(u"oauth-tokens.json"_s)) ||
+        !d->oauth2Issuer.setStore(
+            QDir(d->options.dataDirectory).absoluteFilePath(u"oauth2-tokens.json"_s))) {
         d->error = u"cannot prepare the data folder %1"_s.arg(d->options.dataDirectory);
         return false;
     }

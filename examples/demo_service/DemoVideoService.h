@@ -14,10 +14,12 @@ inline constexpr char16_t kDisplayName[] = u"demo";
 } // namespace DemoAccount
 
 // A small video service on 127.0.0.1 for trying the publishing library end to
-// end: an xAuth-style token exchange, OAuth 1.0a-signed multipart uploads, and
-// pages that show what was published.
+// end: an xAuth-style token exchange, OAuth 1.0a-signed or bearer-authorised
+// multipart and resumable uploads, and pages that show what was published.
 //
 //   POST /oauth/access_token  user name and password for a token (form body)
+//   POST /oauth2/token        OAuth 2.0 bearer and refresh tokens: the password
+//                             or refresh_token grant (DemoOAuth2.h)
 //   POST /api/videos          an upload (multipart/form-data, signed)
 //   POST /api/uploads         a resumable upload's session, then PUT and
 //                             DELETE on /api/uploads/<session>
@@ -31,8 +33,12 @@ inline constexpr char16_t kDisplayName[] = u"demo";
 // Uploads are written to <data>/incoming/<id>/ while they arrive and move to
 // <data>/videos/<id>/ in one rename once complete and valid, so a published
 // video appears whole or not at all. OAuth 1.0a tokens live in
-// <data>/oauth-tokens.json and resumable sessions in <data>/sessions/, so both
-// survive a restart; nonces and OAuth 2.0 tokens live in memory only.
+// <data>/oauth-tokens.json, OAuth 2.0 access and refresh tokens (their
+// digests, with their expiry) in <data>/oauth2-tokens.json, both readable by
+// the service's user only and replaced atomically, and resumable sessions in
+// <data>/sessions/, so all of them survive a restart on the same data folder:
+// sign-ins stay signed in, and a revoked token or a used refresh token stays
+// dead. Nonces live in memory only.
 //
 // Requests are served on the HTTP library's worker threads; the service needs
 // no Qt event loop.

@@ -496,26 +496,37 @@ private Q_SLOTS:
     }
 
     // The service process goes away mid-upload and comes back on the same
-    // port with its sessions: the upload waits, resumes and arrives whole.
+    // port with its sessions and sign-ins: the upload waits, resumes without
+    // a new sign-in and arrives whole.
+    void aServiceRestartMidUploadStillEndsWithTheVideoWhole_data()
+    {
+        QTest::addColumn<QStringList>("signIn");
+        QTest::newRow("OAuth 1.0a") << QStringList();
+        QTest::newRow("OAuth 2.0")
+            << QStringList{u"--oauth2"_s, u"--upload-mode"_s, u"resumable"_s};
+    }
     void aServiceRestartMidUploadStillEndsWithTheVideoWhole()
     {
+        QFETCH(QStringList, signIn);
         QTemporaryDir data;
         QTemporaryDir journal;
         auto service = std::make_unique<Service>(data.path());
-        QVERIFY(service->start({u"--die-after-bytes"_s, u"1500000"_s}));
+        QVERIFY(service->start({u"--die-after-bytes"_s, u"1500000"_s}, true));
         const QString url = service->url();
         const QString video = m_files.filePath(u"restarted.mp4"_s);
         writeRandomFile(video, 3 * 1000 * 1000 + 5);
 
         QProcess host;
         startHost(host, *service, video,
-                  {u"--no-wrong-password"_s, u"--journal"_s, journal.path(), u"--category"_s,
-                   QString(), u"--tags"_s, QString()});
+                  QStringList{u"--no-wrong-password"_s, u"--journal"_s, journal.path(),
+                              u"--category"_s, QString(), u"--tags"_s, QString()} +
+                      signIn);
         QVERIFY(service->waitForExit(120000));
         QCOMPARE(service->exitCode(), 70); // went down as asked, mid-upload
+        QString log = service->log();
         const int port = service->port();
         service = std::make_unique<Service>(data.path());
-        QVERIFY(service->start({}, false, port));
+        QVERIFY(service->start({}, true, port));
         QCOMPARE(service->url(), url);
 
         QVERIFY(host.waitForFinished(120000));
@@ -528,6 +539,15 @@ private Q_SLOTS:
         QCOMPARE(published.size(), 1);
         QCOMPARE(md5Of(service->storedVideo(published.first())), md5Of(video));
         QVERIFY(journalEntries(journal.path()).isEmpty());
+        service->stop();
+        log += service->log();
+        // One sign-in, before the restart; the restarted service took its token.
+        static const QRegularExpression tokenRequest(u"^POST /oauth2?/(?:access_)?token \\d+$"_s,
+                                                     QRegularExpression::MultilineOption);
+        QVERIFY2(log.count(tokenRequest) == 1, qPrintable(log));
+        static const QRegularExpression refused(u"^\\S+ /api/\\S+ 401$"_s,
+                                                QRegularExpression::MultilineOption);
+        QVERIFY2(!log.contains(refused), qPrintable(log));
     }
 
     void aTokenThatDiesDuringAResumableUploadIsRenewedAndTheUploadGoesOn()

@@ -281,6 +281,67 @@ RawReply askOffset(const Service &service, const Token &token, const QString &se
                 {{"Content-Range", "bytes */" + QByteArray::number(total)}}, {}, token);
 }
 
+// Tokens from the service's OAuth 2.0 token endpoint.
+struct Bearer
+{
+    int status = 0;
+    QString error;
+    QString access;
+    QString refresh;
+};
+
+Bearer oauth2Token(const Service &service, const QString &form)
+{
+    const Reply reply = curl({u"--data-binary"_s, form, service.url(u"/oauth2/token"_s)});
+    const QJsonObject answer = QJsonDocument::fromJson(reply.body).object();
+    return {reply.status, answer.value(u"error").toString(),
+            answer.value(u"access_token").toString(), answer.value(u"refresh_token").toString()};
+}
+
+Bearer passwordGrant(const Service &service)
+{
+    return oauth2Token(service, u"grant_type=password&username=demo&password=demo-password"_s);
+}
+
+Bearer refreshGrant(const Service &service, const QString &refreshToken)
+{
+    return oauth2Token(service, u"grant_type=refresh_token&refresh_token="_s + refreshToken);
+}
+
+// Whether the service lets `access` through to an upload: a live token gets as
+// far as the body's form (400), a dead one is refused before it (401).
+bool bearerAccepted(const Service &service, const QString &access)
+{
+    const Reply reply = curl({u"-X"_s, u"POST"_s, u"-H"_s, u"Authorization: Bearer "_s + access,
+                              service.url(u"/api/videos"_s)});
+    return reply.status == 400;
+}
+
+// A resumable upload of `video` authorised by `access` alone; the status of the
+// request that ended it (201 when it was published).
+int bearerUpload(const Service &service, const QString &access, const QByteArray &video)
+{
+    const QList<std::pair<QByteArray, QByteArray>> authorization{
+        {"Authorization", "Bearer " + access.toLatin1()}};
+    const RawReply opened =
+        send(service, "POST", u"/api/uploads"_s,
+             authorization +
+                 QList<std::pair<QByteArray, QByteArray>>{
+                     {"Content-Type", "application/json"},
+                     {"X-Upload-Content-Length", QByteArray::number(video.size())}},
+             R"({"title":"Bearer","name":"bearer.mov"})", {});
+    if (opened.status != 201)
+        return opened.status;
+    const QByteArray range =
+        "bytes 0-" + QByteArray::number(video.size() - 1) + '/' + QByteArray::number(video.size());
+    return send(service, "PUT", QUrl(QString::fromLatin1(opened.location)).path(),
+                authorization +
+                    QList<std::pair<QByteArray, QByteArray>>{
+                        {"Content-Range", range}, {"Content-Type", "application/octet-stream"}},
+                video, {})
+        .status;
+}
+
 class UploadOutcome : public ZDResumableUploadDelegate
 {
 public:
@@ -319,6 +380,9 @@ private Q_SLOTS:
     void publishesAResumableUploadFromTheLibrarysEngineWhole();
     void refusesResumableChunksThatAreUnsignedMisplacedOrCorrupt();
     void keepsASessionThroughARestartAndNothingElse();
+    void keepsOAuth2SignInsThroughARestartWithTheirRotationAndRevocation();
+    void writesNoExpiredOAuth2TokenBack();
+    void givesNoOAuth2TokenItCannotKeep();
 
 private:
     QString videos() const { return m_data.filePath(u"videos"_s); }
@@ -715,6 +779,100 @@ void tst_DemoService::keepsASessionThroughARestartAndNothingElse()
     QCOMPARE(send(next, "DELETE", abandoned, {}, {}, token).status, 204);
     QCOMPARE(askOffset(next, token, abandoned, video.size()).status, 404);
     QVERIFY(entries(sessionsFolder).isEmpty());
+}
+
+void tst_DemoService::keepsOAuth2SignInsThroughARestartWithTheirRotationAndRevocation()
+{
+    QTemporaryDir data;
+    auto service = std::make_unique<Service>();
+    QVERIFY(service->start(data.path()));
+    const auto restart = [&] {
+        const bool stopped = service->stop();
+        service = std::make_unique<Service>();
+        return stopped && service->start(data.path());
+    };
+    const Bearer first = passwordGrant(*service);
+    QCOMPARE(first.status, 200);
+    QVERIFY(restart());
+
+    const QByteArray video = randomBytes(200 * 1024 + 9);
+    QCOMPARE(bearerUpload(*service, first.access, video), 201);
+    QCOMPARE(entries(data.filePath(u"videos"_s)).size(), 1);
+    // Nobody else may read the store, and a copy of it is no sign-in.
+    QFile store(data.filePath(u"oauth2-tokens.json"_s));
+    QCOMPARE(store.permissions() & ~(QFileDevice::ReadUser | QFileDevice::WriteUser),
+             QFileDevice::ReadOwner | QFileDevice::WriteOwner);
+    QVERIFY(store.open(QIODevice::ReadOnly));
+    const QByteArray stored = store.readAll();
+    QVERIFY(!stored.contains(first.access.toLatin1()));
+    QVERIFY(!stored.contains(first.refresh.toLatin1()));
+
+    // A refresh token from before the restart renews once, and its use
+    // outlives the next restart.
+    const Bearer renewed = refreshGrant(*service, first.refresh);
+    QCOMPARE(renewed.status, 200);
+    QVERIFY(renewed.access != first.access && renewed.refresh != first.refresh);
+    QCOMPARE(refreshGrant(*service, first.refresh).error, u"invalid_grant"_s);
+    QVERIFY(restart());
+    QCOMPARE(refreshGrant(*service, first.refresh).error, u"invalid_grant"_s);
+    QVERIFY(bearerAccepted(*service, renewed.access));
+    const Bearer again = refreshGrant(*service, renewed.refresh);
+    QCOMPARE(again.status, 200);
+
+    // Revoked, the tokens stay dead after a restart; a new sign-in works.
+    const Bearer second = passwordGrant(*service);
+    QCOMPARE(second.status, 200);
+    const Reply revoked = curl({u"-X"_s, u"POST"_s, service->url(u"/admin/revoke"_s)});
+    QCOMPARE(revoked.status, 200);
+    QCOMPARE(QJsonDocument::fromJson(revoked.body).object().value(u"revoked").toInt(), 4);
+    QVERIFY(restart());
+    for (const Bearer &dead : {first, renewed, again, second}) {
+        QVERIFY(!bearerAccepted(*service, dead.access));
+        QCOMPARE(refreshGrant(*service, dead.refresh).error, u"invalid_grant"_s);
+    }
+    const Bearer fresh = passwordGrant(*service);
+    QCOMPARE(fresh.status, 200);
+    QCOMPARE(bearerUpload(*service, fresh.access, video), 201);
+}
+
+void tst_DemoService::writesNoExpiredOAuth2TokenBack()
+{
+    QTemporaryDir data;
+    Service service;
+    QVERIFY(service.start(data.path(), {u"--tokens-die-after"_s, u"1"_s}));
+    const Bearer first = passwordGrant(service);
+    QCOMPARE(first.status, 200);
+    QTRY_VERIFY_WITH_TIMEOUT(!bearerAccepted(service, first.access), 60000);
+    QCOMPARE(passwordGrant(service).status, 200);
+
+    QFile store(data.filePath(u"oauth2-tokens.json"_s));
+    QVERIFY(store.open(QIODevice::ReadOnly));
+    const QJsonObject stored = QJsonDocument::fromJson(store.readAll()).object();
+    QCOMPARE(stored.value(u"access").toObject().size(), 1);  // the dead one is gone
+    QCOMPARE(stored.value(u"refresh").toObject().size(), 2); // both still renew
+}
+
+void tst_DemoService::givesNoOAuth2TokenItCannotKeep()
+{
+    QTemporaryDir data;
+    Service service;
+    QVERIFY(service.start(data.path()));
+    const Bearer first = passwordGrant(service);
+    QCOMPARE(first.status, 200);
+    // A folder in the store's place: no write can replace it.
+    const QString store = data.filePath(u"oauth2-tokens.json"_s);
+    QVERIFY(QFile::remove(store) && QDir().mkdir(store));
+    QCOMPARE(passwordGrant(service).error, u"server_error"_s);
+    QCOMPARE(refreshGrant(service, first.refresh).error, u"server_error"_s);
+
+    // The refresh token was not used up by a renewal that was not kept.
+    QVERIFY(QDir().rmdir(store));
+    const Bearer renewed = refreshGrant(service, first.refresh);
+    QCOMPARE(renewed.status, 200);
+    QVERIFY(service.stop());
+    Service next;
+    QVERIFY(next.start(data.path()));
+    QVERIFY(bearerAccepted(next, renewed.access));
 }
 
 QTEST_GUILESS_MAIN(tst_DemoService)

@@ -384,13 +384,19 @@ void HostSheet::phase(const ZDPublishProgress &progress)
                         m_onTerminal && m_printedPercent >= 0 ? "\n" : "", qPrintable(where),
                         qPrintable(when));
             m_lostLineOpen = true;
+            m_lostAt = lostAt;
         }
         std::fflush(stdout);
     } else if (progress.phase == ZDPublishPhase::Resuming) {
         m_resumedAt = progress.written; // the service's offset
         m_furthestWritten = progress.written;
     } else if (previous == ZDPublishPhase::Resuming) {
-        if (m_lostLineOpen)
+        // Behind where the connection was lost: what was on its way then had
+        // not all reached the service, and goes again.
+        if (m_lostLineOpen && m_resumedAt < m_lostAt)
+            std::printf(" resumed at %s, where Demo Video's copy ends\n",
+                        qPrintable(sizeText(m_resumedAt)));
+        else if (m_lostLineOpen)
             std::printf(" resumed at %s\n", qPrintable(sizeText(m_resumedAt)));
         else // an upload taken up from the journal
             std::printf("  resumed at %s, where Demo Video's copy ends\n",

@@ -133,6 +133,7 @@ private:
     int m_printedPercent = -1;
     ZDPublishPhase m_phase = ZDPublishPhase::Preparing;
     qint64 m_resumedAt = 0;
+    qint64 m_lostAt = 0;          // how far sending had got when the connection was last lost
     qint64 m_furthestWritten = 0; // since sending last (re)started
     bool m_lostLineOpen = false;  // a lost connection's line waits for its end
     QList<ZDUploadJournalEntry> m_toResume;

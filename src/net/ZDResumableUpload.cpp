@@ -59,6 +59,9 @@ private:
 class SystemReachability final : public ZDNetworkReachability
 {
 public:
+    // Loading the backend (a plug-in, then the system bus) takes milliseconds:
+    // paid here, when an upload starts, instead of at its first cut.
+    SystemReachability() { instance(); }
     bool isOffline() override
     {
         QNetworkInformation *info = instance();

@@ -102,6 +102,8 @@ public:
     virtual std::shared_ptr<void> whenOnline(std::function<void()> callback) = 0;
     // QNetworkInformation's reachability where a backend loads (NetworkManager,
     // GLib's network monitor); without one the network is never reported gone.
+    // The backend is loaded when this is called (an upload's start), so that
+    // the first failure does not wait for it.
     static std::shared_ptr<ZDNetworkReachability> systemReachability();
 };
 

@@ -73,7 +73,15 @@ void FaultProxy::onNewConnection()
         m_links.append(link);
         client->setReadBufferSize(kInFlight);
         connect(client, &QTcpSocket::readyRead, this, [this, link] { pump(link); });
-        connect(link->server, &QTcpSocket::connected, this, [this, link] { pump(link); });
+        connect(link->server, &QTcpSocket::connected, this, [this, link] {
+            // The kernel's send buffer holds bytes in flight too, and on
+            // loopback it grows to MiBs: all of them still reach the server
+            // after a cut, and it would spend tens of milliseconds taking in
+            // what a broken path never carried before it saw the break.
+            link->server->setSocketOption(QAbstractSocket::SendBufferSizeSocketOption,
+                                          int(kInFlight));
+            pump(link);
+        });
         connect(link->server, &QTcpSocket::bytesWritten, this, [this, link] { pump(link); });
         connect(link->server, &QTcpSocket::readyRead, this, [link] {
             if (link->client)

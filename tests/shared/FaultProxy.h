@@ -23,7 +23,11 @@ public:
     quint16 port() const { return m_server.serverPort(); }
 
     // Cuts (resets) the connection once `bytes` more upload bytes have passed;
-    // with `repeat`, again every `bytes` after that.
+    // with `repeat`, again every `bytes` after that. The client's side closes
+    // at once (a reset while it is still sending); the server gets the bytes
+    // already passed on (the proxy keeps a few hundred KiB in flight, its
+    // kernel buffer included), then the close, as the far end of a broken path
+    // would.
     void cutAfter(qint64 bytes, bool repeat = false);
     // Further cuts at these absolute upload byte counts, in ascending order.
     void cutAt(QList<qint64> totals) { m_cutPoints = std::move(totals); }

@@ -50,7 +50,7 @@ public:
             std::fprintf(
                 stderr, "retry at %lld in %lld ms: %s %d\n", offset, delayMsecs,
                 qPrintable(reason.localizedDescription()),
-                reason.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode());
+                reason.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode());
     }
     void uploadDidResume(ZDResumableUpload *, qint64 offset) override
     {

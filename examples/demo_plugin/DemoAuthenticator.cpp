@@ -127,7 +127,7 @@ void DemoAuthenticator::requestDidFailWithError(JSONHTTPRequest *request, const 
     const bool refused =
         error.domain() == JSONHTTPRequestErrorDomain &&
         error.code() == JSONHTTPRequestErrorBadStatus &&
-        error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode() == 401;
+        error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode() == 401;
     if (refused)
         m_lastFailure = u"Demo Video did not accept that user name and password."_s;
     else if (error.domain() == ZDCurlErrorDomain || error.domain() == ZDURLErrorDomain)

@@ -249,9 +249,10 @@ void DemoPublishPost::uploadDidResume(ZDResumableUpload *upload, qint64 offset)
 
 void DemoPublishPost::uploadDidFailWithError(ZDResumableUpload *, const ZDError &error)
 {
-    const QByteArray body = error.userInfo().value(u"body"_s).toByteArray();
+    const QByteArray body = error.userInfo().value(ZDResponseBodyKey).toByteArray();
     const ZDError classified = ZDPublishErrorWithError(error, body);
-    const int status = error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode();
+    const int status =
+        error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode();
     const QString reason = QJsonDocument::fromJson(body).object().value(u"error").toString();
     QString sentence;
     switch (ZDPublishErrorKindForError(classified)) {
@@ -390,7 +391,7 @@ void DemoPublishPost::requestDidFailWithError(JSONHTTPRequest *request, const ZD
     if (error.domain() == JSONHTTPRequestErrorDomain &&
         error.code() == JSONHTTPRequestErrorBadStatus) {
         const int status =
-            error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode();
+            error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode();
         if (status == 401) {
             // The token was revoked or expired: the user has to sign in again.
             DemoAuthenticator::activeAuthenticator()->invalidateAuthentication();

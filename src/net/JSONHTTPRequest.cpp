@@ -13,6 +13,8 @@
 using namespace Qt::StringLiterals;
 
 const QString JSONHTTPRequestErrorDomain = QStringLiteral("JSONHTTPRequestErrorDomain");
+const QString ZDHTTPResponseKey = QStringLiteral("response");
+const QString ZDResponseBodyKey = QStringLiteral("body");
 
 namespace {
 
@@ -248,7 +250,7 @@ void JSONHTTPRequestPrivate::connectionDidFinishLoading(ZDURLConnection *)
     if (!receivedValidResponse) {
         QVariantMap userInfo;
         if (response)
-            userInfo.insert(QStringLiteral("response"), QVariant::fromValue(*response));
+            userInfo.insert(ZDHTTPResponseKey, QVariant::fromValue(*response));
         target->requestDidFailWithError(
             q, ZDError(JSONHTTPRequestErrorDomain, JSONHTTPRequestErrorBadStatus, userInfo));
         return;
@@ -437,6 +439,11 @@ qint64 JSONHTTPRequest::maximumDuration() const
 std::optional<ZDHTTPResponse> JSONHTTPRequest::response() const
 {
     return d->response;
+}
+
+const std::optional<QByteArray> &JSONHTTPRequest::responseBody() const
+{
+    return d->rawData;
 }
 
 QString JSONHTTPRequest::encodedStringForParameterDictionary(const QVariantMap &params)

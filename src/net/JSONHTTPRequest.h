@@ -53,9 +53,19 @@ ZD_EXPORT extern const QString JSONHTTPRequestErrorDomain;
 enum JSONHTTPRequestError : qint32 {
     // The response was valid but its body yielded no object, and no parser error.
     JSONHTTPRequestErrorNoResult = 2,
-    // The status was 4xx or 5xx; userInfo holds the ZDHTTPResponse under "response".
+    // The status was 4xx or 5xx; userInfo holds the ZDHTTPResponse under
+    // ZDHTTPResponseKey.
     JSONHTTPRequestErrorBadStatus = 3,
 };
+
+// The userInfo keys the library writes into the errors it reports. Read them
+// by name; their strings are part of the interface and never change.
+// - ZDHTTPResponseKey ("response"): the ZDHTTPResponse (status and headers) of
+//   a refused exchange.
+// - ZDResponseBodyKey ("body"): the refused response's body as a QByteArray,
+//   where the component that failed kept it (the upload engine, the upload job).
+ZD_EXPORT extern const QString ZDHTTPResponseKey;
+ZD_EXPORT extern const QString ZDResponseBodyKey;
 
 // JSON parse failures pass through in the parser's own domain: the code is the
 // parser's error code, the description its message.
@@ -242,8 +252,13 @@ public:
     void setMaximumDuration(qint64 milliseconds);
     qint64 maximumDuration() const;
 
-    // The last response received; it stays readable after the delegate call.
+    // The last response received, status and headers; it stays readable after
+    // the delegate call, so a plug-in can read why a service refused.
     std::optional<ZDHTTPResponse> response() const;
+    // The last response's body as received (decoded when it came compressed),
+    // whatever the status: null before a body arrived, after cancel(), and when
+    // the body went over maximumResponseSize() (nothing of it is kept).
+    const std::optional<QByteArray> &responseBody() const;
 
     // "k1=v1&k2=v2" with the keys sorted by UTF-16 code unit and every key and
     // value escaped by ZDAdditions::urlParameterEscapedString().

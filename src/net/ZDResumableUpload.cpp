@@ -1,7 +1,9 @@
 #include "net/ZDResumableUpload.h"
 
+#include "net/ZDCurlCodes_p.h"
 #include "net/ZDFileUpload.h"
 #include "net/ZDJSON_p.h"
+#include "net/ZDNetworkInformation_p.h"
 #include "net/ZDResumableUpload_p.h"
 #include "net/ZDURLRequest.h"
 
@@ -20,6 +22,7 @@ using namespace Qt::StringLiterals;
 
 const QString ZDResumableUploadErrorDomain = u"ZDResumableUploadErrorDomain"_s;
 const QString ZDUnderlyingErrorKey = u"underlyingError"_s;
+const QString ZDRetriesExhaustedKey = u"retriesExhausted"_s;
 
 namespace {
 
@@ -85,34 +88,8 @@ public:
     }
 
 private:
-    static QNetworkInformation *instance()
-    {
-        if (!QNetworkInformation::loadBackendByFeatures(QNetworkInformation::Feature::Reachability))
-            return nullptr;
-        return QNetworkInformation::instance();
-    }
+    static QNetworkInformation *instance() { return zdNetworkInformation(); }
 };
-
-bool curlErrorIsRetryable(qint64 code)
-{
-    switch (code) {
-    case 5:  // couldn't resolve proxy
-    case 6:  // couldn't resolve host
-    case 7:  // couldn't connect
-    case 16: // HTTP/2 framing
-    case 18: // partial file
-    case 26: // read error (the request layer's own pause, not the file: that is ours)
-    case 28: // timed out or stalled
-    case 35: // TLS connect
-    case 52: // got nothing
-    case 55: // send error
-    case 56: // receive error
-    case 92: // HTTP/2 stream
-        return true;
-    default:
-        return false;
-    }
-}
 
 QByteArray base64Digest(const QString &path, qint64 offset, qint64 length)
 {
@@ -562,14 +539,14 @@ void ZDResumableUploadPrivate::requestFailed(const ZDError &error,
     ZDError annotated = error;
     if (!body.isEmpty()) {
         QVariantMap info = error.userInfo();
-        info.insert(u"body"_s, body.left(kKeptBodyBytes));
+        info.insert(ZDResponseBodyKey, body.left(kKeptBodyBytes));
         annotated = ZDError(error.domain(), error.code(), info);
     }
     if (error.domain() == ZDURLErrorDomain && error.code() == ZDURLErrorBodyFileUnreadable)
         return failWith(ZDResumableUploadErrorFileUnreadable,
                         u"The file %1 cannot be read to its end."_s.arg(filePath), error);
     if (error.domain() == ZDCurlErrorDomain) {
-        if (!curlErrorIsRetryable(error.code()))
+        if (!zdCurlCode(error.code()).retryable)
             return fail(annotated);
         // A connection that carried bytes and broke: most often a passing cut.
         // A tus server serialises the requests of an upload, so its answer to
@@ -664,7 +641,7 @@ void ZDResumableUploadPrivate::retryAfter(const ZDError &reason, qint64 retryAft
     }
     if (waitedMsecs + delay > policy.budgetMsecs) {
         QVariantMap info = reason.userInfo();
-        info.insert(u"retriesExhausted"_s, true);
+        info.insert(ZDRetriesExhaustedKey, true);
         return fail(ZDError(reason.domain(), reason.code(), info));
     }
     step = Step::Waiting;
@@ -707,7 +684,7 @@ void ZDResumableUploadPrivate::fail(const ZDError &error)
     // Keep the entry only where resuming later can still work: a network that
     // gave up, not a refusal or a broken file; and never touch the entry of
     // another running upload.
-    const bool resumable = (error.userInfo().value(u"retriesExhausted"_s).toBool() &&
+    const bool resumable = (error.userInfo().value(ZDRetriesExhaustedKey).toBool() &&
                             protocol != ZDUploadProtocol::Multipart) ||
                            (error.domain() == ZDResumableUploadErrorDomain &&
                             error.code() == ZDResumableUploadErrorAlreadyRunning);

@@ -24,10 +24,13 @@ class ZDResumableUploadPrivate;
 // Errors of the upload engine itself. Refusals of the service and transport
 // failures keep their own domain (JSONHTTPRequestErrorDomain, ZDCurlErrorDomain,
 // ZDURLErrorDomain); the engine adds to their userInfo:
-// - "body": the refused response's body (QByteArray, at most 64 KiB), so that a
-//   plug-in can read the service's reason without holding the request;
-// - "retriesExhausted": true when the failure ended a run of retries.
+// - ZDResponseBodyKey ("body"): the refused response's body (QByteArray, at
+//   most 64 KiB), so that a plug-in can read the service's reason without
+//   holding the request;
+// - ZDRetriesExhaustedKey ("retriesExhausted"): true when the failure ended a
+//   run of retries.
 ZD_EXPORT extern const QString ZDResumableUploadErrorDomain;
+ZD_EXPORT extern const QString ZDRetriesExhaustedKey;
 // userInfo key of the error that led to one of the engine's own errors.
 ZD_EXPORT extern const QString ZDUnderlyingErrorKey;
 enum ZDResumableUploadError : qint32 {

@@ -1,6 +1,8 @@
 #include "net/ZDURLConnection_p.h"
 
+#include "net/ZDCurlCodes_p.h"
 #include "net/ZDCurlDriver_p.h"
+#include "net/ZDNetworkInformation_p.h"
 
 #include "core/zdglobal.h"
 
@@ -58,47 +60,6 @@ QString printable(const QByteArray &text)
             shown += QLatin1Char(c);
     }
     return shown;
-}
-
-// The library's wording for curl's failures; curl's own code and message go
-// into userInfo beside it.
-QString describeCurlCode(CURLcode code)
-{
-    switch (code) {
-    case CURLE_UNSUPPORTED_PROTOCOL:
-        return QStringLiteral("The address uses a protocol other than http or https.");
-    case CURLE_URL_MALFORMAT:
-        return QStringLiteral("The address is malformed.");
-    case CURLE_COULDNT_RESOLVE_PROXY:
-        return QStringLiteral("The proxy server could not be found.");
-    case CURLE_COULDNT_RESOLVE_HOST:
-        return QStringLiteral("The server could not be found.");
-    case CURLE_COULDNT_CONNECT:
-        return QStringLiteral("Could not connect to the server.");
-    case CURLE_OPERATION_TIMEDOUT:
-        return QStringLiteral("The server did not answer in time.");
-    case CURLE_SSL_CONNECT_ERROR:
-        return QStringLiteral("A secure connection to the server could not be made.");
-    case CURLE_PEER_FAILED_VERIFICATION:
-        return QStringLiteral("The server's certificate is not trusted.");
-    case CURLE_SEND_ERROR:
-        return QStringLiteral("The connection broke while the request was sent.");
-    case CURLE_RECV_ERROR:
-    case CURLE_PARTIAL_FILE:
-        return QStringLiteral("The connection broke before the whole response arrived.");
-    case CURLE_GOT_NOTHING:
-        return QStringLiteral("The server closed the connection without answering.");
-    case CURLE_TOO_MANY_REDIRECTS:
-        return QStringLiteral("The server redirected the request too many times.");
-    case CURLE_BAD_CONTENT_ENCODING:
-        return QStringLiteral("The server's compressed response could not be decoded.");
-    case CURLE_WEIRD_SERVER_REPLY:
-        return QStringLiteral("The server's response is not valid HTTP.");
-    case CURLE_OUT_OF_MEMORY:
-        return QStringLiteral("The transport ran out of memory.");
-    default:
-        return QStringLiteral("The exchange with the server failed.");
-    }
 }
 
 // Qt's proxy for `url` in curl's spelling, empty for none (which also keeps
@@ -304,12 +265,8 @@ bool zdLinkIsCellular()
 {
     if (const auto &probe = cellularProbe())
         return probe();
-    if (!QCoreApplication::instance())
-        return false;
     using Info = QNetworkInformation;
-    if (!Info::instance())
-        Info::loadBackendByFeatures(Info::Feature::TransportMedium);
-    const Info *info = Info::instance();
+    const Info *info = zdNetworkInformation();
     if (!info)
         return false;
     return info->transportMedium() == Info::TransportMedium::Cellular ||
@@ -839,5 +796,5 @@ void ZDURLConnection::Private::dispatchDone(CURLcode result)
         return;
     }
     d->connectionDidFailWithError(
-        q, makeError(ZDCurlErrorDomain, result, describeCurlCode(result), url, curlInfo));
+        q, makeError(ZDCurlErrorDomain, result, zdCurlCode(result).description, url, curlInfo));
 }

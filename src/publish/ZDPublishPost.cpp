@@ -14,6 +14,7 @@
 using namespace Qt::StringLiterals;
 
 const QString ZDPublishErrorDomain = u"ZDPublishErrorDomain"_s;
+const QString ZDInvalidFieldKey = u"field"_s;
 
 namespace {
 
@@ -87,7 +88,7 @@ ZDPublishErrorKind kindOf(const ZDError &error, const QByteArray &body)
                    : ZDPublishErrorKind::Network;
     if (domain == JSONHTTPRequestErrorDomain && error.code() == JSONHTTPRequestErrorBadStatus) {
         const int status =
-            error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode();
+            error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode();
         if (status == 429 || namesALimit(body))
             return ZDPublishErrorKind::QuotaOrRateLimit;
         if (status == 401)
@@ -104,7 +105,7 @@ ZDPublishErrorKind kindOf(const ZDError &error, const QByteArray &body)
 
 ZDPublishErrorKind ZDPublishErrorKindForError(const ZDError &error)
 {
-    return kindOf(error, error.userInfo().value(u"body"_s).toByteArray());
+    return kindOf(error, error.userInfo().value(ZDResponseBodyKey).toByteArray());
 }
 
 ZDError ZDPublishErrorWithKind(ZDPublishErrorKind kind, const ZDError &underlying,
@@ -119,11 +120,11 @@ ZDError ZDPublishErrorWithKind(ZDPublishErrorKind kind, const ZDError &underlyin
     QVariantMap info{{ZDLocalizedDescriptionKey, sentence}};
     if (!underlying.isNull()) {
         info.insert(ZDUnderlyingErrorKey, QVariant::fromValue(underlying));
-        if (underlying.userInfo().contains(u"body"_s))
-            info.insert(u"body"_s, underlying.userInfo().value(u"body"_s));
+        if (underlying.userInfo().contains(ZDResponseBodyKey))
+            info.insert(ZDResponseBodyKey, underlying.userInfo().value(ZDResponseBodyKey));
     }
     if (kind == ZDPublishErrorKind::InvalidField)
-        info.insert(u"field"_s, field);
+        info.insert(ZDInvalidFieldKey, field);
     return ZDError(ZDPublishErrorDomain, qint64(kind), info);
 }
 
@@ -131,12 +132,13 @@ ZDError ZDPublishErrorWithError(const ZDError &underlying, const QByteArray &bod
 {
     if (underlying.domain() == ZDPublishErrorDomain)
         return underlying;
-    QByteArray kept = body.isNull() ? underlying.userInfo().value(u"body"_s).toByteArray() : body;
+    QByteArray kept =
+        body.isNull() ? underlying.userInfo().value(ZDResponseBodyKey).toByteArray() : body;
     kept.truncate(kKeptBodyBytes);
     ZDError carried = underlying;
-    if (!kept.isEmpty() && !underlying.userInfo().contains(u"body"_s)) {
+    if (!kept.isEmpty() && !underlying.userInfo().contains(ZDResponseBodyKey)) {
         QVariantMap info = underlying.userInfo();
-        info.insert(u"body"_s, kept);
+        info.insert(ZDResponseBodyKey, kept);
         carried = ZDError(underlying.domain(), underlying.code(), info);
     }
     const ZDPublishErrorKind kind = kindOf(underlying, kept);

@@ -42,8 +42,10 @@ struct ZDPublishProgress
 // through ZDPublishPost's helpers is in ZDPublishErrorDomain with one of these
 // codes, a sentence for the user under ZDLocalizedDescriptionKey, the error
 // that caused it under ZDUnderlyingErrorKey, the refused response's body under
-// "body" when there was one, and for InvalidField the field's name under "field".
+// ZDResponseBodyKey ("body") when there was one, and for InvalidField the
+// field's name under ZDInvalidFieldKey ("field").
 ZD_EXPORT extern const QString ZDPublishErrorDomain;
+ZD_EXPORT extern const QString ZDInvalidFieldKey;
 enum class ZDPublishErrorKind : qint32 {
     SignInAgain = 1,             // credentials refused or not renewable
     QuotaOrRateLimit = 2,        // 429, or a refusal that names a quota or limit

@@ -468,7 +468,8 @@ void tst_JSONHTTPRequest::statusClassesDecideValidity()
     QCOMPARE(error.domain(), JSONHTTPRequestErrorDomain);
     QCOMPARE(error.code(), qint64(JSONHTTPRequestErrorBadStatus));
     QCOMPARE(error.userInfo().size(), 1);
-    QCOMPARE(error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode(), status);
+    QCOMPARE(error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode(),
+             status);
     // The error body is kept as received but never parsed or delivered.
     QCOMPARE(request.rawData().value_or(QByteArray()), body);
 }

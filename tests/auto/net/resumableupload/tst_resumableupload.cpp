@@ -414,14 +414,16 @@ void tst_ResumableUpload::resumesFromTheServersOffsetAfterCutsAtRandomOffsets()
         upload.start();
         QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
         const ZDError &error = recorder.error;
-        QVERIFY2(
-            recorder.finishes == 1,
-            qPrintable(
-                u"run %1, cut at %2: %3 (status %4) %5"_s.arg(run)
-                    .arg(cuts.front())
-                    .arg(error.localizedDescription())
-                    .arg(error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode())
-                    .arg(QString::fromUtf8(error.userInfo().value(u"body"_s).toByteArray()))));
+        QVERIFY2(recorder.finishes == 1,
+                 qPrintable(u"run %1, cut at %2: %3 (status %4) %5"_s.arg(run)
+                                .arg(cuts.front())
+                                .arg(error.localizedDescription())
+                                .arg(error.userInfo()
+                                         .value(ZDHTTPResponseKey)
+                                         .value<ZDHTTPResponse>()
+                                         .statusCode())
+                                .arg(QString::fromUtf8(
+                                    error.userInfo().value(ZDResponseBodyKey).toByteArray()))));
         QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), run + 1, 30000);
         const QByteArray stored = readFile(server.stored().last());
         qsizetype differs = 0;
@@ -662,7 +664,7 @@ void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter()
         QVERIFY(clock->waits.isEmpty());
         QCOMPARE(recorder.error.domain(), JSONHTTPRequestErrorDomain);
         // The refusal's body travels with the error.
-        QCOMPARE(recorder.error.userInfo().value(u"body"_s).toByteArray(),
+        QCOMPARE(recorder.error.userInfo().value(ZDResponseBodyKey).toByteArray(),
                  QByteArray(R"({"error":"slow down"})"));
         return;
     }
@@ -771,7 +773,7 @@ void tst_ResumableUpload::aServerThatNeverLetsGoMeetsTheBudget()
         QCOMPARE(recorder.error.code(), ZDResumableUploadErrorProtocolViolation);
         return;
     }
-    QVERIFY(recorder.error.userInfo().value(u"retriesExhausted"_s).toBool());
+    QVERIFY(recorder.error.userInfo().value(ZDRetriesExhaustedKey).toBool());
     QCOMPARE(waits.count(0), status == 0 ? 0 : 1); // a 308 cut is never retried at once
     QVERIFY(std::accumulate(waits.cbegin(), waits.cend(), 0LL) <= 5000);
 }
@@ -899,9 +901,11 @@ void tst_ResumableUpload::renewsCredentialsOnceAfterA401AndContinuesFromTheServe
         QCOMPARE(credentials.reasons.count(ZDCredentialSource::Reason::Unauthorized), 1);
         if (secondRefusal) {
             QCOMPARE(recorder.failures, 1);
-            QCOMPARE(
-                recorder.error.userInfo().value(u"response"_s).value<ZDHTTPResponse>().statusCode(),
-                401);
+            QCOMPARE(recorder.error.userInfo()
+                         .value(ZDHTTPResponseKey)
+                         .value<ZDHTTPResponse>()
+                         .statusCode(),
+                     401);
             continue;
         }
         QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));

@@ -68,7 +68,7 @@ public:
 ZDError badStatus(int status)
 {
     return ZDError(JSONHTTPRequestErrorDomain, JSONHTTPRequestErrorBadStatus,
-                   {{u"response"_s, QVariant::fromValue(ZDHTTPResponse(QUrl(), status, {}))}});
+                   {{ZDHTTPResponseKey, QVariant::fromValue(ZDHTTPResponse(QUrl(), status, {}))}});
 }
 
 } // namespace
@@ -151,7 +151,7 @@ void tst_PublishPost::classifiesErrorsSoAHostCanAct()
     if (error.domain() != ZDPublishErrorDomain) {
         QCOMPARE(classified.userInfo().value(ZDUnderlyingErrorKey).value<ZDError>().domain(),
                  error.domain());
-        QCOMPARE(classified.userInfo().value(u"body"_s).toByteArray(), body);
+        QCOMPARE(classified.userInfo().value(ZDResponseBodyKey).toByteArray(), body);
     }
     // Every sentence exists in both languages, and they differ.
     const QString german = ZDLocalizedString(

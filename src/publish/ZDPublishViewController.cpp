@@ -638,6 +638,12 @@ void ZDPublishViewController::tableViewDidSelectRowAtIndexPath(ZDTableView *tabl
         if (!ZDDevice::isTablet())
             orderOutKeyboard();
     } else if (section == s.account) {
+        // The keyboard goes before the alert comes, so that the alert hands
+        // the focus back to the row a keyboard user left, or to nothing after
+        // a tap took it from a text field, never to a field that would bring
+        // the keyboard back.
+        if (!ZDDevice::isTablet())
+            orderOutKeyboard();
         if (_isAuthenticated()) {
             m_accountAlert = accountAlert();
             if (m_accountAlert) {
@@ -646,8 +652,6 @@ void ZDPublishViewController::tableViewDidSelectRowAtIndexPath(ZDTableView *tabl
             }
         }
         tableView->deselectRowAtIndexPath(indexPath, true);
-        if (!ZDDevice::isTablet())
-            orderOutKeyboard();
     }
 }
 
@@ -854,10 +858,11 @@ void ZDPublishViewController::resignResponder()
 
 void ZDPublishViewController::orderOutKeyboard()
 {
-    // Only the form's own fields lose the focus: an alert the form has just put
-    // up keeps it.
+    // Only a text field of the form loses the focus: a row that a keyboard
+    // user acts on keeps it, and so does an alert the form has just put up.
     if (isViewLoaded()) {
-        if (QWidget *focus = view()->window()->focusWidget(); focus && view()->isAncestorOf(focus))
+        if (QWidget *focus = view()->window()->focusWidget();
+            focus && view()->isAncestorOf(focus) && focus->testAttribute(Qt::WA_InputMethodEnabled))
             focus->clearFocus();
     }
     ZDKeyboard::shared().orderOutAutomaticKeyboard();

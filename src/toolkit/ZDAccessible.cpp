@@ -523,9 +523,30 @@ public:
     }
 };
 
+// A page keeps the roles of a plain widget inside a window, but a host may
+// show it as its own top-level window (a sheet): then it is that window, with
+// the host's title where the host set one.
+class AccessiblePage : public QAccessibleWidget
+{
+public:
+    using QAccessibleWidget::QAccessibleWidget;
+    QAccessible::Role role() const override
+    {
+        return widget()->isWindow() ? QAccessible::Window : QAccessibleWidget::role();
+    }
+    QString text(QAccessible::Text t) const override
+    {
+        if (t == QAccessible::Name && widget()->isWindow() && !widget()->windowTitle().isEmpty())
+            return widget()->windowTitle();
+        return QAccessibleWidget::text(t);
+    }
+};
+
 QAccessibleInterface *factory(const QString &, QObject *object)
 {
     if (auto *widget = qobject_cast<QWidget *>(object)) {
+        if (widget->property(zdaccessible::kPageProperty).toBool())
+            return new AccessiblePage(widget);
         // A table's content widget sits in the table's viewport.
         QWidget *viewport = widget->parentWidget();
         auto *table = viewport ? qobject_cast<ZDTableView *>(viewport->parentWidget()) : nullptr;

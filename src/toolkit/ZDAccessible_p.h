@@ -26,4 +26,9 @@ QString spokenText(const QString &shown);
 // overrides the role guessed from the row's contents (see ZDTableViewCell).
 constexpr char kRoleProperty[] = "zdAccessibleRole";
 
+// A dynamic property (bool) that marks a page: a view named after its title
+// (the navigation controller's). Shown as a window of its own, a page is
+// announced as a window with the title its host gave the window.
+constexpr char kPageProperty[] = "zdAccessiblePage";
+
 } // namespace zdaccessible

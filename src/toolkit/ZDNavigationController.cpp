@@ -1,5 +1,6 @@
 #include "toolkit/ZDNavigationController.h"
 
+#include "toolkit/ZDAccessible_p.h"
 #include "toolkit/ZDStyle_p.h"
 
 #include <QEvent>
@@ -63,6 +64,8 @@ ZDNavigationController::~ZDNavigationController()
 QWidget *ZDNavigationController::loadView()
 {
     QWidget *view = ZDViewController::loadView();
+    zdaccessible::install();
+    view->setProperty(zdaccessible::kPageProperty, true);
     auto *bar = new QWidget(view);
     bar->setObjectName(QStringLiteral("navigationBar"));
     bar->setFixedHeight(kBarHeight);

@@ -38,22 +38,22 @@ qint64 availableMemory()
     return std::numeric_limits<qint64>::max();
 }
 
-// The request, with the body of a refusal readable: the service explains
-// itself there.
-class DemoRequest : public JSONHTTPRequest
-{
-public:
-    using JSONHTTPRequest::JSONHTTPRequest;
-    using JSONHTTPRequest::rawData;
-};
-
 // The service's explanation in a refusal's JSON body ({"error": "..."}), if any.
-QString refusalReason(const JSONHTTPRequest *request)
+QString refusalReason(const QByteArray &body)
 {
-    const auto &body = static_cast<const DemoRequest *>(request)->rawData();
-    if (!body)
-        return QString();
-    return QJsonDocument::fromJson(*body).object().value(u"error").toString();
+    return QJsonDocument::fromJson(body).object().value(u"error").toString();
+}
+
+// The service's answer for a published video, if it names one.
+std::optional<DemoPublishedVideo> publishedVideoIn(const QVariant &response)
+{
+    const QVariantMap answer = response.toMap();
+    DemoPublishedVideo published{
+        answer.value(u"id"_s).toString(), QUrl(answer.value(u"url"_s).toString()),
+        answer.value(u"md5"_s).toString(), answer.value(u"bytes"_s).toLongLong()};
+    if (published.id.isEmpty() || !published.url.isValid() || published.md5.isEmpty())
+        return std::nullopt;
+    return published;
 }
 
 QString sizeText(qint64 bytes)
@@ -207,10 +207,10 @@ void DemoPublishPost::sendResumable(const std::shared_ptr<RequestSigner> &signer
             entry.sessionURL = session;
             entry.endpoint = endpoint;
         }
-        m_upload = std::make_unique<ZDResumableUpload>(entry, this);
+        m_upload = std::make_unique<ZDResumableUpload>(entry, uploadRelay());
     } else {
         m_upload = std::make_unique<ZDResumableUpload>(ZDUploadProtocol::ResumeIncomplete, endpoint,
-                                                       m_details.path, this);
+                                                       m_details.path, uploadRelay());
         m_upload->setMetadata(textFields());
     }
     m_upload->setJournal(demoUploadJournal(m_options));
@@ -220,40 +220,15 @@ void DemoPublishPost::sendResumable(const std::shared_ptr<RequestSigner> &signer
         m_upload->setSigner(signer);
     m_upload->setServerDigestKey(u"md5"_s, ZDDigestAlgorithm::MD5);
     m_upload->setAllowsCellularAccess(allowsCellularAccessForUploads());
-    m_videoBytes = QFileInfo(m_details.path).size();
     m_upload->start();
 }
 
-void DemoPublishPost::uploadDidFinish(ZDResumableUpload *upload, const QVariant &response)
+void DemoPublishPost::_uploadDidFail(const ZDError &error)
 {
-    uploadRelay()->uploadDidFinish(upload, response);
-}
-
-void DemoPublishPost::uploadHasSentBytes(ZDResumableUpload *upload, qint64 sent, qint64 total)
-{
-    uploadRelay()->uploadHasSentBytes(upload, sent, total);
-}
-
-void DemoPublishPost::uploadWillRetry(ZDResumableUpload *upload, const ZDError &reason,
-                                      qint64 delayMsecs, qint64 confirmedOffset)
-{
-    // What the service confirmed, not what went into the lost connection.
-    uploadRelay()->uploadHasSentBytes(upload, confirmedOffset, upload->totalBytes());
-    uploadRelay()->uploadWillRetry(upload, reason, delayMsecs, confirmedOffset);
-}
-
-void DemoPublishPost::uploadDidResume(ZDResumableUpload *upload, qint64 offset)
-{
-    uploadRelay()->uploadDidResume(upload, offset);
-}
-
-void DemoPublishPost::uploadDidFailWithError(ZDResumableUpload *, const ZDError &error)
-{
-    const QByteArray body = error.userInfo().value(ZDResponseBodyKey).toByteArray();
-    const ZDError classified = ZDPublishErrorWithError(error, body);
+    const ZDError classified = ZDPublishErrorWithError(error);
     const int status =
         error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode();
-    const QString reason = QJsonDocument::fromJson(body).object().value(u"error").toString();
+    const QString reason = refusalReason(error.userInfo().value(ZDResponseBodyKey).toByteArray());
     QString sentence;
     switch (ZDPublishErrorKindForError(classified)) {
     case ZDPublishErrorKind::SignInAgain:
@@ -292,15 +267,11 @@ void DemoPublishPost::uploadDidFailWithError(ZDResumableUpload *, const ZDError 
 
 void DemoPublishPost::_uploadDidFinish(const QVariant &response)
 {
-    const QVariantMap answer = response.toMap();
-    DemoPublishedVideo published{
-        answer.value(u"id"_s).toString(), QUrl(answer.value(u"url"_s).toString()),
-        answer.value(u"md5"_s).toString(), answer.value(u"bytes"_s).toLongLong()};
-    if (published.id.isEmpty() || !published.url.isValid() || published.md5.isEmpty())
+    m_published = publishedVideoIn(response);
+    if (!m_published)
         return _failWithError(ZDPublishErrorWithKind(
             ZDPublishErrorKind::ServiceFailure,
             ZDError(JSONHTTPRequestErrorDomain, JSONHTTPRequestErrorNoResult)));
-    m_published = published;
     _succeed();
 }
 
@@ -318,7 +289,8 @@ void DemoPublishPost::sendUpload(const std::shared_ptr<RequestSigner> &signer)
         return;
     }
 
-    m_request = std::make_unique<DemoRequest>(DemoVideo::endpoint(u"api/videos"_s), this, signer);
+    m_request =
+        std::make_unique<JSONHTTPRequest>(DemoVideo::endpoint(u"api/videos"_s), this, signer);
     m_request->setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
     m_request->setResponseType(JSONHTTPResponseTypeJSON);
     m_request->setAllowsCellularAccess(allowsCellularAccessForUploads());
@@ -368,16 +340,12 @@ void DemoPublishPost::requestHasWrittenBytesExpectsToWrite(JSONHTTPRequest *, qi
 
 void DemoPublishPost::requestDidReceiveObject(JSONHTTPRequest *request, const QVariant &object)
 {
-    const QVariantMap answer = object.toMap();
-    DemoPublishedVideo published{
-        answer.value(u"id"_s).toString(), QUrl(answer.value(u"url"_s).toString()),
-        answer.value(u"md5"_s).toString(), answer.value(u"bytes"_s).toLongLong()};
-    if (published.id.isEmpty() || !published.url.isValid() || published.md5.isEmpty()) {
+    m_published = publishedVideoIn(object);
+    if (!m_published) {
         requestDidFailWithError(request,
                                 ZDError(JSONHTTPRequestErrorDomain, JSONHTTPRequestErrorNoResult));
         return;
     }
-    m_published = published;
     m_request.reset();
     if (ZDPublishPostDelegate *target = delegate())
         target->publishPostSucceeded(this);
@@ -385,7 +353,8 @@ void DemoPublishPost::requestDidReceiveObject(JSONHTTPRequest *request, const QV
 
 void DemoPublishPost::requestDidFailWithError(JSONHTTPRequest *request, const ZDError &error)
 {
-    const QString reason = request ? refusalReason(request) : QString();
+    const QString reason =
+        request ? refusalReason(request->responseBody().value_or(QByteArray())) : QString();
     m_request.reset();
     ZDError reported;
     if (error.domain() == JSONHTTPRequestErrorDomain &&

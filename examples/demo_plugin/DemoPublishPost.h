@@ -63,18 +63,16 @@ struct DemoPublishedVideo
 //
 // Resumable mode goes through ZDResumableUpload with a "308 Resume Incomplete"
 // session, journaled (DemoUploadOptions::journalDirectory) until it ends: every request is signed
-// (or carries the OAuth 2.0 token, renewed by the authenticator when it expires), the service's MD5
-// of the whole video is checked against the file's, and progress, retries and resumptions reach the
-// delegate through publishPostDidUpdateProgress(). Its errors are in
-// ZDPublishErrorDomain (ZDPublishPost.h).
+// (or carries the OAuth 2.0 token, renewed by the authenticator when it expires) and the service's
+// MD5 of the whole video is checked against the file's. The job only starts the upload and handles
+// its two endings: the library's uploadRelay() tells the delegate of progress, retries and
+// resumptions. Its errors are in ZDPublishErrorDomain (ZDPublishPost.h).
 //
 // The multipart modes send one signed multipart POST to api/videos. The text
 // fields are signed (as query parameters); the video travels unsigned. Their
 // errors reach the delegate in DemoVideo::ErrorDomain with a description for
 // the user and the library's error underneath.
-class DemoPublishPost : public ZDPublishPost,
-                        public JSONHTTPRequestDelegate,
-                        public ZDResumableUploadDelegate
+class DemoPublishPost : public ZDPublishPost, public JSONHTTPRequestDelegate
 {
 public:
     DemoPublishPost(ZDPublishPostDelegate *delegate, DemoVideoDetails details,
@@ -104,17 +102,11 @@ public:
     void requestHasWrittenBytesExpectsToWrite(JSONHTTPRequest *request, qint64 written,
                                               qint64 expected) override;
 
-    // The engine's calls go to uploadRelay(); a failure is described in the
-    // plug-in's words first (the kind stays the library's).
-    void uploadDidFinish(ZDResumableUpload *upload, const QVariant &response) override;
-    void uploadDidFailWithError(ZDResumableUpload *upload, const ZDError &error) override;
-    void uploadHasSentBytes(ZDResumableUpload *upload, qint64 sent, qint64 total) override;
-    void uploadWillRetry(ZDResumableUpload *upload, const ZDError &reason, qint64 delayMsecs,
-                         qint64 confirmedOffset) override;
-    void uploadDidResume(ZDResumableUpload *upload, qint64 offset) override;
-
 protected:
     void _uploadDidFinish(const QVariant &response) override;
+    // Describes the failure in the plug-in's words first (the kind stays the
+    // library's).
+    void _uploadDidFail(const ZDError &error) override;
 
 private:
     // What the form says, as the service's text fields.

@@ -10,6 +10,7 @@
 #include <QJsonObject>
 
 #include <cmath>
+#include <utility>
 
 using namespace Qt::StringLiterals;
 
@@ -199,10 +200,39 @@ public:
         }
     }
 
-    void tell()
+    // Both return whether the job is still alive: its delegate may destroy it.
+    bool tell()
     {
+        const std::weak_ptr<const void> alive = weakToken();
         if (ZDPublishPostDelegate *target = q->delegate())
             target->publishPostDidUpdateProgress(q, progress);
+        return !alive.expired();
+    }
+    bool tellCount()
+    {
+        const std::weak_ptr<const void> alive = weakToken();
+        if (ZDPublishPostDelegate *target = q->delegate())
+            target->publishPostHasWrittenBytesExpectsToWrite(q, progress.written,
+                                                             progress.expected);
+        return !alive.expired();
+    }
+
+    // After a failure the service's offset is the truth. The phase is told
+    // first and the count after it, so that a host knows why its bar moves.
+    template <class TellPhase>
+    void moveToOffset(ZDResumableUpload *upload, qint64 offset, TellPhase tellPhase)
+    {
+        if (ended)
+            return;
+        const qint64 total = upload ? upload->totalBytes() : progress.expected;
+        const bool moved = offset != progress.written || total != progress.expected;
+        progress.written = offset;
+        progress.expected = total;
+        lastSampleAt = -1; // a jump is no transfer: the rate goes on from here
+        const std::weak_ptr<const void> alive = weakToken();
+        tellPhase();
+        if (moved && !alive.expired() && !ended)
+            tellCount();
     }
 
     // The relay for a ZDResumableUpload.
@@ -212,22 +242,25 @@ public:
     }
     void uploadDidFailWithError(ZDResumableUpload *, const ZDError &error) override
     {
-        q->_failWithError(error);
+        q->_uploadDidFail(error);
     }
     void uploadHasSentBytes(ZDResumableUpload *, qint64 sent, qint64 total) override
     {
         q->_relayProgress(sent, total);
     }
-    void uploadWillRetry(ZDResumableUpload *, const ZDError &reason, qint64 delayMsecs,
-                         qint64) override
+    void uploadWillRetry(ZDResumableUpload *upload, const ZDError &reason, qint64 delayMsecs,
+                         qint64 confirmedOffset) override
     {
-        q->_setWaitingToRetry(ZDPublishErrorWithError(reason), delayMsecs);
+        moveToOffset(upload, confirmedOffset,
+                     [&] { q->_setWaitingToRetry(ZDPublishErrorWithError(reason), delayMsecs); });
     }
-    void uploadDidResume(ZDResumableUpload *, qint64 offset) override
+    void uploadDidResume(ZDResumableUpload *upload, qint64 offset) override
     {
-        progress.written = offset;
-        q->_setPhase(ZDPublishPhase::Resuming);
+        moveToOffset(upload, offset, [&] { q->_setPhase(ZDPublishPhase::Resuming); });
     }
+
+    bool relayHandedOut = false;
+    std::shared_ptr<void> preparingReport;
 };
 
 ZDPublishPost::ZDPublishPost(ZDPublishPostDelegate *delegate)
@@ -262,12 +295,7 @@ void ZDPublishPost::_relayProgress(qint64 written, qint64 expected)
                                                             : ZDPublishPhase::Sending;
     d->progress.retryReason = ZDError();
     d->progress.retryInMsecs = 0;
-    const ZDWeakRef<ZDPublishPostDelegate> target = m_delegate;
-    if (ZDPublishPostDelegate *listener = target.get())
-        listener->publishPostHasWrittenBytesExpectsToWrite(this, written, expected);
-    // The delegate may have destroyed the job; it is alive while its delegate
-    // link still answers and the job has not ended.
-    if (target.get())
+    if (d->tellCount())
         d->tell();
 }
 
@@ -312,10 +340,25 @@ void ZDPublishPost::_failWithError(const ZDError &error, const QByteArray &body)
 
 ZDResumableUploadDelegate *ZDPublishPost::uploadRelay()
 {
+    if (!std::exchange(d->relayHandedOut, true)) {
+        // Usually called inside startUpload(), where the delegate must not hear
+        // from the job yet (it may destroy it): the phase follows from the loop.
+        Private *state = d.get();
+        d->preparingReport = d->time().callAfter(0, [state, alive = state->weakToken()] {
+            if (!alive.expired() && !state->ended &&
+                state->progress.phase == ZDPublishPhase::Preparing)
+                state->tell();
+        });
+    }
     return d.get();
 }
 
 void ZDPublishPost::_uploadDidFinish(const QVariant &)
 {
     _succeed();
+}
+
+void ZDPublishPost::_uploadDidFail(const ZDError &error)
+{
+    _failWithError(error);
 }

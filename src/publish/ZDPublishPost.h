@@ -93,8 +93,23 @@ public:
 // The protected helpers do that reporting for it: _relayProgress() and
 // _setPhase() keep the smoothed rate and ETA and tell the delegate;
 // _succeed() and _failWithError() end the job, exactly once: a second ending
-// is a programming fault and stops the program (ZD_ASSERT). uploadRelay() is a
-// ready delegate for a ZDResumableUpload that does all of it.
+// is a programming fault and stops the program (ZD_ASSERT).
+//
+// With a ZDResumableUpload, a job does not report at all: it gives
+// uploadRelay() to the upload as its delegate, starts it, and overrides at
+// most the upload's two endings. The relay tells the delegate, in the order
+// the engine's events happen:
+// - Preparing once, from the event loop after the relay was first handed out
+//   (never from inside startUpload()), unless the upload reported first;
+// - every byte count (publishPostHasWrittenBytesExpectsToWrite), then Sending,
+//   or ServerProcessing once every byte is sent;
+// - on a retry, WaitingToRetry with the classified reason and the wait, then
+//   the count again at the offset the service confirmed: the bytes that went
+//   into a lost connection are not the service's;
+// - on a resume, Resuming, then the count at the service's offset (back, or
+//   forward when it kept bytes of a lost request);
+// - finally _uploadDidFinish() or _uploadDidFail(), whose defaults succeed and
+//   fail (classified) the job. A count that did not move is not told again.
 //
 // Callback contract: the delegate may destroy the job inside any call; a
 // subclass that calls a helper touches nothing of itself afterwards unless it
@@ -129,12 +144,17 @@ protected:
     // ZDPublishErrorDomain, and ends the job with it.
     void _failWithError(const ZDError &error, const QByteArray &body = QByteArray());
 
-    // A delegate for a ZDResumableUpload that relays its progress, retries and
-    // resumptions and ends the job with its outcome (through
-    // _uploadDidFinish()). Owned by the job; give it to one upload at a time.
+    // The delegate for a ZDResumableUpload described above. Owned by the job;
+    // give it to one upload at a time.
     ZDResumableUploadDelegate *uploadRelay();
-    // The upload finished with the service's answer; the base succeeds.
+    // The upload finished with the service's answer; the base succeeds. An
+    // override that finds the answer wanting fails the job instead.
     virtual void _uploadDidFinish(const QVariant &response);
+    // The upload failed with the engine's error (the refused body, if any,
+    // under ZDResponseBodyKey); the base fails the job with it, classified. An
+    // override may put the service's own words in front and end the job with
+    // _failWithError() itself.
+    virtual void _uploadDidFail(const ZDError &error);
 
 private:
     class Private;

@@ -12,15 +12,64 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
+// Time that moves only when the test says so; its calls run on runDue().
 class ManualClock : public ZDUploadClock
 {
 public:
     qint64 msecsNow() const override { return now; }
-    std::shared_ptr<void> callAfter(qint64, std::function<void()>) override { return nullptr; }
+    std::shared_ptr<void> callAfter(qint64, std::function<void()> callback) override
+    {
+        auto handle = std::make_shared<char>();
+        pending.emplace_back(handle, std::move(callback));
+        return handle;
+    }
+    void runDue()
+    {
+        for (auto &[handle, callback] : std::exchange(pending, {})) {
+            if (!handle.expired())
+                callback();
+        }
+    }
     qint64 now = 0;
+    std::vector<std::pair<std::weak_ptr<char>, std::function<void()>>> pending;
 };
 
-// A job whose helpers the test drives directly.
+// Everything a job tells its delegate, in order, as lines of a log.
+class Listener : public ZDPublishPostDelegate
+{
+public:
+    void publishPostDidFailWithError(ZDPublishPost *post, const ZDError &failure) override
+    {
+        note(post, u"failed %1"_s.arg(failure.code()));
+    }
+    void publishPostSucceeded(ZDPublishPost *post) override { note(post, u"succeeded"_s); }
+    void publishPostHasWrittenBytesExpectsToWrite(ZDPublishPost *post, qint64 written,
+                                                  qint64 expected) override
+    {
+        note(post, u"count %1/%2"_s.arg(written).arg(expected));
+    }
+    void publishPostDidUpdateProgress(ZDPublishPost *post,
+                                      const ZDPublishProgress &progress) override
+    {
+        static const QStringList names{u"Preparing"_s, u"Sending"_s, u"WaitingToRetry"_s,
+                                       u"Resuming"_s, u"ServerProcessing"_s};
+        QString line = u"%1 %2"_s.arg(names.at(int(progress.phase))).arg(progress.written);
+        if (progress.phase == ZDPublishPhase::WaitingToRetry)
+            line += u" in %1 kind %2"_s.arg(progress.retryInMsecs).arg(progress.retryReason.code());
+        note(post, line);
+    }
+    void note(ZDPublishPost *post, const QString &line)
+    {
+        log.append(line);
+        if (line == destroyOn)
+            delete post;
+    }
+    QString destroyOn; // the line on which the job is destroyed
+    QStringList log;
+};
+
+// A job whose helpers the test drives directly; its failure hook notes the
+// engine's error as it arrived before the default handles it.
 class Job : public ZDPublishPost
 {
 public:
@@ -30,40 +79,41 @@ public:
     using ZDPublishPost::_succeed;
     using ZDPublishPost::uploadRelay;
     using ZDPublishPost::ZDPublishPost;
+
+protected:
+    void _uploadDidFail(const ZDError &error) override
+    {
+        static_cast<Listener *>(delegate())->log.append(u"hook "_s + error.domain());
+        ZDPublishPost::_uploadDidFail(error);
+    }
 };
 
-class Listener : public ZDPublishPostDelegate
+// One call of the upload engine into the relay; Loop runs the event loop's due calls.
+struct EngineCall
 {
-public:
-    void publishPostDidFailWithError(ZDPublishPost *post, const ZDError &failure) override
-    {
-        ++failures;
-        error = failure;
-        if (destroyOnEnd)
-            delete post;
-    }
-    void publishPostSucceeded(ZDPublishPost *post) override
-    {
-        ++successes;
-        if (destroyOnEnd)
-            delete post;
-    }
-    void publishPostHasWrittenBytesExpectsToWrite(ZDPublishPost *, qint64 written,
-                                                  qint64 expected) override
-    {
-        counts.append({written, expected});
-    }
-    void publishPostDidUpdateProgress(ZDPublishPost *, const ZDPublishProgress &progress) override
-    {
-        updates.append(progress);
-    }
-    int successes = 0;
-    int failures = 0;
+    enum Kind { Sent, Retry, Resume, Finish, Fail, Loop } kind;
+    qint64 bytes = 0;
+    qint64 other = 0; // Sent: the total; Retry: the wait
     ZDError error;
-    bool destroyOnEnd = false;
-    QList<std::pair<qint64, qint64>> counts;
-    QList<ZDPublishProgress> updates;
 };
+using EngineCalls = QList<EngineCall>;
+
+EngineCall sent(qint64 bytes, qint64 total)
+{
+    return {EngineCall::Sent, bytes, total, {}};
+}
+EngineCall retry(const ZDError &reason, qint64 waitMsecs, qint64 confirmed)
+{
+    return {EngineCall::Retry, confirmed, waitMsecs, reason};
+}
+EngineCall resumed(qint64 offset)
+{
+    return {EngineCall::Resume, offset, 0, {}};
+}
+EngineCall failed(const ZDError &error)
+{
+    return {EngineCall::Fail, 0, 0, error};
+}
 
 ZDError badStatus(int status)
 {
@@ -73,6 +123,8 @@ ZDError badStatus(int status)
 
 } // namespace
 
+Q_DECLARE_METATYPE(EngineCall)
+
 class tst_PublishPost : public QObject
 {
     Q_OBJECT
@@ -80,7 +132,8 @@ class tst_PublishPost : public QObject
 private Q_SLOTS:
     void classifiesErrorsSoAHostCanAct_data();
     void classifiesErrorsSoAHostCanAct();
-    void relaysAnUploadsProgressRetriesAndOutcome();
+    void relaysTheEngineInTheOrderItsEventsHappen_data();
+    void relaysTheEngineInTheOrderItsEventsHappen();
     void smoothsTheRateSoTheEtaDoesNotJump();
     void endsExactlyOnceAndMayBeDestroyedByItsDelegate();
     void aSecondEndingIsAFault();
@@ -165,39 +218,84 @@ void tst_PublishPost::classifiesErrorsSoAHostCanAct()
     QVERIFY(german != ZDLocalizedString(u"PUBLISH_ERROR_NETWORK"_s, QLocale(QLocale::English)));
 }
 
-void tst_PublishPost::relaysAnUploadsProgressRetriesAndOutcome()
+void tst_PublishPost::relaysTheEngineInTheOrderItsEventsHappen_data()
 {
+    QTest::addColumn<EngineCalls>("calls");
+    QTest::addColumn<QString>("destroyOn");
+    QTest::addColumn<QString>("reports");
+    const ZDError reset(ZDCurlErrorDomain, 56);
+    const EngineCall loop{EngineCall::Loop, 0, 0, {}};
+    const EngineCall finished{EngineCall::Finish, 0, 0, {}};
+    // Kinds: 1 SignInAgain, 6 Network, 7 ServiceFailure. The count goes back to
+    // what the service confirmed; a resume where it already was tells none.
+    QTest::newRow("cut, resumed where the service's copy ends, finished")
+        << EngineCalls{loop,
+                       sent(1000, 4000),
+                       sent(3000, 4000),
+                       retry(badStatus(503), 2000, 1000),
+                       resumed(1000),
+                       sent(4000, 4000),
+                       finished}
+        << QString()
+        << u"Preparing 0; count 1000/4000; Sending 1000; count 3000/4000; Sending 3000; "
+           u"WaitingToRetry 1000 in 2000 kind 7; count 1000/4000; Resuming 1000; "
+           u"count 4000/4000; ServerProcessing 4000; succeeded"_s;
+    QTest::newRow("the service kept bytes of the lost request, then refused")
+        << EngineCalls{sent(2000, 4000), loop, retry(reset, 0, 1000), resumed(1500),
+                       failed(badStatus(401))}
+        << QString()
+        << u"count 2000/4000; Sending 2000; WaitingToRetry 1000 in 0 kind 6; count 1000/4000; "
+           u"Resuming 1500; count 1500/4000; hook "_s +
+               JSONHTTPRequestErrorDomain + u"; failed 1"_s;
+    QTest::newRow("offline before a byte, then retries exhausted")
+        << EngineCalls{retry(reset, -1, 0), loop, failed(reset)} << QString()
+        << u"WaitingToRetry 0 in -1 kind 6; hook "_s + ZDCurlErrorDomain + u"; failed 6"_s;
+    QTest::newRow("destroyed while told of the retry")
+        << EngineCalls{sent(3000, 4000), retry(badStatus(503), 2000, 1000)}
+        << u"WaitingToRetry 1000 in 2000 kind 7"_s
+        << u"count 3000/4000; Sending 3000; WaitingToRetry 1000 in 2000 kind 7"_s;
+    QTest::newRow("destroyed while told of the count")
+        << EngineCalls{sent(3000, 4000)} << u"count 3000/4000"_s << u"count 3000/4000"_s;
+}
+
+void tst_PublishPost::relaysTheEngineInTheOrderItsEventsHappen()
+{
+    QFETCH(EngineCalls, calls);
+    QFETCH(QString, destroyOn);
+    QFETCH(QString, reports);
     Listener listener;
-    Job job(&listener);
+    listener.destroyOn = destroyOn;
     auto clock = std::make_shared<ManualClock>();
-    job.setClock(clock);
-    ZDResumableUploadDelegate *relay = job.uploadRelay();
-    relay->uploadHasSentBytes(nullptr, 1000, 4000);
-    relay->uploadWillRetry(nullptr, badStatus(503), 2000, 1000);
-    relay->uploadDidResume(nullptr, 800);
-    relay->uploadHasSentBytes(nullptr, 4000, 4000);
-    relay->uploadDidFinish(nullptr, QVariantMap());
-
-    // The host's counts arrive unchanged, as before.
-    QCOMPARE(listener.counts, (QList<std::pair<qint64, qint64>>{{1000, 4000}, {4000, 4000}}));
-    QList<ZDPublishPhase> phases;
-    for (const ZDPublishProgress &update : std::as_const(listener.updates))
-        phases.append(update.phase);
-    QCOMPARE(phases,
-             (QList<ZDPublishPhase>{ZDPublishPhase::Sending, ZDPublishPhase::WaitingToRetry,
-                                    ZDPublishPhase::Resuming, ZDPublishPhase::ServerProcessing}));
-    const ZDPublishProgress &waiting = listener.updates.at(1);
-    QCOMPARE(waiting.retryInMsecs, 2000);
-    QCOMPARE(ZDPublishErrorKindForError(waiting.retryReason), ZDPublishErrorKind::ServiceFailure);
-    QCOMPARE(listener.updates.at(2).written, 800);
-    QCOMPARE(listener.successes, 1);
-
-    // A failing upload ends the job with the classified error.
-    Listener other;
-    Job failing(&other);
-    failing.uploadRelay()->uploadDidFailWithError(nullptr, badStatus(401));
-    QCOMPARE(other.failures, 1);
-    QCOMPARE(ZDPublishErrorKindForError(other.error), ZDPublishErrorKind::SignInAgain);
+    auto *job = new Job(&listener);
+    job->setClock(clock);
+    const ZDWeakRef<ZDResumableUploadDelegate> relay(job->uploadRelay());
+    QVERIFY(listener.log.isEmpty()); // nothing from inside the hand-out
+    for (const EngineCall &call : std::as_const(calls)) {
+        QVERIFY(relay);
+        switch (call.kind) {
+        case EngineCall::Sent:
+            relay.get()->uploadHasSentBytes(nullptr, call.bytes, call.other);
+            break;
+        case EngineCall::Retry:
+            relay.get()->uploadWillRetry(nullptr, call.error, call.other, call.bytes);
+            break;
+        case EngineCall::Resume:
+            relay.get()->uploadDidResume(nullptr, call.bytes);
+            break;
+        case EngineCall::Finish:
+            relay.get()->uploadDidFinish(nullptr, QVariantMap());
+            break;
+        case EngineCall::Fail:
+            relay.get()->uploadDidFailWithError(nullptr, call.error);
+            break;
+        case EngineCall::Loop:
+            clock->runDue();
+            break;
+        }
+    }
+    QCOMPARE(listener.log.join(u"; "), reports);
+    if (relay)
+        delete job;
 }
 
 void tst_PublishPost::smoothsTheRateSoTheEtaDoesNotJump()
@@ -232,11 +330,11 @@ void tst_PublishPost::smoothsTheRateSoTheEtaDoesNotJump()
 void tst_PublishPost::endsExactlyOnceAndMayBeDestroyedByItsDelegate()
 {
     Listener listener;
-    listener.destroyOnEnd = true;
+    listener.destroyOn = u"succeeded"_s;
     auto *job = new Job(&listener);
     job->_relayProgress(10, 10);
     job->_succeed(); // the delegate destroys the job inside; nothing touches it after
-    QCOMPARE(listener.successes, 1);
+    QCOMPARE(listener.log.last(), u"succeeded"_s);
 
     // A job whose delegate is gone reports nowhere, and still ends once.
     auto gone = std::make_unique<Listener>();
@@ -249,7 +347,7 @@ void tst_PublishPost::endsExactlyOnceAndMayBeDestroyedByItsDelegate()
     Job ended(&late);
     ended._succeed();
     ended._relayProgress(5, 10);
-    QVERIFY(late.counts.isEmpty());
+    QCOMPARE(late.log, QStringList{u"succeeded"_s});
 }
 
 void tst_PublishPost::aSecondEndingIsAFault()

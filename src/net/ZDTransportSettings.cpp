@@ -6,6 +6,7 @@
 #include <openssl/x509.h>
 
 #include <QCoreApplication>
+#include <QHostAddress>
 #include <QNetworkInformation>
 #include <QNetworkProxyFactory>
 #include <QSslCertificate>
@@ -34,9 +35,12 @@ ZDProxySetting zdProxyForURL(const QByteArray &url)
         default:
             continue;
         }
-        const QByteArray host = QUrl::toAce(proxy.hostName());
-        const QByteArray bracketed = host.contains(':') ? '[' + host + ']' : host;
-        const QByteArray hostAndPort = bracketed + ':' + QByteArray::number(proxy.port());
+        // An IPv6 address is no name: toAce() turns it into nothing.
+        const QString name = proxy.hostName();
+        const QByteArray host = QHostAddress(name).protocol() == QAbstractSocket::IPv6Protocol
+                                    ? '[' + name.toLatin1() + ']'
+                                    : QUrl::toAce(name);
+        const QByteArray hostAndPort = host + ':' + QByteArray::number(proxy.port());
         return {scheme + "://" + hostAndPort, hostAndPort, proxy.user().toUtf8(),
                 proxy.password().toUtf8()};
     }

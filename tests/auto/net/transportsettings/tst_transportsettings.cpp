@@ -231,6 +231,8 @@ void tst_TransportSettings::qtsProxyIsSpelledForCurlWithoutItsCredentials_data()
     // The proxy resolves the name: the host may be one only it knows.
     QTest::newRow("socks5") << proxy(QNetworkProxy::Socks5Proxy, u"proxy.example"_s)
                             << QByteArray("socks5h://proxy.example:3128");
+    QTest::newRow("IPv6 address") << proxy(QNetworkProxy::HttpProxy, u"::1"_s)
+                                  << QByteArray("http://[::1]:3128");
     QTest::newRow("international name")
         << proxy(QNetworkProxy::HttpCachingProxy, u"b\u00fccher.example"_s)
         << QByteArray("http://xn--bcher-kva.example:3128");

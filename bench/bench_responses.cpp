@@ -1,10 +1,11 @@
 // Responses and many small requests: the peak memory of one very large raw
-// response, sequential small GETs against libcurl's easy interface reusing one
-// handle, and sequential HTTPS GETs to a local TLS server (openssl s_server)
-// against the curl tool and libcurl's easy interface.
+// response, plain and compressed, sequential small GETs against libcurl's easy
+// interface reusing one handle, and sequential HTTPS GETs to a local TLS server
+// (openssl s_server) against the curl tool and libcurl's easy interface.
 //
 // Arguments: the large response's size in MiB (default 2048), the number of
-// small GETs (default 5000), the number of HTTPS GETs (default 100).
+// small GETs (default 5000), the number of HTTPS GETs (default 100), the
+// compressed response's decoded size in MiB (default 1024, the raw limit).
 #include "BenchSupport.h"
 
 #include "net/JSONHTTPRequest.h"
@@ -29,7 +30,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace {
@@ -60,23 +63,58 @@ size_t discard(char *, size_t size, size_t count, void *)
     return size * count;
 }
 
-// Answers every connection with one response of `size` bytes, then closes it.
+// `size` zero bytes in gzip (about a thousandth of their size).
+std::string gzipOfZeros(qint64 size)
+{
+    const std::string command = "head -c " + std::to_string(size) + " /dev/zero | gzip -1";
+    std::string compressed;
+    if (FILE *pipe = popen(command.c_str(), "r")) {
+        char buffer[1 << 16];
+        while (const size_t got = std::fread(buffer, 1, sizeof buffer, pipe))
+            compressed.append(buffer, got);
+        pclose(pipe);
+    }
+    return compressed;
+}
+
+bool sendAll(int socket, const std::string &bytes)
+{
+    for (size_t sent = 0; sent < bytes.size();) {
+        const ssize_t now = send(socket, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (now <= 0)
+            return false;
+        sent += size_t(now);
+    }
+    return true;
+}
+
+// Answers every connection with one response of `size` bytes (zeros in gzip
+// when `gzipped`), then closes it.
 class LargeResponseServer
 {
 public:
-    explicit LargeResponseServer(qint64 size)
+    explicit LargeResponseServer(qint64 size, bool gzipped = false)
     {
         const int listener = bench::listenOnLoopback(8, &m_port);
         std::fflush(stdout);
         m_pid = fork();
         if (m_pid == 0) {
             std::vector<char> chunk(1 << 20, 'r');
+            const std::string packed = gzipped ? gzipOfZeros(size) : std::string();
             for (;;) {
                 const int client = accept(listener, nullptr, nullptr);
                 if (client < 0)
                     continue;
                 char head[8192];
                 (void)!recv(client, head, sizeof head, 0);
+                if (gzipped) {
+                    sendAll(client, "HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\n"
+                                    "Content-Encoding: gzip\r\nContent-Length: " +
+                                        std::to_string(packed.size()) +
+                                        "\r\nConnection: close\r\n\r\n" + packed);
+                    close(client);
+                    continue;
+                }
                 const std::string answer =
                     "HTTP/1.1 200 OK\r\nContent-Type: application/octet-stream\r\n"
                     "Content-Length: " +
@@ -157,6 +195,7 @@ int main(int argc, char **argv)
     const qint64 responseSize = (argc > 1 ? std::atoll(argv[1]) : 2048) << 20;
     const int smallGets = argc > 2 ? std::atoi(argv[2]) : 5000;
     const int httpsGets = argc > 3 ? std::atoi(argv[3]) : 100;
+    const qint64 compressedSize = (argc > 4 ? std::atoll(argv[4]) : 1024) << 20;
 
     // --- one large raw response ------------------------------------------
     {
@@ -211,6 +250,27 @@ int main(int argc, char **argv)
         bench::report("large_response_ours_throughput", bodyMiB / 1024 / ours.seconds, "GiB/s");
         bench::report("large_response_curl_tool_throughput", bodyMiB / 1024 / tool.seconds,
                       "GiB/s");
+    }
+
+    // --- one large raw response that comes compressed -------------------------
+    // About a MiB on the wire, decoded as large as the raw default limit allows;
+    // its decoded size is unknown until the end.
+    {
+        LargeResponseServer server(compressedSize, true);
+        const QUrl url(QStringLiteral("http://127.0.0.1:%1/packed").arg(server.port()));
+        qsizetype received = 0;
+        const bench::ChildResult ours = bench::inChild(
+            [] {},
+            [&] {
+                return runSequence(url, 1, JSONHTTPResponseTypeRawData, 0, nullptr, &received) &&
+                       received == compressedSize;
+            });
+        if (!ours.ok)
+            return 1;
+        const double bodyMiB = double(compressedSize) / double(1 << 20);
+        bench::report("compressed_response_decoded_body", bodyMiB, "MiB");
+        bench::report("compressed_response_ours_peak_over_body", ours.peakMiB - bodyMiB,
+                      "MiB(lower_is_better)");
     }
 
     // --- sequential small GETs -----------------------------------------------

@@ -208,6 +208,15 @@ void JSONHTTPRequestPrivate::connectionDidReceiveData(ZDURLConnection *from, QBy
         if (expectedBodySize > chunk.size())
             rawData->reserve(expectedBodySize);
     }
+    // A body of unknown size (a compressed one) grows by doubling, up to the
+    // limit, through reserve(), which reallocates: a large block moves without a
+    // copy. append()'s own growth copies into a new block, so that the body is
+    // held twice at the peak.
+    if (const qsizetype needed = rawData->size() + chunk.size(); needed > rawData->capacity()) {
+        const qint64 doubled =
+            std::min(2 * qint64(rawData->capacity()), effectiveMaximumResponseSize());
+        rawData->reserve(qsizetype(std::max(doubled, qint64(needed))));
+    }
     rawData->append(chunk);
 }
 

@@ -1,28 +1,21 @@
 #include "net/ZDURLConnection_p.h"
 
+#include "net/ZDBodyReader_p.h"
 #include "net/ZDCurlCodes_p.h"
 #include "net/ZDCurlDriver_p.h"
-#include "net/ZDNetworkInformation_p.h"
+#include "net/ZDTransportSettings_p.h"
 
+#include "core/ZDLogging_p.h"
 #include "core/zdglobal.h"
 
 #include <curl/curl.h>
-#include <openssl/ssl.h>
-#include <openssl/x509.h>
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QFile>
-#include <QNetworkInformation>
-#include <QNetworkProxyFactory>
 #include <QPointer>
-#include <QSslCertificate>
-#include <QSslConfiguration>
 #include <QTimer>
 
 #include <algorithm>
 #include <climits>
-#include <cstring>
 #include <optional>
 
 namespace {
@@ -62,116 +55,23 @@ QString printable(const QByteArray &text)
     return shown;
 }
 
-// Qt's proxy for `url` in curl's spelling, empty for none (which also keeps
-// curl from reading proxies from the environment, as Qt does).
-struct ProxySetting
-{
-    QByteArray url;
-    QByteArray user;
-    QByteArray password;
-};
-
-ProxySetting proxyFor(const QByteArray &url)
-{
-    if (!QCoreApplication::instance())
-        return {};
-    const QList<QNetworkProxy> proxies =
-        QNetworkProxyFactory::proxyForQuery(QNetworkProxyQuery(QUrl::fromEncoded(url)));
-    for (const QNetworkProxy &proxy : proxies) {
-        QByteArray scheme;
-        switch (proxy.type()) {
-        case QNetworkProxy::NoProxy:
-            return {};
-        case QNetworkProxy::HttpProxy:
-        case QNetworkProxy::HttpCachingProxy:
-            scheme = "http";
-            break;
-        case QNetworkProxy::Socks5Proxy:
-            scheme = "socks5h";
-            break;
-        default:
-            continue;
-        }
-        const QByteArray host = QUrl::toAce(proxy.hostName());
-        const QByteArray bracketed = host.contains(':') ? '[' + host + ']' : host;
-        return {scheme + "://" + bracketed + ':' + QByteArray::number(proxy.port()),
-                proxy.user().toUtf8(), proxy.password().toUtf8()};
-    }
-    return {};
-}
-
-// The CA certificates of Qt's default TLS configuration beside the system's
-// store. Qt loads the system's store on demand and lists nothing then; an
-// application that trusts a private authority adds it there.
-class CertificateAuthorities
-{
-public:
-    explicit CertificateAuthorities(QByteArrayList der) : m_der(std::move(der)) {}
-    ~CertificateAuthorities()
-    {
-        if (m_store)
-            X509_STORE_free(m_store);
-    }
-    CertificateAuthorities(const CertificateAuthorities &) = delete;
-    CertificateAuthorities &operator=(const CertificateAuthorities &) = delete;
-
-    bool isEmpty() const { return m_der.isEmpty(); }
-
-    // The system's store (curl's CA file) with Qt's authorities added, made on
-    // the first handshake and shared by every later one: a connection never
-    // loads the system's store again, and curl's own cached store stays the
-    // system's alone.
-    X509_STORE *store(const char *systemFile)
-    {
-        if (m_store)
-            return m_store;
-        X509_STORE *store = X509_STORE_new();
-        if (!store)
-            return nullptr;
-        if (!systemFile || !X509_STORE_load_file(store, systemFile))
-            X509_STORE_set_default_paths(store);
-        for (const QByteArray &der : std::as_const(m_der)) {
-            const auto *bytes = reinterpret_cast<const unsigned char *>(der.constData());
-            if (X509 *certificate = d2i_X509(nullptr, &bytes, long(der.size()))) {
-                X509_STORE_add_cert(store, certificate); // a duplicate is harmless
-                X509_free(certificate);
-            }
-        }
-        return m_store = store;
-    }
-
-private:
-    QByteArrayList m_der;
-    X509_STORE *m_store = nullptr;
-};
-
-// Read on every start, converted only when Qt's list changed.
-std::shared_ptr<CertificateAuthorities> qtCertificateAuthorities()
-{
-    thread_local QList<QSslCertificate> last;
-    thread_local auto current = std::make_shared<CertificateAuthorities>(QByteArrayList());
-    const QList<QSslCertificate> listed =
-        QSslConfiguration::defaultConfiguration().caCertificates();
-    if (listed != last) {
-        last = listed;
-        QByteArrayList der;
-        for (const QSslCertificate &certificate : listed)
-            der.append(certificate.toDer());
-        current = std::make_shared<CertificateAuthorities>(std::move(der));
-    }
-    return current;
-}
-
 // Runs once per TLS connection being set up, after curl has given it its store.
 CURLcode useAuthorities(CURL *easy, void *context, void *userdata)
 {
     const char *systemFile = nullptr;
     curl_easy_getinfo(easy, CURLINFO_CAINFO, &systemFile);
-    X509_STORE *store = static_cast<CertificateAuthorities *>(userdata)->store(systemFile);
-    if (!store || !X509_STORE_up_ref(store))
-        return CURLE_SSL_CACERT_BADFILE;
-    SSL_CTX_set_cert_store(static_cast<SSL_CTX *>(context), store);
-    return CURLE_OK;
+    auto *authorities = static_cast<ZDCertificateAuthorities *>(userdata);
+    return authorities->installInto(static_cast<ssl_ctx_st *>(context), systemFile)
+               ? CURLE_OK
+               : CURLE_SSL_CACERT_BADFILE;
+}
+
+// What a log may show of a URL: its query, fragment and user part may carry
+// tokens or passwords and are left out.
+QString loggableURL(const QByteArray &url)
+{
+    return QUrl::fromEncoded(url).toString(QUrl::RemoveUserInfo | QUrl::RemoveQuery |
+                                           QUrl::RemoveFragment);
 }
 
 bool isValidHeaderField(const QByteArray &name, const QByteArray &value)
@@ -205,9 +105,7 @@ struct ZDURLConnection::Private
     std::shared_ptr<void> share; // outlives `easy`
     bool secureOnly = false;     // started on https: never continue on http
     bool hasUserAgent = false;
-    QByteArray caBlob; // kept alive while curl may read it
-
-    std::shared_ptr<CertificateAuthorities> authorities; // used by curl's TLS setup
+    std::shared_ptr<ZDCertificateAuthorities> authorities; // used by curl's TLS setup
     enum class Stop { None, InsecureRedirect, TooLarge, Stalled };
     Stop stop = Stop::None;
     QByteArray insecureTarget;
@@ -236,12 +134,8 @@ struct ZDURLConnection::Private
     void dispatchProgress();
     void dispatchDone(CURLcode result);
 
-    // Where the read callback stands in a body of several pieces, the file of
-    // the piece being read, and the file that could not be read to its end.
-    qsizetype readSegment = 0;
-    qint64 readOffset = 0;
-    std::unique_ptr<QFile> bodyFile;
-    QString bodyFileFailure;
+    // Reads a body of several pieces for curl; none for a body given whole.
+    std::optional<ZDBodyReader> bodyReader;
 
     static size_t headerCallback(char *buffer, size_t size, size_t count, void *userdata);
     static size_t readCallback(char *buffer, size_t size, size_t count, void *userdata);
@@ -250,33 +144,6 @@ struct ZDURLConnection::Private
     static int progressCallback(void *clientp, curl_off_t, curl_off_t dlnow, curl_off_t ultotal,
                                 curl_off_t ulnow);
 };
-
-namespace {
-
-std::function<bool()> &cellularProbe()
-{
-    static std::function<bool()> probe;
-    return probe;
-}
-
-} // namespace
-
-bool zdLinkIsCellular()
-{
-    if (const auto &probe = cellularProbe())
-        return probe();
-    using Info = QNetworkInformation;
-    const Info *info = zdNetworkInformation();
-    if (!info)
-        return false;
-    return info->transportMedium() == Info::TransportMedium::Cellular ||
-           (info->supports(Info::Feature::Metered) && info->isMetered());
-}
-
-void zdSetCellularProbeForTesting(std::function<bool()> probe)
-{
-    cellularProbe() = std::move(probe);
-}
 
 ZDURLConnection::ZDURLConnection(const ZDURLRequest &request)
     : p(std::make_unique<Private>()), m_request(request)
@@ -481,7 +348,7 @@ std::optional<ZDError> ZDURLConnection::Private::applyOptions()
     if (!hasUserAgent)
         set(CURLOPT_USERAGENT, "ZDPublish/" ZD_VERSION_STRING);
 
-    const ProxySetting proxy = proxyFor(url);
+    const ZDProxySetting proxy = zdProxyForURL(url);
     set(CURLOPT_PROXY, proxy.url.constData());
     if (!proxy.user.isEmpty()) {
         set(CURLOPT_PROXYUSERNAME, proxy.user.constData());
@@ -491,7 +358,7 @@ std::optional<ZDError> ZDURLConnection::Private::applyOptions()
     // first time loads Qt's TLS backend. (An http request redirected to https
     // is checked against the system's store alone.)
     if (secureOnly)
-        authorities = qtCertificateAuthorities();
+        authorities = zdCertificateAuthorities();
     if (authorities && !authorities->isEmpty()) {
         set(CURLOPT_SSL_CTX_FUNCTION, &useAuthorities);
         set(CURLOPT_SSL_CTX_DATA, authorities.get());
@@ -511,6 +378,7 @@ std::optional<ZDError> ZDURLConnection::Private::applyOptions()
                 body && !body->isEmpty() ? body->front().bytes().constData() : "");
             return;
         }
+        bodyReader.emplace(*body);
         set(CURLOPT_READFUNCTION, &Private::readCallback);
         set(CURLOPT_READDATA, this);
         set(CURLOPT_SEEKFUNCTION, &Private::seekCallback);
@@ -530,65 +398,28 @@ std::optional<ZDError> ZDURLConnection::Private::applyOptions()
         if (body)
             setBody();
     }
+    qCDebug(lcZDNet).noquote().nospace()
+        << verb << ' ' << loggableURL(url) << ' '
+        << (proxy.url.isEmpty() ? QByteArray("direct") : "via proxy " + proxy.hostAndPort);
     return refusal;
 }
 
 size_t ZDURLConnection::Private::readCallback(char *buffer, size_t size, size_t count,
                                               void *userdata)
 {
-    auto *self = static_cast<Private *>(userdata);
-    const ZDBodySegments &segments = *self->q->m_request.HTTPBodySegments();
-    size_t written = 0;
-    const size_t room = size * count;
-    while (written < room && self->readSegment < segments.size()) {
-        const ZDBodySegment &segment = segments[self->readSegment];
-        const qint64 want =
-            std::min<qint64>(qint64(room - written), segment.size() - self->readOffset);
-        if (!segment.isFile()) {
-            std::memcpy(buffer + written, segment.bytes().constData() + self->readOffset,
-                        size_t(want));
-        } else {
-            // The file is opened when its piece is reached and read in place.
-            if (!self->bodyFile) {
-                self->bodyFile = std::make_unique<QFile>(segment.filePath());
-                if (!self->bodyFile->open(QIODevice::ReadOnly) ||
-                    !self->bodyFile->seek(segment.fileOffset() + self->readOffset)) {
-                    self->bodyFileFailure = segment.filePath();
-                    return CURL_READFUNC_ABORT;
-                }
-            }
-            if (self->bodyFile->read(buffer + written, want) != want) {
-                self->bodyFileFailure = segment.filePath(); // gone or shrunk since
-                return CURL_READFUNC_ABORT;
-            }
-        }
-        written += size_t(want);
-        self->readOffset += want;
-        if (self->readOffset == segment.size()) {
-            ++self->readSegment;
-            self->readOffset = 0;
-            self->bodyFile.reset();
-        }
-    }
-    return written;
+    const qint64 read =
+        static_cast<Private *>(userdata)->bodyReader->read(buffer, qint64(size * count));
+    return read < 0 ? CURL_READFUNC_ABORT : size_t(read);
 }
 
 // Curl rewinds the body when a redirect or an authentication round repeats it.
 int ZDURLConnection::Private::seekCallback(void *userdata, curl_off_t offset, int origin)
 {
-    auto *self = static_cast<Private *>(userdata);
     if (origin != SEEK_SET || offset < 0)
         return CURL_SEEKFUNC_CANTSEEK;
-    const ZDBodySegments &segments = *self->q->m_request.HTTPBodySegments();
-    self->bodyFile.reset();
-    self->readSegment = 0;
-    while (self->readSegment < segments.size() && offset >= segments[self->readSegment].size()) {
-        offset -= segments[self->readSegment].size();
-        ++self->readSegment;
-    }
-    self->readOffset = offset;
-    return offset > 0 && self->readSegment == segments.size() ? CURL_SEEKFUNC_FAIL
-                                                              : CURL_SEEKFUNC_OK;
+    return static_cast<Private *>(userdata)->bodyReader->rewind(qint64(offset))
+               ? CURL_SEEKFUNC_OK
+               : CURL_SEEKFUNC_FAIL;
 }
 
 size_t ZDURLConnection::Private::headerCallback(char *buffer, size_t size, size_t count,
@@ -744,6 +575,11 @@ void ZDURLConnection::Private::dispatchDone(CURLcode result)
 {
     if (cancelled)
         return;
+    long status = 0;
+    curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+    qCDebug(lcZDNet).noquote().nospace()
+        << q->m_request.HTTPMethod() << ' ' << loggableURL(q->m_request.URLString())
+        << " ended: status " << status << ", curl code " << int(result);
     const auto d = delegate.lock();
     if (!d)
         return;
@@ -760,10 +596,11 @@ void ZDURLConnection::Private::dispatchDone(CURLcode result)
         d->connectionDidFailWithError(
             q, makeError(ZDURLErrorDomain, code, description, where, curlInfo));
     };
-    if (result == CURLE_ABORTED_BY_CALLBACK && !bodyFileFailure.isEmpty()) {
+    if (result == CURLE_ABORTED_BY_CALLBACK && bodyReader &&
+        !bodyReader->unreadableFilePath().isEmpty()) {
         fail(ZDURLErrorBodyFileUnreadable,
              QStringLiteral("The file \u201c%1\u201d could not be read to its end.")
-                 .arg(bodyFileFailure),
+                 .arg(bodyReader->unreadableFilePath()),
              url);
         return;
     }

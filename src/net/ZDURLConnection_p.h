@@ -9,7 +9,6 @@
 
 #include <QByteArrayView>
 
-#include <functional>
 #include <memory>
 
 class ZDURLConnection;
@@ -80,8 +79,3 @@ public:
 private:
     ZDURLRequest m_request;
 };
-
-// Whether the system reports a cellular or metered link right now. Tests replace
-// the probe; an empty function restores the system's.
-bool zdLinkIsCellular();
-void zdSetCellularProbeForTesting(std::function<bool()> probe);

@@ -3,7 +3,7 @@
 
 #include "net/JSONHTTPRequest.h"
 #include "net/ZDFileUpload.h"
-#include "net/ZDURLConnection_p.h"
+#include "net/ZDTransportSettings_p.h"
 
 #include <QProcess>
 #include <QSslCertificate>

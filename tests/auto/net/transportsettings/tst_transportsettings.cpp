@@ -1,19 +1,23 @@
-// What a request meets when curl refuses one of the settings of a thread's
-// transfer driver. The test stands between the library and curl: its own
-// curl_multi_setopt and curl_share_setopt (this executable links the library
-// statically, so its definitions are the ones the library calls) refuse the
-// option a case names and pass everything else on to curl.
+// How Qt's network settings reach curl, what a request tells the debug log of
+// them, and what a request meets when curl refuses one of the settings of a
+// thread's transfer driver. For the last, the test stands between the library
+// and curl: its own curl_multi_setopt and curl_share_setopt (this executable
+// links the library statically, so its definitions are the ones the library
+// calls) refuse the option a case names and pass everything else on to curl.
 
 #include "LoopbackHTTPServer.h"
 #include "TestSupport.h"
 
 #include "net/JSONHTTPRequest.h"
+#include "net/ZDTransportSettings_p.h"
 #include "net/ZDURLRequest.h"
 
 #include <curl/curl.h>
 #include <dlfcn.h>
 
 #include <QEventLoop>
+#include <QLoggingCategory>
+#include <QNetworkProxy>
 #include <QTest>
 #include <QThread>
 
@@ -83,15 +87,17 @@ struct Outcome
     bool received = false;
     ZDError error;
     QStringList warnings; // zd.net warnings logged while the request ran
+    QStringList debugLines;
 };
 
-QStringList *currentWarnings = nullptr;
+Outcome *currentOutcome = nullptr;
 QtMessageHandler previousHandler = nullptr;
 
 void recordWarning(QtMsgType type, const QMessageLogContext &context, const QString &message)
 {
-    if (currentWarnings && type == QtWarningMsg && qstrcmp(context.category, "zd.net") == 0) {
-        *currentWarnings << message;
+    if (currentOutcome && qstrcmp(context.category, "zd.net") == 0 &&
+        (type == QtWarningMsg || type == QtDebugMsg)) {
+        (type == QtWarningMsg ? currentOutcome->warnings : currentOutcome->debugLines) << message;
         return;
     }
     previousHandler(type, context, message);
@@ -102,7 +108,7 @@ void recordWarning(QtMsgType type, const QMessageLogContext &context, const QStr
 Outcome requestOnAFreshThread(const QUrl &url)
 {
     Outcome outcome;
-    currentWarnings = &outcome.warnings;
+    currentOutcome = &outcome;
     previousHandler = qInstallMessageHandler(recordWarning);
     std::atomic<bool> done{false};
     QThread *thread = QThread::create([&] {
@@ -124,7 +130,7 @@ Outcome requestOnAFreshThread(const QUrl &url)
     thread->wait();
     delete thread;
     qInstallMessageHandler(previousHandler);
-    currentWarnings = nullptr;
+    currentOutcome = nullptr;
     return outcome;
 }
 
@@ -140,12 +146,17 @@ private Q_SLOTS:
     void aRefusedDriverSettingFailsEveryRequestWithCurlsReason();
     void aRefusedShareSettingIsLoggedAndRequestsGoOnWithoutSharing_data();
     void aRefusedShareSettingIsLoggedAndRequestsGoOnWithoutSharing();
+    void qtsProxyIsSpelledForCurlWithoutItsCredentials_data();
+    void qtsProxyIsSpelledForCurlWithoutItsCredentials();
+    void theDebugLogShowsTheRequestAndItsProxyButNoSecret();
 };
 
 void tst_TransportSettings::cleanup()
 {
     refusedMultiOption = -1;
     refusedShareData = -1;
+    QNetworkProxy::setApplicationProxy(QNetworkProxy::NoProxy);
+    QLoggingCategory::setFilterRules({});
 }
 
 void tst_TransportSettings::aRefusedDriverSettingFailsEveryRequestWithCurlsReason_data()
@@ -206,6 +217,72 @@ void tst_TransportSettings::aRefusedShareSettingIsLoggedAndRequestsGoOnWithoutSh
     QCOMPARE(outcome.warnings.size(), 1);
     QVERIFY2(outcome.warnings[0].contains(u"share no TLS sessions or DNS answers"_s),
              qPrintable(outcome.warnings[0]));
+}
+
+void tst_TransportSettings::qtsProxyIsSpelledForCurlWithoutItsCredentials_data()
+{
+    QTest::addColumn<QNetworkProxy>("proxy");
+    QTest::addColumn<QByteArray>("url");
+    const auto proxy = [](QNetworkProxy::ProxyType type, const QString &host) {
+        return QNetworkProxy(type, host, 3128, u"pat"_s, u"pr0xy-pass"_s);
+    };
+    QTest::newRow("http") << proxy(QNetworkProxy::HttpProxy, u"proxy.example"_s)
+                          << QByteArray("http://proxy.example:3128");
+    // The proxy resolves the name: the host may be one only it knows.
+    QTest::newRow("socks5") << proxy(QNetworkProxy::Socks5Proxy, u"proxy.example"_s)
+                            << QByteArray("socks5h://proxy.example:3128");
+    QTest::newRow("IPv6 address") << proxy(QNetworkProxy::HttpProxy, u"::1"_s)
+                                  << QByteArray("http://[::1]:3128");
+    QTest::newRow("international name")
+        << proxy(QNetworkProxy::HttpCachingProxy, u"b\u00fccher.example"_s)
+        << QByteArray("http://xn--bcher-kva.example:3128");
+    QTest::newRow("none") << QNetworkProxy(QNetworkProxy::NoProxy) << QByteArray();
+    QTest::newRow("one curl cannot use")
+        << proxy(QNetworkProxy::FtpCachingProxy, u"ftp.example"_s) << QByteArray();
+}
+
+void tst_TransportSettings::qtsProxyIsSpelledForCurlWithoutItsCredentials()
+{
+    QFETCH(QNetworkProxy, proxy);
+    QFETCH(QByteArray, url);
+    QNetworkProxy::setApplicationProxy(proxy);
+    const ZDProxySetting setting = zdProxyForURL("https://service.example/upload");
+    QCOMPARE(setting.url, url);
+    QVERIFY(url.endsWith(setting.hostAndPort));
+    if (!url.isEmpty()) {
+        QCOMPARE(setting.user, "pat");
+        QCOMPARE(setting.password, "pr0xy-pass");
+    }
+}
+
+void tst_TransportSettings::theDebugLogShowsTheRequestAndItsProxyButNoSecret()
+{
+    LoopbackHTTPServer server;
+    QVERIFY(server.listen());
+    server.setHandler([](const RecordedRequest &) { return CannedReply::json("{}"); });
+    // The server stands in as the proxy too: it answers whatever it is asked,
+    // here for a name that only the proxy knows (Qt sends no local address
+    // through a proxy).
+    QNetworkProxy::setApplicationProxy(QNetworkProxy(
+        QNetworkProxy::HttpProxy, u"127.0.0.1"_s, server.port(), u"proxy-user"_s, u"proxy-pass"_s));
+    QLoggingCategory::setFilterRules(u"zd.net.debug=true"_s);
+
+    QUrl url = server.url(u"/logged/path?oauth_token=query-secret#fragment-secret"_s);
+    url.setUserInfo(u"url-user:url-pass"_s);
+    url.setHost(u"zd-log.test"_s);
+    const Outcome outcome = requestOnAFreshThread(url);
+    QVERIFY2(outcome.received, qPrintable(outcome.error.localizedDescription()));
+    QCOMPARE(server.requests().size(), 1);
+
+    const QString log = outcome.debugLines.join(u'\n');
+    const QString port = QString::number(server.port());
+    const QStringList expected{u"GET http://zd-log.test:"_s + port + u"/logged/path"_s,
+                               u"via proxy 127.0.0.1:"_s + port, u"status 200"_s, u"curl code 0"_s};
+    for (const QString &shown : expected)
+        QVERIFY2(log.contains(shown), qPrintable(shown + u" is not in:\n"_s + log));
+    for (const auto secret : {u"query-secret", u"fragment-secret", u"url-user", u"url-pass",
+                              u"proxy-user", u"proxy-pass"})
+        QVERIFY2(!log.contains(secret), qPrintable(log));
 }
 
 QTEST_MAIN(tst_TransportSettings)

@@ -149,7 +149,9 @@ public:
 // - Once the request is sent, the response must keep up a minimum average rate
 //   (setMinimumTransferRate()), or it fails with ZDURLErrorStalled. The rule
 //   never cuts a body that is still being sent: it starts when the body has
-//   gone out (or when the response head starts arriving).
+//   gone out (or when the response head starts arriving), so a server that
+//   takes a request and then says nothing fails after one window (30 seconds
+//   by default); thinking before the answer is allowed for as long.
 // - An optional maximum duration for the whole exchange
 //   (setMaximumDuration()) fails it with ZDURLErrorTimedOut.
 // - Multipart keys holding a double quote, CR or LF are refused

@@ -504,11 +504,11 @@ bool ZDURLConnection::Private::checkStall(qint64 transferred)
         return false;
     const qint64 now = clock.elapsed();
     if (windowStartMs < 0) {
-        // The first window opens when the response starts, or after the idle
-        // limit once the request is out: a server may think before it answers,
-        // and the idle rule governs that wait.
-        const bool waitedEnough = sentAtMs >= 0 && now - sentAtMs >= kIdleTimeoutSeconds * 1000;
-        if (!headStarted && !waitedEnough)
+        // The first window opens once the body has gone out (or the response
+        // starts): a server that takes a chunk and then says nothing is caught
+        // within a window, not only by the idle rule. Thinking is allowed for
+        // as long as one window.
+        if (!headStarted && sentAtMs < 0)
             return false;
         windowStartMs = now;
         windowStartBytes = transferred;

@@ -262,25 +262,30 @@ void tst_HostileServer::slowServersAreCutButThinkingServersAreNot_data()
 {
     QTest::addColumn<CannedReply>("reply");
     QTest::addColumn<qint64>("maximumDurationMs");
+    QTest::addColumn<int>("windowSeconds");
     QTest::addColumn<int>("expectedError"); // 0: success
 
     CannedReply drip = CannedReply::json("{\"padding\":\"" + QByteArray(2000, 'p') + "\"}");
     drip.dripBytesPerSecond = 2;
-    QTest::newRow("2 bytes a second") << drip << qint64(0) << int(ZDURLErrorStalled);
+    QTest::newRow("2 bytes a second") << drip << qint64(0) << 1 << int(ZDURLErrorStalled);
     CannedReply silent = CannedReply::json("{}");
     silent.delayMs = 600000;
+    QTest::newRow("takes the request, then never answers")
+        << silent << qint64(0) << 1 << int(ZDURLErrorStalled);
     QTest::newRow("no answer within the maximum duration")
-        << silent << qint64(1500) << int(ZDURLErrorTimedOut);
+        << silent << qint64(1500) << 30 << int(ZDURLErrorTimedOut);
     CannedReply thinking = CannedReply::json("{\"ok\":1}");
-    thinking.delayMs = 3500;
-    QTest::newRow("thinks, then answers at once") << thinking << qint64(0) << 0;
+    thinking.delayMs = 1500;
+    QTest::newRow("thinks within a window, then answers at once")
+        << thinking << qint64(0) << 30 << 0;
 }
 
-// The stall rule here: 100 bytes a second over 1-second windows.
+// The stall rule here: 100 bytes a second over windows of the row's length.
 void tst_HostileServer::slowServersAreCutButThinkingServersAreNot()
 {
     QFETCH(CannedReply, reply);
     QFETCH(qint64, maximumDurationMs);
+    QFETCH(int, windowSeconds);
     QFETCH(int, expectedError);
     m_plain.setHandler([&](const RecordedRequest &) { return reply; });
 
@@ -288,7 +293,7 @@ void tst_HostileServer::slowServersAreCutButThinkingServersAreNot()
     JSONHTTPRequest request(m_plain.url(u"/slow"_s), &delegate);
     QCOMPARE(request.minimumBytesPerSecond(), JSONHTTPRequestDefaultMinimumBytesPerSecond);
     QCOMPARE(request.stallWindowSeconds(), JSONHTTPRequestDefaultStallWindowSeconds);
-    request.setMinimumTransferRate(100, 1);
+    request.setMinimumTransferRate(100, windowSeconds);
     request.setMaximumDuration(maximumDurationMs);
     runToTheEnd(request, delegate);
     if (expectedError == 0)

@@ -184,11 +184,12 @@ void tst_KeyboardAccess::tabVisitsRowsInReadingOrderThenTheFooterNotTheTable()
     std::reverse(back.begin() + 1, back.end());
     QCOMPARE(back, expected);
     QCOMPARE(shown.table->focusPolicy(), Qt::NoFocus);
-    // A click on a row leaves the focus where it was.
+    // A click on a row selects it and leaves the focus where it was.
     form.editor->setFocus();
     QTest::mouseClick(shown.table->contentWidget(), Qt::LeftButton, {},
                       shown.table->rectForRowAtIndexPath({1, 1}).center());
     QCOMPARE(QApplication::focusWidget(), form.editor);
+    QVERIFY(!shown.table->hasFocus());
     QCOMPARE(form.selected, (QList<ZDIndexPath>{ZDIndexPath{1, 1}}));
 }
 

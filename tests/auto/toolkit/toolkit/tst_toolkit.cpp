@@ -1,4 +1,5 @@
 #include "TestSupport.h"
+#include "ToolkitFixtures.h"
 
 #include "toolkit/ZDAlertView.h"
 #include "toolkit/ZDDevice.h"
@@ -108,18 +109,6 @@ struct Window
     }
     QWidget widget;
     ZDTableView *table = nullptr;
-};
-
-class RecordingAlertDelegate : public ZDAlertViewDelegate
-{
-public:
-    void alertViewWillDismissWithButtonIndex(ZDAlertView *alert, int index) override
-    {
-        dismissed.append(index);
-        texts = alert->textFieldAtIndex(0) ? alert->textFieldAtIndex(0)->text() : QString();
-    }
-    QList<int> dismissed;
-    QString texts;
 };
 
 class CountingController : public ZDViewController
@@ -527,7 +516,7 @@ void tst_Toolkit::alertButtonsReportTheirIndexAndTheAlertGoesAway()
     window.resize(320, 480);
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));
-    RecordingAlertDelegate delegate;
+    AlertRecorder delegate;
     QPointer<ZDAlertView> alert = new ZDAlertView(u"Sign In"_s, u"Your account"_s, &delegate,
                                                   u"Cancel"_s, {u"Sign In"_s, u"Help"_s});
     alert->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
@@ -541,11 +530,11 @@ void tst_Toolkit::alertButtonsReportTheirIndexAndTheAlertGoesAway()
     QTest::keyClicks(alert->textFieldAtIndex(0), u"ann"_s);
     QTest::mouseClick(alert->buttonAtIndex(2), Qt::LeftButton);
     QCOMPARE(delegate.dismissed, QList<int>{2});
-    QCOMPARE(delegate.texts, u"ann"_s);
+    QCOMPARE(delegate.firstField, u"ann"_s);
     QTRY_VERIFY(!alert);
 
     // Without a cancel button the others count from 0; a gone delegate hears nothing.
-    auto gone = std::make_unique<RecordingAlertDelegate>();
+    auto gone = std::make_unique<AlertRecorder>();
     QPointer<ZDAlertView> plain = new ZDAlertView(u"Note"_s, {}, gone.get(), QString(), {u"OK"_s});
     plain->show(&window);
     QCOMPARE(plain->cancelButtonIndex(), -1);
@@ -561,7 +550,7 @@ void tst_Toolkit::alertReturnKeyRunsTheActionWhileItsTargetLives()
     window.resize(320, 480);
     window.show();
     QVERIFY(QTest::qWaitForWindowExposed(&window));
-    RecordingAlertDelegate delegate;
+    AlertRecorder delegate;
     auto *alert = new ZDAlertView(u"Sign In"_s, {}, &delegate, u"Cancel"_s, {u"Sign In"_s});
     alert->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
     int returns = 0;

@@ -6,6 +6,7 @@
 //   bench_publish [MiB]    (default 1024)
 
 #include "BenchSupport.h"
+#include "ChildService.h"
 
 #include <net/JSONHTTPRequest.h>
 #include <net/ZDOAuth1Signer.h>
@@ -151,20 +152,13 @@ int main(int argc, char **argv)
     if (!work.isValid() || !writeRandomFile(video, size) || !writeRandomFile(small, 1 << 20))
         return 1;
 
-    QProcess service;
-    service.setProgram(QString::fromUtf8(ZD_DEMO_SERVICE));
-    service.setArguments({u"--port"_s, u"0"_s, u"--data"_s, data, u"--quiet"_s});
-    service.start();
-    QString url;
-    const QRegularExpression listening(u"listening on (http://127\\.0\\.0\\.1:\\d+/)"_s);
-    while (url.isEmpty() && service.waitForReadyRead(30000)) {
-        const QRegularExpressionMatch match =
-            listening.match(QString::fromUtf8(service.readAllStandardOutput()));
-        if (match.hasMatch())
-            url = match.captured(1);
-    }
-    if (url.isEmpty())
+    ChildService service;
+    if (!service
+             .start(QString::fromUtf8(ZD_DEMO_SERVICE),
+                    {u"--port"_s, u"0"_s, u"--data"_s, data, u"--quiet"_s})
+             .isEmpty())
         return 1;
+    const QString url = service.url().toString();
     // Each run stores a copy of the video; the next one does not need it.
     const auto clearService = [&] {
         const QDir videos(data + u"/videos"_s);
@@ -181,8 +175,7 @@ int main(int argc, char **argv)
     const auto token = signIn(url);
     const Run curl = token ? publishWithCurl(url, video, *token, work.path()) : Run();
     clearService();
-    service.terminate();
-    service.waitForFinished();
+    service.stop();
     for (const Run *run : {&baseline, &streamed, &inMemory, &curl}) {
         if (!run->process.ok || run->uploadSeconds <= 0)
             return 1;

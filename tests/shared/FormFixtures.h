@@ -7,6 +7,7 @@
 #include "host/EditableTextCell.h"
 #include "publish/ZDPublishViewController.h"
 #include "resources/ZDLocalizedString.h"
+#include "toolkit/ZDKeyboard.h"
 #include "toolkit/ZDNavigationController.h"
 
 #include <QApplication>
@@ -241,6 +242,17 @@ struct SignedInSheet : SignedInAuthenticator, Sheet
         : Sheet(&auth, options, size)
     {
         show();
+    }
+};
+
+// The on-screen keyboard, for the length of a test.
+struct KeyboardOn
+{
+    KeyboardOn() { ZDKeyboard::shared().setEnabled(true); }
+    ~KeyboardOn()
+    {
+        ZDKeyboard::shared().orderOutAutomaticKeyboard();
+        ZDKeyboard::shared().setEnabled(false);
     }
 };
 

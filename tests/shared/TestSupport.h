@@ -1,14 +1,77 @@
 #pragma once
 
 #include "net/JSONHTTPRequest.h"
+#include "net/ZDResumableUpload.h"
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QProcess>
 #include <QProcessEnvironment>
+#include <QRandomGenerator>
+#include <QTimer>
 #include <QVariant>
 
 #include <functional>
+#include <memory>
 #include <vector>
+
+// Bytes no compressor, parser or lucky offset can see through; the same bytes
+// for the same seed, so that a failure can be replayed.
+inline QByteArray randomBytes(qint64 size, quint32 seed = QRandomGenerator::global()->generate())
+{
+    QByteArray bytes(size, Qt::Uninitialized);
+    QRandomGenerator generator(seed);
+    generator.fillRange(reinterpret_cast<quint32 *>(bytes.data()), size_t(size / 4));
+    for (qint64 i = size / 4 * 4; i < size; ++i)
+        bytes[i] = char(generator.generate());
+    return bytes;
+}
+
+// Whether `bytes` are now the whole of the file at `path`.
+inline bool writeFile(const QString &path, const QByteArray &bytes)
+{
+    QFile file(path);
+    return file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size() && file.flush();
+}
+
+// Reaches what JSONHTTPRequest keeps for its subclasses, as a plug-in's does.
+class InspectableRequest : public JSONHTTPRequest
+{
+public:
+    explicit InspectableRequest(const QUrl &url = QUrl(QStringLiteral("http://127.0.0.1/")),
+                                JSONHTTPRequestDelegate *delegate = nullptr,
+                                std::shared_ptr<RequestSigner> signer = nullptr)
+        : JSONHTTPRequest(url, delegate, std::move(signer))
+    {}
+    using JSONHTTPRequest::_multipartParamData;
+    using JSONHTTPRequest::hasConnection;
+    using JSONHTTPRequest::receivedValidResponse;
+    using JSONHTTPRequest::request;
+};
+
+// A clock whose waits take no time: each wait moves `now` on and its callback
+// runs on the next turn of the event loop, unless its handle was dropped.
+// Tests that only read the time set `now` themselves.
+class FakeUploadClock : public ZDUploadClock
+{
+public:
+    qint64 msecsNow() const override { return now; }
+    std::shared_ptr<void> callAfter(qint64 msecs, std::function<void()> callback) override
+    {
+        waits.append(msecs);
+        now += msecs;
+        auto handle = std::make_shared<char>();
+        QTimer::singleShot(0,
+                           [alive = std::weak_ptr<char>(handle), callback = std::move(callback)] {
+                               if (!alive.expired())
+                                   callback();
+                           });
+        return handle;
+    }
+
+    qint64 now = 0;
+    QList<qint64> waits;
+};
 
 // Records every delegate message of a request, in order.
 class RecordingDelegate : public JSONHTTPRequestDelegate

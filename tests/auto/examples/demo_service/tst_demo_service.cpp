@@ -1,9 +1,7 @@
+#include "ChildService.h"
 #include "TestSupport.h"
 
-#include "net/JSONHTTPRequest.h"
-#include "net/ZDFileUpload.h"
 #include "net/ZDOAuth1Signer.h"
-#include "net/ZDResumableUpload.h"
 
 #include <QCryptographicHash>
 #include <QDateTime>
@@ -14,7 +12,6 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
-#include <QRandomGenerator>
 #include <QRegularExpression>
 #include <QStandardPaths>
 #include <QTcpSocket>
@@ -41,47 +38,18 @@ struct Token
     QString secret;
 };
 
-// The service as a child process on a free port, with its data in `dataDir`.
-class Service
+// The demo service on a free port, with its data in `dataDir`.
+class Service : public ChildService
 {
 public:
-    ~Service() { stop(); }
-
     bool start(const QString &dataDir, const QStringList &options = {})
     {
-        m_process.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        m_process.start(qEnvironmentVariable("ZD_DEMO_SERVICE"),
-                        QStringList{u"--port"_s, u"0"_s, u"--data"_s, dataDir, u"--quiet"_s} +
-                            options);
-        while (!m_process.canReadLine()) {
-            if (!m_process.waitForReadyRead(60000))
-                return false;
-        }
-        static const QRegularExpression line(u"^listening on http://127\\.0\\.0\\.1:(\\d+)/\n$"_s);
-        const auto match = line.match(QString::fromUtf8(m_process.readLine()));
-        m_port = match.captured(1).toInt();
-        return match.hasMatch();
+        const QString problem = ChildService::start(
+            qEnvironmentVariable("ZD_DEMO_SERVICE"),
+            QStringList{u"--port"_s, u"0"_s, u"--data"_s, dataDir, u"--quiet"_s} + options);
+        return problem.isEmpty();
     }
-    // Ends the service; whether it ended cleanly.
-    bool stop()
-    {
-        if (m_process.state() == QProcess::NotRunning)
-            return false;
-        m_process.terminate();
-        return m_process.waitForFinished(60000) && m_process.exitStatus() == QProcess::NormalExit &&
-               m_process.exitCode() == 0;
-    }
-
-    int port() const { return m_port; }
-    QString url(const QString &path) const
-    {
-        return u"http://127.0.0.1:%1%2"_s.arg(m_port).arg(path);
-    }
-    QProcess &process() { return m_process; }
-
-private:
-    QProcess m_process;
-    int m_port = 0;
+    QString url(const QString &path) const { return ChildService::url(path).toString(); }
 };
 
 Reply curl(const QStringList &arguments)
@@ -175,19 +143,9 @@ qint64 bytesBelow(const QString &folder)
     return bytes;
 }
 
-QByteArray randomBytes(qsizetype size)
-{
-    QList<quint32> words(size / 4 + 1);
-    QRandomGenerator::global()->fillRange(words.data(), words.size());
-    return QByteArray(reinterpret_cast<const char *>(words.constData()), size);
-}
-
 QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &bytes)
 {
-    QFile file(dir.filePath(name));
-    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
-        return {};
-    return file.fileName();
+    return writeFile(dir.filePath(name), bytes) ? dir.filePath(name) : QString();
 }
 
 struct RawReply
@@ -342,25 +300,6 @@ int bearerUpload(const Service &service, const QString &access, const QByteArray
         .status;
 }
 
-class UploadOutcome : public ZDResumableUploadDelegate
-{
-public:
-    void uploadDidFinish(ZDResumableUpload *, const QVariant &response) override
-    {
-        ++endings;
-        answer = response.toMap();
-    }
-    void uploadDidFailWithError(ZDResumableUpload *, const ZDError &error) override
-    {
-        ++endings;
-        failure = error.localizedDescription();
-    }
-
-    int endings = 0;
-    QVariantMap answer;
-    QString failure;
-};
-
 } // namespace
 
 class tst_DemoService : public QObject
@@ -372,12 +311,10 @@ private Q_SLOTS:
     void cleanupTestCase();
     void givesATokenOnlyForASignedRequestWithTheRightPassword();
     void storesASignedUploadWithItsChecksumAndMetadata();
-    void acceptsTheLibrarysOwnMultipartLayout();
     void refusesUploadsWithARevokedToken();
     void keepsNothingOfAnUploadCutShort();
     void keepsNothingWhenRejectingUploads();
     void startUpClearsWhatADeadProcessLeftHalfWritten();
-    void publishesAResumableUploadFromTheLibrarysEngineWhole();
     void refusesResumableChunksThatAreUnsignedMisplacedOrCorrupt();
     void keepsASessionThroughARestartAndNothingElse();
     void keepsOAuth2SignInsThroughARestartWithTheirRotationAndRevocation();
@@ -500,43 +437,6 @@ void tst_DemoService::storesASignedUploadWithItsChecksumAndMetadata()
     QVERIFY(page.body.contains(QByteArray("/videos/" + id.toLatin1() + "/file")));
 }
 
-void tst_DemoService::acceptsTheLibrarysOwnMultipartLayout()
-{
-    const Token token = exchangeToken(m_service);
-    const QByteArray video = randomBytes(512 * 1024);
-    ZDFileUpload upload;
-    upload.setName(u"trip.mov"_s);
-    upload.setData(video);
-
-    RecordingDelegate delegate;
-    JSONHTTPRequest request(
-        QUrl(m_service.url(u"/api/videos"_s)), &delegate,
-        std::make_shared<ZDOAuth1Signer>(kConsumerKey, kConsumerSecret, token.key, token.secret));
-    request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
-    request.setSignsMultipartPOSTData(true);
-    request.setPostParams(QVariantMap{{u"title"_s, u"Trip & back"_s},
-                                      {u"tags"_s, u"road,trip"_s},
-                                      {u"access"_s, u"private"_s},
-                                      {u"size"_s, video.size()}});
-    request.setUnsignedPostParams(QVariantMap{{u"video"_s, QVariant::fromValue(upload)}});
-    request.start();
-    QTRY_VERIFY_WITH_TIMEOUT(delegate.endings() == 1, 120000);
-    QVERIFY2(delegate.last().kind == RecordingDelegate::Event::Object,
-             qPrintable(delegate.last().error.localizedDescription()));
-
-    const QVariantMap answer = delegate.last().object.toMap();
-    QCOMPARE(answer.value(u"md5"_s).toString(),
-             QString::fromLatin1(QCryptographicHash::hash(video, QCryptographicHash::Md5).toHex()));
-    QCOMPARE(answer.value(u"bytes"_s).toLongLong(), qint64(video.size()));
-    QFile metaFile(videos() + u'/' + answer.value(u"id"_s).toString() + u"/meta.json"_s);
-    QVERIFY(metaFile.open(QIODevice::ReadOnly));
-    const QJsonObject meta = QJsonDocument::fromJson(metaFile.readAll()).object();
-    QCOMPARE(meta.value(u"title").toString(), u"Trip & back"_s);
-    QCOMPARE(meta.value(u"tags").toArray(), (QJsonArray{u"road"_s, u"trip"_s}));
-    QCOMPARE(meta.value(u"access").toString(), u"private"_s);
-    QCOMPARE(meta.value(u"filename").toString(), u"trip.mov"_s);
-}
-
 void tst_DemoService::refusesUploadsWithARevokedToken()
 {
     const Token token = exchangeToken(m_service);
@@ -636,38 +536,6 @@ void tst_DemoService::startUpClearsWhatADeadProcessLeftHalfWritten()
     Service next;
     QVERIFY(next.start(data.path()));
     QVERIFY(entries(incomingFolder).isEmpty());
-}
-
-void tst_DemoService::publishesAResumableUploadFromTheLibrarysEngineWhole()
-{
-    const Token token = exchangeToken(m_service);
-    const QByteArray video = randomBytes(1024 * 1024 + 123);
-    const QString path = writeFile(m_files, u"engine.mov"_s, video);
-    UploadOutcome outcome;
-    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete,
-                             QUrl(m_service.url(u"/api/uploads"_s)), path, &outcome);
-    upload.setSigner(
-        std::make_shared<ZDOAuth1Signer>(kConsumerKey, kConsumerSecret, token.key, token.secret));
-    upload.setMetadata(
-        {{u"title"_s, u"By the engine"_s}, {u"tags"_s, u"a,b"_s}, {u"access"_s, u"private"_s}});
-    upload.setChunkSize(256 * 1024);
-    upload.setServerDigestKey(u"md5"_s, ZDDigestAlgorithm::MD5);
-    upload.start();
-    QTRY_VERIFY_WITH_TIMEOUT(outcome.endings == 1, 120000);
-    QVERIFY2(outcome.failure.isEmpty(), qPrintable(outcome.failure));
-
-    const QString id = outcome.answer.value(u"id"_s).toString();
-    QFile stored(videos() + u'/' + id + u"/video.mov"_s);
-    QVERIFY(stored.open(QIODevice::ReadOnly));
-    QVERIFY(stored.readAll() == video);
-    const QJsonObject meta =
-        QJsonDocument::fromJson(curl({m_service.url(u"/videos/"_s + id)}).body).object();
-    QCOMPARE(meta.value(u"title").toString(), u"By the engine"_s);
-    QCOMPARE(meta.value(u"tags").toArray(), (QJsonArray{u"a"_s, u"b"_s}));
-    QCOMPARE(meta.value(u"access").toString(), u"private"_s);
-    QCOMPARE(meta.value(u"filename").toString(), u"engine.mov"_s);
-    QCOMPARE(meta.value(u"account").toString(), u"demo"_s);
-    QVERIFY(entries(sessions()).isEmpty());
 }
 
 void tst_DemoService::refusesResumableChunksThatAreUnsignedMisplacedOrCorrupt()

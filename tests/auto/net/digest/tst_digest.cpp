@@ -106,15 +106,8 @@ void tst_Digest::fileDigestMatchesPublishedVectorsAndTheWholeDataDigest()
     QTemporaryDir dir;
     const QString small = dir.filePath(u"abc"_s);
     const QString large = dir.filePath(u"large"_s);
-    QByteArray content(3 * (1 << 20) + 17, Qt::Uninitialized); // spans several read blocks
-    for (qsizetype i = 0; i < content.size(); ++i)
-        content[i] = char((i * 7919) >> 3);
-    for (const auto &[path, bytes] :
-         {std::pair{small, QByteArray("abc")}, std::pair{large, content}}) {
-        QFile file(path);
-        QVERIFY(file.open(QIODevice::WriteOnly));
-        file.write(bytes);
-    }
+    const QByteArray content = randomBytes(3 * (1 << 20) + 17); // spans several read blocks
+    QVERIFY(writeFile(small, "abc") && writeFile(large, content));
     const auto kind = ZDDigestAlgorithm(algorithm);
     QCOMPARE(ZDCreateDigestWithFile(small, kind).value_or(QString()), QString::fromLatin1(abc));
     QCOMPARE(ZDCreateDigestBytesWithFile(large, kind).value_or(QByteArray()),
@@ -127,10 +120,7 @@ void tst_Digest::fileDigestOfARangeAndOfAFileTooShort()
 {
     QTemporaryDir dir;
     const QString path = dir.filePath(u"range"_s);
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly));
-    file.write("xxabcyy");
-    file.close();
+    QVERIFY(writeFile(path, "xxabcyy"));
     QCOMPARE(ZDCreateDigestWithFile(path, ZDDigestAlgorithm::MD5, 2, 3).value_or(QString()),
              u"900150983cd24fb0d6963f7d28e17f72"_s);
     QVERIFY(!ZDCreateDigestWithFile(path, ZDDigestAlgorithm::MD5, 2, 30));

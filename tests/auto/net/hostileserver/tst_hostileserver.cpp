@@ -27,13 +27,6 @@ namespace {
 
 constexpr int kTimeoutMs = 60000;
 
-class InspectableRequest : public JSONHTTPRequest
-{
-public:
-    using JSONHTTPRequest::JSONHTTPRequest;
-    using JSONHTTPRequest::rawData;
-};
-
 // Records whether it was asked to sign anything.
 class CountingSigner : public RequestSigner
 {
@@ -244,7 +237,7 @@ void tst_HostileServer::oversizedResponsesFailAndDropTheirBytes()
     m_plain.setHandler([&](const RecordedRequest &) { return reply; });
 
     RecordingDelegate delegate;
-    InspectableRequest request(m_plain.url(u"/big"_s), &delegate);
+    JSONHTTPRequest request(m_plain.url(u"/big"_s), &delegate);
     request.setResponseType(JSONHTTPResponseType(responseType));
     if (limit > 0)
         request.setMaximumResponseSize(limit);
@@ -255,7 +248,7 @@ void tst_HostileServer::oversizedResponsesFailAndDropTheirBytes()
         return;
     }
     expectURLError(delegate, ZDURLErrorResponseTooLarge);
-    QVERIFY(!request.rawData());
+    QVERIFY(!request.responseBody());
 }
 
 void tst_HostileServer::slowServersAreCutButThinkingServersAreNot_data()

@@ -108,6 +108,41 @@ QJsonArray expectedParts(const QVariantMap &params)
     return parts;
 }
 
+const QString kBoundary = u"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0"_s;
+
+struct Parsed
+{
+    QString parser; // which one, and what it said on failure
+    QJsonArray parts;
+    QStringList types;
+};
+
+// What each independent parser finds in `body`: the named parts without their
+// content types, which come apart. The empty part between two sequences or
+// after the closing delimiter is reported by some parsers and not by others.
+QList<Parsed> parsedByOthers(const QString &python, const QString &node, const QByteArray &body)
+{
+    const QString peers = sourceDir() + u"/tests/peers/"_s;
+    const std::pair<QString, QString> parsers[] = {{python, peers + u"parse_multipart.py"_s},
+                                                   {node, peers + u"parse_multipart.js"_s}};
+    QList<Parsed> found;
+    for (const auto &[program, script] : parsers) {
+        const Run result =
+            run(program, {script, u"multipart/form-data; boundary="_s + kBoundary}, body);
+        Parsed parsed{
+            script + u": "_s + QString::fromUtf8(result.err + result.out.left(2000)), {}, {}};
+        for (const auto &part : QJsonDocument::fromJson(result.out).array()) {
+            QJsonObject object = part.toObject();
+            if (object.value(u"name"_s).toString().isEmpty())
+                continue;
+            parsed.types.append(object.take(u"type"_s).toString());
+            parsed.parts.append(object);
+        }
+        found.append(parsed);
+    }
+    return found;
+}
+
 } // namespace
 
 class tst_WireFormat : public QObject
@@ -146,12 +181,7 @@ void tst_WireFormat::multipartBodiesParseWithIndependentParsers_data()
 
     ZDFileUpload video;
     video.setName(u"Trip \"to\" the sea.MOV"_s);
-    QByteArray bytes;
-    QRandomGenerator rng(7);
-    for (int i = 0; i < 300000; ++i)
-        bytes += char(rng.bounded(256));
-    bytes += "\r\n--";
-    video.setData(bytes);
+    video.setData(randomBytes(300000, 7) + "\r\n--");
     ZDFileUpload photo;
     photo.setName(u"caf\u00e9.jpg"_s);
     photo.setData("\xff\xd8\xff\xe0");
@@ -168,51 +198,19 @@ void tst_WireFormat::multipartBodiesParseWithIndependentParsers_data()
 }
 
 // Each parser prints the parts it found as JSON; we compare them with what we
-// put in. The body joins two sequences with an empty part between them when
-// both are present; parsers report it or skip it, and we record which.
+// put in.
 void tst_WireFormat::multipartBodiesParseWithIndependentParsers()
 {
     QFETCH(QVariantMap, signedParams);
     QFETCH(QVariantMap, unsignedParams);
-    const QString boundary = u"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0"_s;
-    ZDBodySegments segments = zdMultipartSegments(signedParams, boundary);
+    ZDBodySegments segments = zdMultipartSegments(signedParams, kBoundary);
     if (!unsignedParams.isEmpty())
-        segments += zdMultipartSegments(unsignedParams, boundary);
-    const QByteArray body = zdJoinSegments(segments);
-
+        segments += zdMultipartSegments(unsignedParams, kBoundary);
     QJsonArray expected = expectedParts(signedParams);
     for (const auto &part : expectedParts(unsignedParams))
         expected.append(part);
-
-    const QString contentType = u"multipart/form-data; boundary="_s + boundary;
-    const QString script = sourceDir() + u"/tests/peers/"_s;
-    const struct
-    {
-        QString program;
-        QString script;
-    } parsers[] = {{m_python, script + u"parse_multipart.py"_s},
-                   {m_node, script + u"parse_multipart.js"_s}};
-    for (const auto &parser : parsers) {
-        const Run result = run(parser.program, {parser.script, contentType}, body);
-        QVERIFY2(result.exitCode == 0, result.err.constData());
-        QJsonArray parts = QJsonDocument::fromJson(result.out).array();
-        // The empty part between two sequences has no name; drop it before comparing.
-        QJsonArray named;
-        for (const auto &part : parts) {
-            if (!part.toObject().value(u"name"_s).toString().isEmpty())
-                named.append(part);
-        }
-        QJsonArray comparable;
-        for (const auto &part : named) {
-            QJsonObject object = part.toObject();
-            object.remove(u"type"_s);
-            comparable.append(object);
-        }
-        QVERIFY2(comparable == expected,
-                 (parser.script + u": "_s + QString::fromUtf8(result.out.left(2000)))
-                     .toUtf8()
-                     .constData());
-    }
+    for (const Parsed &parsed : parsedByOthers(m_python, m_node, zdJoinSegments(segments)))
+        QVERIFY2(parsed.parts == expected, qPrintable(parsed.parser));
 }
 
 void tst_WireFormat::lineBreakingFileNamesStayInsideTheirPart_data()
@@ -244,33 +242,16 @@ void tst_WireFormat::lineBreakingFileNamesStayInsideTheirPart()
     upload.setName(fileName);
     upload.setData(content);
     const QVariantMap params{{u"video"_s, QVariant::fromValue(upload)}, {u"zz"_s, u"last"_s}};
-    const QString boundary = u"0F1E2D3C-4B5A-6978-8796-A5B4C3D2E1F0"_s;
-    const QByteArray body = zdMultipartParamData(params, boundary);
-
     const QJsonArray expected{
         QJsonObject{{u"name"_s, u"video"_s},
                     {u"filename"_s, parsedFileName},
                     {u"data"_s, QString::fromLatin1(content.toHex())}},
         QJsonObject{{u"name"_s, u"zz"_s}, {u"data"_s, QString::fromLatin1("last"_ba.toHex())}}};
-    const QString contentType = u"multipart/form-data; boundary="_s + boundary;
-    const QString peers = sourceDir() + u"/tests/peers/"_s;
-    const std::pair<QString, QString> parsers[] = {
-        {m_python, QString(peers + u"parse_multipart.py"_s)},
-        {m_node, QString(peers + u"parse_multipart.js"_s)}};
-    for (const auto &[program, script] : parsers) {
-        const Run result = run(program, {script, contentType}, body);
-        QVERIFY2(result.exitCode == 0, result.err.constData());
-        QJsonArray parts;
-        for (const auto &part : QJsonDocument::fromJson(result.out).array()) {
-            QJsonObject object = part.toObject();
-            if (object.value(u"name"_s).toString().isEmpty())
-                continue; // the closing delimiter's empty part, reported by some
-            // The content type follows the name's extension, never a forged line.
-            QVERIFY2(object.take(u"type"_s).toString() != u"text/html"_s, qPrintable(script));
-            parts.append(object);
-        }
-        QVERIFY2(parts == expected,
-                 qPrintable(script + u": "_s + QString::fromUtf8(result.out.left(2000))));
+    const QByteArray body = zdMultipartParamData(params, kBoundary);
+    for (const Parsed &parsed : parsedByOthers(m_python, m_node, body)) {
+        QVERIFY2(parsed.parts == expected, qPrintable(parsed.parser));
+        // The content type follows the name's extension, never a forged line.
+        QVERIFY2(!parsed.types.contains(u"text/html"_s), qPrintable(parsed.parser));
     }
 }
 
@@ -303,9 +284,7 @@ void tst_WireFormat::md5AgreesWithMd5sumOverRandomBuffers()
     QVERIFY(!md5sum.isEmpty());
     QRandomGenerator rng(1321);
     for (int size : {0, 1, 55, 56, 63, 64, 65, 1000, 1 << 20}) {
-        QByteArray buffer(size, Qt::Uninitialized);
-        for (char &byte : buffer)
-            byte = char(rng.bounded(256));
+        const QByteArray buffer = randomBytes(size, rng.generate());
         const Run result = run(md5sum, {u"-"_s}, buffer);
         QCOMPARE(ZDCreateMD5WithData(buffer), QString::fromLatin1(result.out.left(32)));
     }

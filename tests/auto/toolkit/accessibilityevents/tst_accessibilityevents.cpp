@@ -3,6 +3,8 @@
 // under tools/with-atspi (a virtual display with the AT-SPI bus); the update
 // handler below then takes the events before the bridge does.
 
+#include "ToolkitFixtures.h"
+
 #include "toolkit/ZDAlertView.h"
 #include "toolkit/ZDPickerView.h"
 #include "toolkit/ZDTableView.h"
@@ -53,17 +55,6 @@ public:
         return cells[size_t(ip.row)].get();
     }
     std::vector<std::unique_ptr<ZDTableViewCell>> cells;
-};
-
-class Names : public ZDPickerViewDelegate
-{
-public:
-    int numberOfComponentsInPickerView(ZDPickerView *) override { return 1; }
-    int pickerViewNumberOfRowsInComponent(ZDPickerView *, int) override { return 3; }
-    std::optional<QString> pickerViewTitleForRowForComponent(ZDPickerView *, int row, int) override
-    {
-        return QStringList{u"One"_s, u"Two"_s, u"Three"_s}.value(row);
-    }
 };
 
 } // namespace
@@ -118,7 +109,7 @@ void tst_AccessibilityEvents::rowsSayWhenTheyComeAndWhenTheirCheckmarkMoves()
 
 void tst_AccessibilityEvents::wheelSaysItsNewValue()
 {
-    Names names;
+    NamedWheel names({u"One"_s, u"Two"_s, u"Three"_s});
     ZDPickerView wheel;
     wheel.setDelegate(&names);
     wheel.show();

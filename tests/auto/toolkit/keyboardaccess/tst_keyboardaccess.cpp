@@ -1,6 +1,8 @@
 // The toolkit without a mouse and without sight: Tab chains, row and wheel
 // keys, alerts' keys, and what Qt's accessibility layer reports of each widget.
 
+#include "ToolkitFixtures.h"
+
 #include "toolkit/ZDAlertView.h"
 #include "toolkit/ZDDevice.h"
 #include "toolkit/ZDKeyboard.h"
@@ -112,37 +114,9 @@ QAccessibleInterface *accessible(QObject *object)
     return QAccessible::queryAccessibleInterface(object);
 }
 
-class Fruit : public ZDPickerViewDelegate
-{
-public:
-    int numberOfComponentsInPickerView(ZDPickerView *) override { return 1; }
-    int pickerViewNumberOfRowsInComponent(ZDPickerView *, int) override
-    {
-        return int(names.size());
-    }
-    std::optional<QString> pickerViewTitleForRowForComponent(ZDPickerView *, int row, int) override
-    {
-        return names.value(row);
-    }
-    void pickerViewDidSelectRowInComponent(ZDPickerView *, int row, int) override
-    {
-        picked.append(row);
-    }
-    QStringList names{u"Apple"_s,    u"Apricot"_s, u"Banana"_s, u"Cherry"_s,
-                      u"Chestnut"_s, u"Date"_s,    u"Fig"_s,    u"Grape"_s,
-                      u"Kiwi"_s,     u"Lemon"_s,   u"Lime"_s,   u"Mango"_s};
-    QList<int> picked;
-};
-
-class Recorder : public ZDAlertViewDelegate
-{
-public:
-    void alertViewWillDismissWithButtonIndex(ZDAlertView *, int index) override
-    {
-        dismissed.append(index);
-    }
-    QList<int> dismissed;
-};
+const QStringList kFruit{u"Apple"_s,    u"Apricot"_s, u"Banana"_s, u"Cherry"_s,
+                         u"Chestnut"_s, u"Date"_s,    u"Fig"_s,    u"Grape"_s,
+                         u"Kiwi"_s,     u"Lemon"_s,   u"Lime"_s,   u"Mango"_s};
 
 } // namespace
 
@@ -184,11 +158,12 @@ void tst_KeyboardAccess::tabVisitsRowsInReadingOrderThenTheFooterNotTheTable()
     std::reverse(back.begin() + 1, back.end());
     QCOMPARE(back, expected);
     QCOMPARE(shown.table->focusPolicy(), Qt::NoFocus);
-    // A click on a row leaves the focus where it was.
+    // A click on a row selects it and leaves the focus where it was.
     form.editor->setFocus();
     QTest::mouseClick(shown.table->contentWidget(), Qt::LeftButton, {},
                       shown.table->rectForRowAtIndexPath({1, 1}).center());
     QCOMPARE(QApplication::focusWidget(), form.editor);
+    QVERIFY(!shown.table->hasFocus());
     QCOMPARE(form.selected, (QList<ZDIndexPath>{ZDIndexPath{1, 1}}));
 }
 
@@ -280,7 +255,7 @@ void tst_KeyboardAccess::wheelTurnsWithKeysAndTellsItsDelegateOnlyWhenItMoves()
     QFETCH(int, calls);
     QWidget window;
     window.resize(320, 216);
-    Fruit fruit;
+    NamedWheel fruit(kFruit);
     auto *wheel = new ZDPickerView(&window);
     wheel->setGeometry(window.rect());
     wheel->setDelegate(&fruit);
@@ -329,7 +304,7 @@ void tst_KeyboardAccess::alertKeepsTabInsideAndEscapeIsItsCancelButton()
     window.show();
     QApplication::setActiveWindow(&window);
     QVERIFY(QTest::qWaitForWindowActive(&window));
-    Recorder recorder;
+    AlertRecorder recorder;
 
     QPointer<ZDAlertView> login =
         new ZDAlertView(u"Sign in"_s, QString(), &recorder, u"Cancel"_s, {u"Sign In"_s});
@@ -463,7 +438,7 @@ void tst_KeyboardAccess::rowsAreAnnouncedWithRoleNameValueAndState()
 
 void tst_KeyboardAccess::wheelIsAComboWithItsChoicesAndReportsItsValue()
 {
-    Fruit fruit;
+    NamedWheel fruit(kFruit);
     ZDPickerView wheel;
     wheel.setAccessibleName(u"Fruit"_s);
     wheel.setDelegate(&fruit);

@@ -269,6 +269,7 @@ private Q_SLOTS:
     void aServerThatNeverLetsGoMeetsTheBudget();
     void renewsAsOftenAsTokensDieButNotForever();
     void anAnswerTooLargeToHoldEndsTheUpload();
+    void abortHangsUpOnAnAnswerTooLargeToHold();
     void waitsForTheNetworkWithoutSpendingTheBudget();
     void renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset();
     void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data();
@@ -832,6 +833,53 @@ void tst_ResumableUpload::anAnswerTooLargeToHoldEndsTheUpload()
     QCOMPARE(run.recorder.error.domain(), ZDURLErrorDomain);
     QCOMPARE(run.recorder.error.code(), ZDURLErrorResponseTooLarge);
     QVERIFY(run.clock->waits.isEmpty());
+}
+
+void tst_ResumableUpload::abortHangsUpOnAnAnswerTooLargeToHold()
+{
+    // The DELETE of abort() is answered with an endless body, fed as fast as the
+    // engine reads it: the engine must hang up at its answer cap, not read on.
+    static constexpr qint64 kOffered = 256 * 1024 * 1024;
+    static constexpr qint64 kPiece = 1024 * 1024;
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    QByteArray verb;
+    qint64 fed = 0;
+    bool hungUp = false;
+    connect(&server, &QTcpServer::newConnection, this, [&] {
+        QTcpSocket *socket = server.nextPendingConnection();
+        const auto feed = [&, socket] {
+            while (fed < kOffered && socket->bytesToWrite() < 2 * kPiece) {
+                socket->write(QByteArray(kPiece, 'x'));
+                fed += kPiece;
+            }
+        };
+        connect(socket, &QTcpSocket::bytesWritten, socket, feed);
+        connect(socket, &QTcpSocket::disconnected, socket, [&] { hungUp = true; });
+        connect(socket, &QTcpSocket::readyRead, socket, [socket, feed, &verb] {
+            if (!verb.isEmpty() || !socket->peek(1 << 16).contains("\r\n\r\n"))
+                return;
+            verb = socket->readAll().split(' ').value(0);
+            socket->write("HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(kOffered) +
+                          "\r\n\r\n");
+            feed();
+        });
+    });
+
+    QTemporaryDir dir;
+    ZDUploadJournalEntry entry;
+    entry.id = u"oversized-delete"_s;
+    entry.protocol = ZDUploadProtocol::Tus;
+    entry.endpoint = QUrl(u"http://127.0.0.1:%1/files"_s.arg(server.serverPort()));
+    entry.sessionURL = QUrl(u"http://127.0.0.1:%1/files/1"_s.arg(server.serverPort()));
+    entry.file = ZDUploadFileIdentity::ofFile(writeFile(dir, u"clip.mov"_s, "clip"))
+                     .value_or(ZDUploadFileIdentity());
+    Recorder recorder;
+    ZDResumableUpload(entry, &recorder).abort();
+    QTRY_VERIFY_WITH_TIMEOUT(hungUp, 60000);
+    QCOMPARE(verb, QByteArray("DELETE"));
+    QVERIFY2(fed < 64 * kPiece, qPrintable(u"%1 bytes fed before the hang-up"_s.arg(fed)));
+    QCOMPARE(recorder.endings(), 0);
 }
 
 void tst_ResumableUpload::waitsForTheNetworkWithoutSpendingTheBudget()

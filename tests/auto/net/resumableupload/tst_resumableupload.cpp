@@ -11,6 +11,7 @@
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
+#include <QLocale>
 #include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -631,6 +632,19 @@ void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter_data()
     QTest::newRow("503, no Retry-After: backoff") << 503 << QByteArray() << 800LL << 1200LL << true;
     QTest::newRow("429, Retry-After shorter than backoff")
         << 429 << QByteArray("0") << 0LL << 0LL << true;
+    // The three forms of an HTTP date, five minutes ahead (checked within a
+    // few seconds of it, whatever the run takes).
+    const QDateTime later = QDateTime::currentDateTimeUtc().addSecs(300);
+    const QLocale c = QLocale::c();
+    const QString asctimeDay = QString::number(later.date().day()).rightJustified(2, u' ');
+    const QList<std::pair<const char *, QString>> dates = {
+        {"IMF-fixdate", c.toString(later, u"ddd, dd MMM yyyy HH:mm:ss 'GMT'")},
+        {"RFC 850", c.toString(later, u"dddd, dd-MMM-yy HH:mm:ss 'GMT'")},
+        {"asctime", c.toString(later, u"ddd MMM '%1' HH:mm:ss yyyy").arg(asctimeDay)},
+    };
+    for (const auto &[form, date] : dates)
+        QTest::addRow("503, Retry-After as %s", form)
+            << 503 << date.toLatin1() << 240000LL << 300000LL << true;
     QTest::newRow("400 is not retried") << 400 << QByteArray("7") << -1LL << -1LL << false;
     QTest::newRow("403 is not retried") << 403 << QByteArray() << -1LL << -1LL << false;
 }

@@ -48,6 +48,25 @@ QString loggable(const QUrl &url)
     return url.adjusted(QUrl::RemoveQuery | QUrl::RemoveFragment | QUrl::RemoveUserInfo).toString();
 }
 
+// Notices a completion dropped unanswered: a credential source destroyed while
+// it is asked takes the last copy of the completion along, and no answer comes.
+class AnswerWatch
+{
+public:
+    explicit AnswerWatch(std::function<void()> onDropped) : m_onDropped(std::move(onDropped)) {}
+    ~AnswerWatch()
+    {
+        if (m_onDropped)
+            m_onDropped();
+    }
+    AnswerWatch(const AnswerWatch &) = delete;
+    AnswerWatch &operator=(const AnswerWatch &) = delete;
+    void answered() { m_onDropped = nullptr; }
+
+private:
+    std::function<void()> m_onDropped;
+};
+
 } // namespace
 
 ZDResumableUploadDelegate::~ZDResumableUploadDelegate() = default;
@@ -183,9 +202,19 @@ void ZDResumableUploadPrivate::withCredentials(ZDCredentialSource::Reason reason
     credentialsTicket = std::make_shared<int>(0);
     std::weak_ptr<int> ticket = credentialsTicket;
     std::weak_ptr<ZDResumableUploadPrivate> weak = weak_from_this();
+    auto watch = std::make_shared<AnswerWatch>([weak, ticket] {
+        // Likely inside the source's destructor: the failure comes from the event loop.
+        QTimer::singleShot(0, [weak, ticket] {
+            const auto self = weak.lock();
+            if (self && !ticket.expired() && self->step == Step::Credentials)
+                self->failWith(ZDResumableUploadErrorCredentialsUnavailable,
+                               u"The account's credentials are no longer available."_s);
+        });
+    });
     source->credentialsForRequest(
-        reason, [weak, ticket, next = std::move(next)](std::shared_ptr<RequestSigner> fresh,
-                                                       std::optional<ZDError> error) {
+        reason, [weak, ticket, watch, next = std::move(next)](std::shared_ptr<RequestSigner> fresh,
+                                                              std::optional<ZDError> error) {
+            watch->answered();
             const auto self = weak.lock();
             if (!self || ticket.expired() || self->step != Step::Credentials)
                 return;

@@ -273,6 +273,7 @@ private Q_SLOTS:
     void abortHangsUpOnAnAnswerTooLargeToHold();
     void waitsForTheNetworkWithoutSpendingTheBudget();
     void renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset();
+    void aCredentialSourceGoneWhileAskedFailsTheUpload();
     void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data();
     void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole();
     void resendsAChunkWhoseChecksumIsRefusedThenGivesUp_data();
@@ -976,6 +977,30 @@ void tst_ResumableUpload::renewsCredentialsOnceAfterA401AndContinuesFromTheServe
         QVERIFY(credentials.reasons.count(ZDCredentialSource::Reason::BeforeRequest) >= 4);
         QCOMPARE(recorder.resumes, QList<qint64>{256 * 1024});
     }
+}
+
+void tst_ResumableUpload::aCredentialSourceGoneWhileAskedFailsTheUpload()
+{
+    // Keeps every ask unanswered, as a source busy renewing does.
+    struct Holding : ZDCredentialSource
+    {
+        void credentialsForRequest(Reason, Completion completion) override
+        {
+            held.append(std::move(completion));
+        }
+        QList<Completion> held;
+    };
+    MiniUpload run;
+    QVERIFY(run.prepare(300 * 1024, 14));
+    auto source = std::make_unique<Holding>();
+    run.upload->setCredentialSource(source.get());
+    run.upload->start();
+    QTRY_COMPARE(source->held.size(), 1);
+    source.reset();
+    QTRY_COMPARE_WITH_TIMEOUT(run.recorder.endings(), 1, 10000);
+    QCOMPARE(run.recorder.error.domain(), ZDResumableUploadErrorDomain);
+    QCOMPARE(run.recorder.error.code(), ZDResumableUploadErrorCredentialsUnavailable);
+    QVERIFY(run.loopback.requests().isEmpty());
 }
 
 void tst_ResumableUpload::refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data()

@@ -48,6 +48,20 @@ QString loggable(const QUrl &url)
     return url.adjusted(QUrl::RemoveQuery | QUrl::RemoveFragment | QUrl::RemoveUserInfo).toString();
 }
 
+// Whether a credential source's error says that its service could not be
+// reached (the source stays signed in and a later ask may succeed), rather than
+// that the service refused to renew the credentials.
+bool isUnreachable(const ZDError &error)
+{
+    if (error.domain() == ZDCurlErrorDomain)
+        return zdCurlCode(error.code()).retryable;
+    if (error.domain() == ZDURLErrorDomain)
+        return error.code() == ZDURLErrorStalled || error.code() == ZDURLErrorTimedOut;
+    return error.domain() == JSONHTTPRequestErrorDomain &&
+           error.code() == JSONHTTPRequestErrorBadStatus &&
+           error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode() >= 500;
+}
+
 // Notices a completion dropped unanswered: a credential source destroyed while
 // it is asked takes the last copy of the completion along, and no answer comes.
 class AnswerWatch
@@ -212,17 +226,23 @@ void ZDResumableUploadPrivate::withCredentials(ZDCredentialSource::Reason reason
         });
     });
     source->credentialsForRequest(
-        reason, [weak, ticket, watch, next = std::move(next)](std::shared_ptr<RequestSigner> fresh,
-                                                              std::optional<ZDError> error) {
+        reason, [weak, ticket, watch, reason, next = std::move(next)](
+                    std::shared_ptr<RequestSigner> fresh, std::optional<ZDError> error) {
             watch->answered();
             const auto self = weak.lock();
             if (!self || ticket.expired() || self->step != Step::Credentials)
                 return;
+            if (error && isUnreachable(*error)) {
+                // Asked again after the wait, for the same reason.
+                self->renewalOwed = reason == ZDCredentialSource::Reason::Unauthorized;
+                return self->retryAfter(*error, -1);
+            }
             if (error || !fresh)
                 return self->failWith(ZDResumableUploadErrorCredentialsUnavailable,
                                       u"The account's credentials could not be renewed."_s,
                                       error.value_or(ZDError()));
             self->signer = std::move(fresh);
+            self->renewalOwed = false;
             next();
         });
 }
@@ -532,7 +552,8 @@ void ZDResumableUploadPrivate::retryAfter(const ZDError &reason, qint64 retryAft
         if (!self || self->step != Step::Waiting)
             return;
         self->timer.reset();
-        self->withCredentials(ZDCredentialSource::Reason::BeforeRequest,
+        self->withCredentials(self->renewalOwed ? ZDCredentialSource::Reason::Unauthorized
+                                                : ZDCredentialSource::Reason::BeforeRequest,
                               [raw = self.get()] { raw->proceed(); });
     });
 }

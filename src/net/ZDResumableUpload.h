@@ -115,8 +115,10 @@ public:
 // request (Reason::BeforeRequest) and once more after a 401 (Reason::Unauthorized),
 // then continues from the server's offset. A 401 right after a renewal (before
 // any answer accepted the new credentials) fails, and so does a fourth 401
-// before bytes are confirmed again. Without a source it signs with the signer,
-// if any.
+// before bytes are confirmed again. A source that could not reach its service (a
+// transport error or a 5xx, see ZDCredentialSource) is asked again after the
+// policy's wait, like a request that failed on the network; a refused renewal
+// fails the upload. Without a source it signs with the signer, if any.
 //
 // The journal (ZDUploadJournal) holds an entry from the session's creation until
 // the upload ends: updated atomically after every confirmed chunk, removed on

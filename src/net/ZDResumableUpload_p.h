@@ -60,6 +60,7 @@ public:
     int checksumRefusals = 0;
     int sessionLosses = 0;
     bool refreshedAfter401 = false; // and no answer accepted the renewed credentials yet
+    bool renewalOwed = false;       // a renewal after a 401 could not reach its service
     int renewalsSinceProgress = 0;
     int chunksWithoutProgress = 0;
     bool interrupted = false; // a failure happened: the next offset is a resumption

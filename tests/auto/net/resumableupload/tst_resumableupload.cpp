@@ -274,6 +274,8 @@ private Q_SLOTS:
     void waitsForTheNetworkWithoutSpendingTheBudget();
     void renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset();
     void aCredentialSourceGoneWhileAskedFailsTheUpload();
+    void retriesACredentialSourceThatCannotReachItsServiceButNotARefusal_data();
+    void retriesACredentialSourceThatCannotReachItsServiceButNotARefusal();
     void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data();
     void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole();
     void resendsAChunkWhoseChecksumIsRefusedThenGivesUp_data();
@@ -1001,6 +1003,56 @@ void tst_ResumableUpload::aCredentialSourceGoneWhileAskedFailsTheUpload()
     QCOMPARE(run.recorder.error.domain(), ZDResumableUploadErrorDomain);
     QCOMPARE(run.recorder.error.code(), ZDResumableUploadErrorCredentialsUnavailable);
     QVERIFY(run.loopback.requests().isEmpty());
+}
+
+void tst_ResumableUpload::retriesACredentialSourceThatCannotReachItsServiceButNotARefusal_data()
+{
+    QTest::addColumn<ZDError>("failure");
+    QTest::addColumn<bool>("retried");
+    QTest::newRow("connection failed") << ZDError(ZDCurlErrorDomain, 7) << true;
+    const ZDHTTPResponse unavailable(QUrl(u"https://accounts.example/token"_s), 503, {});
+    QTest::newRow("service answered 503")
+        << ZDError(JSONHTTPRequestErrorDomain, JSONHTTPRequestErrorBadStatus,
+                   {{ZDHTTPResponseKey, QVariant::fromValue(unavailable)}})
+        << true;
+    QTest::newRow("renewal refused") << ZDError(u"AccountErrorDomain"_s, 1) << false;
+}
+
+void tst_ResumableUpload::retriesACredentialSourceThatCannotReachItsServiceButNotARefusal()
+{
+    QFETCH(ZDError, failure);
+    QFETCH(bool, retried);
+    // Fails its first ask with `failure`, then hands out signers.
+    struct FailingOnce : TestCredentials
+    {
+        void credentialsForRequest(Reason reason, Completion completion) override
+        {
+            if (std::exchange(first, false))
+                QTimer::singleShot(0,
+                                   [completion, error = failure] { completion(nullptr, error); });
+            else
+                TestCredentials::credentialsForRequest(reason, std::move(completion));
+        }
+        bool first = true;
+        ZDError failure;
+    } source;
+    source.failure = failure;
+    MiniUpload run;
+    QVERIFY(run.prepare(300 * 1024, 15));
+    run.upload->setCredentialSource(&source);
+    run.upload->setRetryPolicy(quickPolicy());
+    run.upload->start();
+    QTRY_COMPARE_WITH_TIMEOUT(run.recorder.endings(), 1, 30000);
+    if (!retried) {
+        QCOMPARE(run.recorder.error.code(), ZDResumableUploadErrorCredentialsUnavailable);
+        QVERIFY(run.clock->waits.isEmpty());
+        return;
+    }
+    QVERIFY2(run.recorder.finishes == 1, qPrintable(run.recorder.error.localizedDescription()));
+    QCOMPARE(run.recorder.retries.size(), 1);
+    QCOMPARE(run.recorder.retries.front().reason.domain(), failure.domain());
+    QCOMPARE(run.clock->waits, QList<qint64>{300});
+    QVERIFY(run.service.stored == run.content);
 }
 
 void tst_ResumableUpload::refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data()

@@ -1,22 +1,14 @@
 #include "net/ZDResumableUpload.h"
 
+#include "core/ZDLogging_p.h"
 #include "net/ZDCurlCodes_p.h"
-#include "net/ZDFileUpload.h"
 #include "net/ZDJSON_p.h"
-#include "net/ZDNetworkInformation_p.h"
 #include "net/ZDResumableUpload_p.h"
-#include "net/ZDURLRequest.h"
+#include "net/ZDRetryPolicy_p.h"
 
 #include <QCoreApplication>
-#include <QElapsedTimer>
-#include <QFileInfo>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QNetworkInformation>
 #include <QTimer>
 #include <QUuid>
-
-#include <cmath>
 
 using namespace Qt::StringLiterals;
 
@@ -40,86 +32,6 @@ constexpr int kChunksWithoutProgressAllowed = 3;
 // but a service that refuses every fresh one must not hold the upload forever.
 constexpr int kRenewalsWithoutProgress = 3;
 
-class SystemClock final : public ZDUploadClock
-{
-public:
-    SystemClock() { m_elapsed.start(); }
-    qint64 msecsNow() const override { return m_elapsed.elapsed(); }
-    std::shared_ptr<void> callAfter(qint64 msecs, std::function<void()> callback) override
-    {
-        // Deleted later: the callback may drop the handle while the timer emits.
-        std::shared_ptr<QTimer> timer(new QTimer, [](QTimer *t) { t->deleteLater(); });
-        timer->setSingleShot(true);
-        QObject::connect(timer.get(), &QTimer::timeout, timer.get(), std::move(callback));
-        timer->start(int(std::min<qint64>(msecs, std::numeric_limits<int>::max())));
-        return timer;
-    }
-
-private:
-    QElapsedTimer m_elapsed;
-};
-
-class SystemReachability final : public ZDNetworkReachability
-{
-public:
-    // Loading the backend (a plug-in, then the system bus) takes milliseconds:
-    // paid here, when an upload starts, instead of at its first cut.
-    SystemReachability() { instance(); }
-    bool isOffline() override
-    {
-        QNetworkInformation *info = instance();
-        return info && info->reachability() == QNetworkInformation::Reachability::Disconnected;
-    }
-    std::shared_ptr<void> whenOnline(std::function<void()> callback) override
-    {
-        QNetworkInformation *info = instance();
-        if (!info)
-            return nullptr;
-        // Deleted later: the callback may drop the handle while the signal is emitted.
-        std::shared_ptr<QObject> watcher(new QObject, [](QObject *o) { o->deleteLater(); });
-        auto once = std::make_shared<std::function<void()>>(std::move(callback));
-        QObject::connect(info, &QNetworkInformation::reachabilityChanged, watcher.get(),
-                         [once](QNetworkInformation::Reachability now) {
-                             if (now == QNetworkInformation::Reachability::Disconnected || !*once)
-                                 return;
-                             std::exchange(*once, nullptr)();
-                         });
-        return watcher;
-    }
-
-private:
-    static QNetworkInformation *instance() { return zdNetworkInformation(); }
-};
-
-QByteArray base64Digest(const QString &path, qint64 offset, qint64 length)
-{
-    const auto digest = ZDCreateDigestBytesWithFile(path, ZDDigestAlgorithm::SHA1, offset, length);
-    return digest ? digest->toBase64() : QByteArray();
-}
-
-QByteArray tusMetadata(const QVariantMap &metadata)
-{
-    QByteArrayList pairs;
-    for (auto it = metadata.cbegin(); it != metadata.cend(); ++it)
-        pairs.append(it.key().toUtf8() + ' ' + it.value().toString().toUtf8().toBase64());
-    return pairs.join(',');
-}
-
-// "bytes=0-n" as the 308 protocol reports it: the offset n + 1, 0 without a
-// header, or -1 for anything else (another start, several ranges).
-qint64 offsetFromRange(const QByteArray &range)
-{
-    if (range.isEmpty())
-        return 0;
-    const QByteArray value = range.trimmed();
-    if (!value.startsWith("bytes=0-") || value.contains(','))
-        return -1;
-    bool ok = false;
-    const qint64 last = value.mid(8).toLongLong(&ok);
-    // "bytes=0--1" is how some servers say that nothing is stored yet.
-    return ok && last >= -1 ? last + 1 : -1;
-}
-
 QVariant responseObject(const QByteArray &body)
 {
     if (body.isEmpty())
@@ -130,44 +42,46 @@ QVariant responseObject(const QByteArray &body)
     return body;
 }
 
+// Session URLs may be signed in their query; the log never shows it.
+QString loggable(const QUrl &url)
+{
+    return url.adjusted(QUrl::RemoveQuery | QUrl::RemoveFragment | QUrl::RemoveUserInfo).toString();
+}
+
+// Whether a credential source's error says that its service could not be
+// reached (the source stays signed in and a later ask may succeed), rather than
+// that the service refused to renew the credentials.
+bool isUnreachable(const ZDError &error)
+{
+    if (error.domain() == ZDCurlErrorDomain)
+        return zdCurlCode(error.code()).retryable;
+    if (error.domain() == ZDURLErrorDomain)
+        return error.code() == ZDURLErrorStalled || error.code() == ZDURLErrorTimedOut;
+    return error.domain() == JSONHTTPRequestErrorDomain &&
+           error.code() == JSONHTTPRequestErrorBadStatus &&
+           error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode() >= 500;
+}
+
+// Notices a completion dropped unanswered: a credential source destroyed while
+// it is asked takes the last copy of the completion along, and no answer comes.
+class AnswerWatch
+{
+public:
+    explicit AnswerWatch(std::function<void()> onDropped) : m_onDropped(std::move(onDropped)) {}
+    ~AnswerWatch()
+    {
+        if (m_onDropped)
+            m_onDropped();
+    }
+    AnswerWatch(const AnswerWatch &) = delete;
+    AnswerWatch &operator=(const AnswerWatch &) = delete;
+    void answered() { m_onDropped = nullptr; }
+
+private:
+    std::function<void()> m_onDropped;
+};
+
 } // namespace
-
-qint64 zdRetryAfterMsecs(const QByteArray &value, const QDateTime &now)
-{
-    const QByteArray text = value.trimmed();
-    if (text.isEmpty())
-        return -1;
-    bool ok = false;
-    const qint64 seconds = text.toLongLong(&ok);
-    if (ok)
-        return seconds >= 0 ? std::min<qint64>(seconds, 24 * 3600) * 1000 : -1;
-    const QDateTime when = QDateTime::fromString(QString::fromLatin1(text), Qt::RFC2822Date);
-    if (!when.isValid())
-        return -1;
-    return std::clamp<qint64>(now.msecsTo(when), 0, 24 * 3600 * 1000);
-}
-
-ZDNetworkReachability::~ZDNetworkReachability() = default;
-
-std::shared_ptr<ZDNetworkReachability> ZDNetworkReachability::systemReachability()
-{
-    return std::make_shared<SystemReachability>();
-}
-
-ZDUploadClock::~ZDUploadClock() = default;
-
-std::shared_ptr<ZDUploadClock> ZDUploadClock::systemClock()
-{
-    return std::make_shared<SystemClock>();
-}
-
-qint64 ZDRetryPolicy::delayForAttempt(int attempt, double unitRandom) const
-{
-    const double base = double(initialDelayMsecs) * std::pow(multiplier, std::max(attempt - 1, 0));
-    const double capped = std::min(base, double(maximumDelayMsecs));
-    const double spread = capped * jitter * (2.0 * unitRandom - 1.0);
-    return std::max<qint64>(0, qint64(capped + spread));
-}
 
 ZDResumableUploadDelegate::~ZDResumableUploadDelegate() = default;
 void ZDResumableUploadDelegate::uploadHasSentBytes(ZDResumableUpload *, qint64, qint64) {}
@@ -176,29 +90,71 @@ void ZDResumableUploadDelegate::uploadWillRetry(ZDResumableUpload *, const ZDErr
 {}
 void ZDResumableUploadDelegate::uploadDidResume(ZDResumableUpload *, qint64) {}
 
-// --- steps --------------------------------------------------------------------
+// --- requests -------------------------------------------------------------------
 
-std::unique_ptr<ZDUploadRequest> ZDResumableUploadPrivate::makeRequest(const QUrl &url,
-                                                                       const QByteArray &verb)
+ZDUploadDialectContext ZDResumableUploadPrivate::context() const
 {
-    auto made = std::make_unique<ZDUploadRequest>(url, this, signer);
-    made->setHTTPMethod(JSONHTTPRequestMethodFormPOST);
-    made->setHTTPVerb(verb);
+    return {endpoint,
+            entry.sessionURL,
+            filePath,
+            total,
+            metadata,
+            fileFieldName,
+            checksums && dialect->hasChecksums()};
+}
+
+std::unique_ptr<JSONHTTPRequest>
+ZDResumableUploadPrivate::makeRequest(const ZDUploadWireRequest &wire, JSONHTTPRequestDelegate *to)
+{
+    auto made = std::make_unique<JSONHTTPRequest>(wire.url, to, signer);
+    if (wire.formFields) {
+        made->setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
+        made->setPostParams(*wire.formFields);
+    } else {
+        made->setHTTPMethod(JSONHTTPRequestMethodFormPOST);
+    }
+    made->setHTTPVerb(wire.verb);
     made->setResponseType(JSONHTTPResponseTypeRawData);
     made->setMaximumResponseSize(kMaximumAnswerBytes);
     made->setAllowsCellularAccess(allowsCellularAccess);
     for (const auto &[name, value] : headers)
         made->setHTTPHeaderValue(name, value);
-    if (protocol == ZDUploadProtocol::Tus)
-        made->setHTTPHeaderValue(u"Tus-Resumable"_s, u"1.0.0"_s);
     // Every request on a connection of its own (the transport honours the
     // header): curl silently sends a request again when a reused connection
     // turns out dead, and a chunk sent twice races the server's own cleanup of
     // the lost one. A fresh connection fails instead, and the engine asks the
     // server where it stands.
     made->setHTTPHeaderValue(u"Connection"_s, u"close"_s);
+    for (const auto &[name, value] : wire.headers)
+        made->setHTTPHeaderValue(name, value);
+    if (wire.fileRange)
+        made->setOverridePostBodySegments(ZDBodySegments{
+            ZDBodySegment::file(filePath, wire.fileRange->offset, wire.fileRange->length)});
+    else if (wire.body)
+        made->setOverridePostBody(*wire.body);
     return made;
 }
+
+void ZDResumableUploadPrivate::send(const ZDUploadWireRequest &wire, Step sending)
+{
+    if (wire.fileRange)
+        qCDebug(lcZDNet).noquote()
+            << "upload" << entry.id << "sends bytes" << wire.fileRange->offset << "to"
+            << wire.fileRange->offset + wire.fileRange->length << "of" << total << "with"
+            << wire.verb << loggable(wire.url);
+    else
+        qCDebug(lcZDNet).noquote()
+            << "upload" << entry.id << "sends" << wire.verb << loggable(wire.url);
+    request = makeRequest(wire, this);
+    step = sending;
+    if (sending == Step::SendChunk || sending == Step::SendWhole) {
+        lastWritten = 0;
+        chunkStartedAt = clock->msecsNow();
+    }
+    request->start();
+}
+
+// --- steps --------------------------------------------------------------------
 
 void ZDResumableUploadPrivate::start()
 {
@@ -206,7 +162,11 @@ void ZDResumableUploadPrivate::start()
         clock = ZDUploadClock::systemClock();
     if (!reachability)
         reachability = ZDNetworkReachability::systemReachability();
-    if (journal && protocol != ZDUploadProtocol::Multipart) {
+    if (!dialect)
+        return failWith(
+            ZDResumableUploadErrorProtocolViolation,
+            u"The upload of %1 was begun in a dialect that was not given again."_s.arg(filePath));
+    if (journal && dialect->isResumable()) {
         journalClaim = journal->claim(entry.id);
         if (!journalClaim)
             return failWith(ZDResumableUploadErrorAlreadyRunning,
@@ -224,14 +184,20 @@ void ZDResumableUploadPrivate::start()
     }
     entry.file = *now;
     total = now->size;
-    if (protocol == ZDUploadProtocol::Multipart)
-        return withCredentials(ZDCredentialSource::Reason::BeforeRequest,
-                               [this] { sendMultipart(); });
-    if (entry.sessionURL.isEmpty())
-        return withCredentials(ZDCredentialSource::Reason::BeforeRequest,
-                               [this] { createSession(); });
-    interrupted = true; // a journal's session: ask where it stands
-    withCredentials(ZDCredentialSource::Reason::BeforeRequest, [this] { queryOffset(); });
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "starts:" << total << "bytes to"
+                               << loggable(endpoint) << "on session" << loggable(entry.sessionURL);
+    interrupted = !entry.sessionURL.isEmpty(); // a journal's session: ask where it stands
+    withCredentials(ZDCredentialSource::Reason::BeforeRequest, [this] { proceed(); });
+}
+
+void ZDResumableUploadPrivate::proceed()
+{
+    if (!dialect->isResumable())
+        sendWhole();
+    else if (entry.sessionURL.isEmpty())
+        createSession();
+    else
+        queryOffset();
 }
 
 void ZDResumableUploadPrivate::withCredentials(ZDCredentialSource::Reason reason,
@@ -243,64 +209,52 @@ void ZDResumableUploadPrivate::withCredentials(ZDCredentialSource::Reason reason
     if (!source)
         return failWith(ZDResumableUploadErrorCredentialsUnavailable,
                         u"The account's credentials are no longer available."_s);
+    if (reason == ZDCredentialSource::Reason::Unauthorized)
+        qCDebug(lcZDNet).noquote()
+            << "upload" << entry.id << "asks for renewed credentials after a 401";
     step = Step::Credentials;
     credentialsTicket = std::make_shared<int>(0);
     std::weak_ptr<int> ticket = credentialsTicket;
     std::weak_ptr<ZDResumableUploadPrivate> weak = weak_from_this();
+    auto watch = std::make_shared<AnswerWatch>([weak, ticket] {
+        // Likely inside the source's destructor: the failure comes from the event loop.
+        QTimer::singleShot(0, [weak, ticket] {
+            const auto self = weak.lock();
+            if (self && !ticket.expired() && self->step == Step::Credentials)
+                self->failWith(ZDResumableUploadErrorCredentialsUnavailable,
+                               u"The account's credentials are no longer available."_s);
+        });
+    });
     source->credentialsForRequest(
-        reason, [weak, ticket, next = std::move(next)](std::shared_ptr<RequestSigner> fresh,
-                                                       std::optional<ZDError> error) {
+        reason, [weak, ticket, watch, reason, next = std::move(next)](
+                    std::shared_ptr<RequestSigner> fresh, std::optional<ZDError> error) {
+            watch->answered();
             const auto self = weak.lock();
             if (!self || ticket.expired() || self->step != Step::Credentials)
                 return;
+            if (error && isUnreachable(*error)) {
+                // Asked again after the wait, for the same reason.
+                self->renewalOwed = reason == ZDCredentialSource::Reason::Unauthorized;
+                return self->retryAfter(*error, -1);
+            }
             if (error || !fresh)
                 return self->failWith(ZDResumableUploadErrorCredentialsUnavailable,
                                       u"The account's credentials could not be renewed."_s,
                                       error.value_or(ZDError()));
             self->signer = std::move(fresh);
+            self->renewalOwed = false;
             next();
         });
 }
 
 void ZDResumableUploadPrivate::createSession()
 {
-    if (protocol == ZDUploadProtocol::Tus) {
-        request = makeRequest(endpoint, "POST");
-        request->setHTTPHeaderValue(u"Upload-Length"_s, QString::number(total));
-        if (!metadata.isEmpty())
-            request->setHTTPHeaderValue(u"Upload-Metadata"_s,
-                                        QString::fromLatin1(tusMetadata(metadata)));
-        request->setOverridePostBody(QByteArray(""));
-    } else {
-        request = makeRequest(endpoint, "POST");
-        request->setHTTPHeaderValue(u"Content-Type"_s, u"application/json; charset=utf-8"_s);
-        request->setHTTPHeaderValue(u"X-Upload-Content-Length"_s, QString::number(total));
-        request->setHTTPHeaderValue(
-            u"X-Upload-Content-Type"_s,
-            metadata.value(u"mimeType"_s, u"application/octet-stream"_s).toString());
-        QVariantMap body = metadata;
-        body.insert(u"size"_s, total);
-        // Services of this kind name the upload by the file's name unless told.
-        if (!body.contains(u"name"_s))
-            body.insert(u"name"_s, QFileInfo(filePath).fileName());
-        request->setOverridePostBody(
-            QJsonDocument(QJsonObject::fromVariantMap(body)).toJson(QJsonDocument::Compact));
-    }
-    step = Step::Create;
-    request->start();
+    send(dialect->creationRequest(context()), Step::Create);
 }
 
 void ZDResumableUploadPrivate::queryOffset()
 {
-    if (protocol == ZDUploadProtocol::Tus) {
-        request = makeRequest(entry.sessionURL, "HEAD");
-    } else {
-        request = makeRequest(entry.sessionURL, "PUT");
-        request->setHTTPHeaderValue(u"Content-Range"_s, u"bytes */%1"_s.arg(total));
-        request->setOverridePostBody(QByteArray(""));
-    }
-    step = Step::QueryOffset;
-    request->start();
+    send(dialect->offsetRequest(context()), Step::QueryOffset);
 }
 
 void ZDResumableUploadPrivate::sendChunk()
@@ -312,63 +266,26 @@ void ZDResumableUploadPrivate::sendChunk()
     // Recorded before the bytes leave: a server that later claims more is wrong.
     entry.sentUpTo = std::max(entry.sentUpTo, chunkStart + chunkLength);
     saveJournal();
-    const ZDBodySegments body{ZDBodySegment::file(filePath, chunkStart, chunkLength)};
-    if (protocol == ZDUploadProtocol::Tus) {
-        request = makeRequest(entry.sessionURL, "PATCH");
-        request->setHTTPHeaderValue(u"Content-Type"_s, u"application/offset+octet-stream"_s);
-        request->setHTTPHeaderValue(u"Upload-Offset"_s, QString::number(chunkStart));
-        if (checksums)
-            request->setHTTPHeaderValue(
-                u"Upload-Checksum"_s,
-                u"sha1 "_s + QString::fromLatin1(base64Digest(filePath, chunkStart, chunkLength)));
-    } else {
-        request = makeRequest(entry.sessionURL, "PUT");
-        request->setHTTPHeaderValue(u"Content-Type"_s, u"application/octet-stream"_s);
-        request->setHTTPHeaderValue(
-            u"Content-Range"_s,
-            u"bytes %1-%2/%3"_s.arg(chunkStart).arg(chunkStart + chunkLength - 1).arg(total));
-        if (checksums)
-            request->setHTTPHeaderValue(
-                u"Digest"_s,
-                u"sha="_s + QString::fromLatin1(base64Digest(filePath, chunkStart, chunkLength)));
-    }
-    request->setOverridePostBodySegments(body);
-    step = Step::SendChunk;
-    lastWritten = 0;
-    chunkStartedAt = clock->msecsNow();
-    request->start();
+    send(dialect->chunkRequest(context(), chunkStart, chunkLength), Step::SendChunk);
 }
 
-void ZDResumableUploadPrivate::sendMultipart()
+void ZDResumableUploadPrivate::sendWhole()
 {
     if (!fileStillSame())
         return;
-    request = std::make_unique<ZDUploadRequest>(endpoint, this, signer);
-    request->setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
-    request->setResponseType(JSONHTTPResponseTypeRawData);
-    request->setMaximumResponseSize(kMaximumAnswerBytes);
-    request->setAllowsCellularAccess(allowsCellularAccess);
-    for (const auto &[name, value] : headers)
-        request->setHTTPHeaderValue(name, value);
-    QVariantMap fields = metadata;
-    fields.insert(fileFieldName, QVariant::fromValue(ZDStreamedFileUpload(filePath)));
-    request->setPostParams(fields);
     chunkStart = 0;
     chunkLength = total;
-    step = Step::Multipart;
-    lastWritten = 0;
-    chunkStartedAt = clock->msecsNow();
-    request->start();
+    send(dialect->singleRequest(context()), Step::SendWhole);
 }
 
 void ZDResumableUploadPrivate::terminate()
 {
-    if (protocol == ZDUploadProtocol::Multipart || entry.sessionURL.isEmpty())
+    if (!dialect || !dialect->hasTermination() || entry.sessionURL.isEmpty())
         return;
     // Fire and forget: the session is abandoned whatever the answer.
     struct Orphan : JSONHTTPRequestDelegate
     {
-        std::unique_ptr<ZDUploadRequest> request;
+        std::unique_ptr<JSONHTTPRequest> request;
         QObject context; // scope of the calls that delete the orphan
         void end()
         {
@@ -382,27 +299,24 @@ void ZDResumableUploadPrivate::terminate()
     if (QCoreApplication *app = QCoreApplication::instance())
         QObject::connect(app, &QCoreApplication::aboutToQuit, &orphan->context,
                          [orphan] { delete orphan; });
-    orphan->request = std::make_unique<ZDUploadRequest>(entry.sessionURL, orphan, signer);
-    orphan->request->setHTTPMethod(JSONHTTPRequestMethodFormPOST);
-    orphan->request->setHTTPVerb("DELETE");
-    orphan->request->setResponseType(JSONHTTPResponseTypeRawData);
-    for (const auto &[name, value] : headers)
-        orphan->request->setHTTPHeaderValue(name, value);
-    if (protocol == ZDUploadProtocol::Tus)
-        orphan->request->setHTTPHeaderValue(u"Tus-Resumable"_s, u"1.0.0"_s);
+    const ZDUploadWireRequest wire = dialect->terminationRequest(context());
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "ends its session:" << wire.verb
+                               << loggable(wire.url);
+    orphan->request = makeRequest(wire, orphan);
     orphan->request->start();
 }
 
 // --- outcomes -------------------------------------------------------------------
 
-void ZDResumableUploadPrivate::createAnswered(const ZDHTTPResponse &response)
+void ZDResumableUploadPrivate::createAnswered(const ZDHTTPResponse &response,
+                                              const QByteArray &body)
 {
-    const QByteArray location = response.valueForHTTPHeaderField("Location");
-    if (location.isEmpty() || (response.statusCode() != 200 && response.statusCode() != 201))
+    const ZDUploadSession opened = dialect->sessionFromAnswer(context(), response, body);
+    if (opened.url.isEmpty())
         return failWith(
             ZDResumableUploadErrorProtocolViolation,
             u"The service opened no upload session (status %1)."_s.arg(response.statusCode()));
-    const QUrl session = endpoint.resolved(QUrl::fromEncoded(location));
+    const QUrl session = endpoint.resolved(opened.url);
     // The session gets every chunk and every credential: never less secure
     // than the endpoint the plug-in chose.
     const bool secure = endpoint.scheme().compare(u"https"_s, Qt::CaseInsensitive) != 0 ||
@@ -411,29 +325,23 @@ void ZDResumableUploadPrivate::createAnswered(const ZDHTTPResponse &response)
         return failWith(ZDResumableUploadErrorProtocolViolation,
                         u"The service named an upload session that is not secure (%1)."_s.arg(
                             session.scheme()));
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "opened session" << loggable(session);
     entry.sessionURL = session;
-    const QByteArray expires = response.valueForHTTPHeaderField("Upload-Expires");
-    if (!expires.isEmpty())
-        entry.expires = QDateTime::fromString(QString::fromLatin1(expires), Qt::RFC2822Date);
+    if (opened.expires.isValid())
+        entry.expires = opened.expires;
     entry.offset = 0;
     entry.sentUpTo = 0;
     saveJournal();
     withCredentials(ZDCredentialSource::Reason::BeforeRequest, [this] { sendChunk(); });
 }
 
-void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response)
+void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response,
+                                              const QByteArray &body)
 {
-    qint64 offset = -1;
-    if (protocol == ZDUploadProtocol::Tus) {
-        bool ok = false;
-        offset = response.valueForHTTPHeaderField("Upload-Offset").trimmed().toLongLong(&ok);
-        if (!ok)
-            offset = -1;
-    } else if (response.statusCode() == 200 || response.statusCode() == 201) {
-        offset = total; // already complete
-    } else if (response.statusCode() == 308) {
-        offset = offsetFromRange(response.valueForHTTPHeaderField("Range"));
-    }
+    const ZDUploadOffsetAnswer answer = dialect->offsetFromAnswer(context(), response, body);
+    const qint64 offset = answer.offset;
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "is told the server holds" << offset
+                               << "of" << total << "bytes (status" << response.statusCode() << ")";
     if (offset < 0)
         return failWith(
             ZDResumableUploadErrorProtocolViolation,
@@ -455,10 +363,7 @@ void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response)
         if (!q || step == Step::Done)
             return;
     }
-    if (offset == total && protocol == ZDUploadProtocol::ResumeIncomplete &&
-        response.statusCode() != 308)
-        return finish(QByteArray());
-    if (offset == total && protocol == ZDUploadProtocol::Tus)
+    if (answer.complete)
         return finish(QByteArray());
     withCredentials(ZDCredentialSource::Reason::BeforeRequest, [this] { sendChunk(); });
 }
@@ -466,28 +371,20 @@ void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response)
 void ZDResumableUploadPrivate::chunkAnswered(const ZDHTTPResponse &response, const QByteArray &body)
 {
     const qint64 end = chunkStart + chunkLength;
-    qint64 offset = -1;
-    bool complete = false;
-    if (protocol == ZDUploadProtocol::Tus) {
-        bool ok = false;
-        offset = response.valueForHTTPHeaderField("Upload-Offset").trimmed().toLongLong(&ok);
-        if (!ok)
-            offset = -1;
-        complete = offset == total;
-    } else if (response.statusCode() == 308) {
-        offset = offsetFromRange(response.valueForHTTPHeaderField("Range"));
-    } else if (response.statusCode() == 200 || response.statusCode() == 201) {
-        offset = end;
-        complete = true;
-        if (end != total)
-            return failWith(
-                ZDResumableUploadErrorProtocolViolation,
-                u"The service ended the upload at %1 of %2 bytes."_s.arg(end).arg(total));
-    }
+    const ZDUploadOffsetAnswer answer =
+        dialect->chunkOffsetFromAnswer(context(), chunkStart, chunkLength, response, body);
+    const qint64 offset = answer.offset;
+    const bool complete = answer.complete;
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "had" << offset << "of" << total
+                               << "bytes confirmed (status" << response.statusCode() << ")";
     if (offset < 0)
         return failWith(ZDResumableUploadErrorProtocolViolation,
                         u"The service answered a chunk without a usable offset (status %1)."_s.arg(
                             response.statusCode()));
+    if (complete && offset != total)
+        return failWith(
+            ZDResumableUploadErrorProtocolViolation,
+            u"The service ended the upload at %1 of %2 bytes."_s.arg(offset).arg(total));
     if (offset > end)
         return failWith(
             ZDResumableUploadErrorProtocolViolation,
@@ -527,6 +424,8 @@ void ZDResumableUploadPrivate::finish(const QByteArray &body)
     dropJournal();
     journalClaim.reset();
     step = Step::Done;
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "finished:" << total << "bytes,"
+                               << bytesSent << "sent";
     const auto self = shared_from_this();
     if (ZDResumableUploadDelegate *target = delegate.get(); target && q)
         target->uploadDidFinish(q, object);
@@ -549,13 +448,12 @@ void ZDResumableUploadPrivate::requestFailed(const ZDError &error,
         if (!zdCurlCode(error.code()).retryable)
             return fail(annotated);
         // A connection that carried bytes and broke: most often a passing cut.
-        // A tus server serialises the requests of an upload, so its answer to
-        // the offset query waits until it is done with the lost one; a 308
-        // server may still be cleaning up after it (one was seen truncating
-        // the file to the lost chunk's start after it had answered), so it
-        // gets the policy's wait.
+        // A server that settles a lost request before it answers the offset
+        // query may be asked at once; others may still be cleaning up after
+        // it (a 308 server was seen truncating the file to the lost chunk's
+        // start after it had answered), so they get the policy's wait.
         const bool atOnce =
-            protocol == ZDUploadProtocol::Tus && step == Step::SendChunk && lastWritten > 0;
+            dialect->settlesLostRequests() && step == Step::SendChunk && lastWritten > 0;
         return retryAfter(annotated, atOnce ? 0 : -1);
     }
     if (!response || error.domain() != JSONHTTPRequestErrorDomain)
@@ -570,14 +468,7 @@ void ZDResumableUploadPrivate::requestFailed(const ZDError &error,
         refreshedAfter401 = true;
         ++renewalsSinceProgress;
         interrupted = true;
-        return withCredentials(ZDCredentialSource::Reason::Unauthorized, [this] {
-            if (entry.sessionURL.isEmpty())
-                createSession();
-            else if (protocol == ZDUploadProtocol::Multipart)
-                sendMultipart();
-            else
-                queryOffset();
-        });
+        return withCredentials(ZDCredentialSource::Reason::Unauthorized, [this] { proceed(); });
     }
     if (onSession && (status == 404 || status == 410)) {
         // The service forgot the session: its bytes are gone, so a new session
@@ -589,9 +480,7 @@ void ZDResumableUploadPrivate::requestFailed(const ZDError &error,
         entry.offset = entry.sentUpTo = 0;
         return createSession();
     }
-    if (step == Step::SendChunk &&
-        (status == 460 || (status == 400 && checksums && protocol != ZDUploadProtocol::Tus &&
-                           body.contains("hecksum")))) {
+    if (step == Step::SendChunk && dialect->isChecksumRefusal(context(), *response, body)) {
         if (++checksumRefusals >= kChecksumRefusalsAllowed)
             return failWith(ZDResumableUploadErrorChecksumMismatch,
                             u"The service refused the chunk's checksum."_s, annotated);
@@ -626,6 +515,7 @@ void ZDResumableUploadPrivate::retryAfter(const ZDError &reason, qint64 retryAft
             self->retryAfter(ZDError(), 0);
         });
         if (networkWait) {
+            qCDebug(lcZDNet).noquote() << "upload" << entry.id << "waits for the network";
             if (ZDResumableUploadDelegate *target = delegate.get(); target && q)
                 target->uploadWillRetry(q, reason, -1, entry.offset);
             return;
@@ -640,10 +530,14 @@ void ZDResumableUploadPrivate::retryAfter(const ZDError &reason, qint64 retryAft
         delay = std::max(policy.delayForAttempt(attempt, random.generateDouble()), retryAfterMsecs);
     }
     if (waitedMsecs + delay > policy.budgetMsecs) {
+        qCDebug(lcZDNet).noquote() << "upload" << entry.id << "gives up: a wait of" << delay
+                                   << "ms would exceed the budget after" << waitedMsecs << "ms";
         QVariantMap info = reason.userInfo();
         info.insert(ZDRetriesExhaustedKey, true);
         return fail(ZDError(reason.domain(), reason.code(), info));
     }
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "retries in" << delay << "ms (retry"
+                               << attempt << "after" << reason.domain() << reason.code() << ")";
     step = Step::Waiting;
     if (!reason.isNull()) {
         if (ZDResumableUploadDelegate *target = delegate.get(); target && q)
@@ -658,14 +552,9 @@ void ZDResumableUploadPrivate::retryAfter(const ZDError &reason, qint64 retryAft
         if (!self || self->step != Step::Waiting)
             return;
         self->timer.reset();
-        self->withCredentials(ZDCredentialSource::Reason::BeforeRequest, [raw = self.get()] {
-            if (raw->protocol == ZDUploadProtocol::Multipart)
-                raw->sendMultipart();
-            else if (raw->entry.sessionURL.isEmpty())
-                raw->createSession();
-            else
-                raw->queryOffset();
-        });
+        self->withCredentials(self->renewalOwed ? ZDCredentialSource::Reason::Unauthorized
+                                                : ZDCredentialSource::Reason::BeforeRequest,
+                              [raw = self.get()] { raw->proceed(); });
     });
 }
 
@@ -684,14 +573,16 @@ void ZDResumableUploadPrivate::fail(const ZDError &error)
     // Keep the entry only where resuming later can still work: a network that
     // gave up, not a refusal or a broken file; and never touch the entry of
     // another running upload.
-    const bool resumable = (error.userInfo().value(ZDRetriesExhaustedKey).toBool() &&
-                            protocol != ZDUploadProtocol::Multipart) ||
-                           (error.domain() == ZDResumableUploadErrorDomain &&
-                            error.code() == ZDResumableUploadErrorAlreadyRunning);
-    if (!resumable)
+    const bool keep = (error.userInfo().value(ZDRetriesExhaustedKey).toBool() && resumable()) ||
+                      (error.domain() == ZDResumableUploadErrorDomain &&
+                       error.code() == ZDResumableUploadErrorAlreadyRunning);
+    // An entry whose dialect was not given stays for the upload that brings it.
+    if (!keep && dialect)
         dropJournal();
     stop();
     step = Step::Done;
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "failed:" << error.domain()
+                               << error.code() << "at" << entry.offset << "of" << total << "bytes";
     const auto self = shared_from_this();
     if (ZDResumableUploadDelegate *target = delegate.get(); target && q)
         target->uploadDidFailWithError(q, error);
@@ -719,7 +610,7 @@ void ZDResumableUploadPrivate::stop()
 
 void ZDResumableUploadPrivate::saveJournal()
 {
-    if (journal && protocol != ZDUploadProtocol::Multipart && !entry.sessionURL.isEmpty())
+    if (journal && resumable() && !entry.sessionURL.isEmpty())
         journal->save(entry);
 }
 
@@ -738,8 +629,7 @@ bool ZDResumableUploadPrivate::fileStillSame()
         return false;
     }
     if (!(*now == entry.file)) {
-        if (protocol != ZDUploadProtocol::Multipart)
-            terminate();
+        terminate();
         failWith(ZDResumableUploadErrorFileChanged,
                  u"The file %1 changed while it was being uploaded."_s.arg(filePath));
         return false;
@@ -773,17 +663,17 @@ void ZDResumableUploadPrivate::requestDidReceiveObject(JSONHTTPRequest *from, co
     if (from != request.get())
         return;
     const auto self = shared_from_this();
-    std::unique_ptr<ZDUploadRequest> done = std::move(request);
+    std::unique_ptr<JSONHTTPRequest> done = std::move(request);
     const ZDHTTPResponse response = done->response().value_or(ZDHTTPResponse());
-    const QByteArray body = done->body();
+    const QByteArray body = done->responseBody().value_or(QByteArray());
     switch (step) {
     case Step::Create:
-        return createAnswered(response);
+        return createAnswered(response, body);
     case Step::QueryOffset:
-        return offsetAnswered(response);
+        return offsetAnswered(response, body);
     case Step::SendChunk:
         return chunkAnswered(response, body);
-    case Step::Multipart:
+    case Step::SendWhole:
         reportProgress(total);
         if (!q || step == Step::Done)
             return;
@@ -798,14 +688,14 @@ void ZDResumableUploadPrivate::requestDidFailWithError(JSONHTTPRequest *from, co
     if (from != request.get())
         return;
     const auto self = shared_from_this();
-    std::unique_ptr<ZDUploadRequest> done = std::move(request);
-    requestFailed(error, done->response(), done->body());
+    std::unique_ptr<JSONHTTPRequest> done = std::move(request);
+    requestFailed(error, done->response(), done->responseBody().value_or(QByteArray()));
 }
 
 void ZDResumableUploadPrivate::requestHasWrittenBytesExpectsToWrite(JSONHTTPRequest *from,
                                                                     qint64 written, qint64)
 {
-    if (from != request.get() || (step != Step::SendChunk && step != Step::Multipart))
+    if (from != request.get() || (step != Step::SendChunk && step != Step::SendWhole))
         return;
     const auto self = shared_from_this();
     // `written` counts this request's body; bytesSent is the total of all bodies.
@@ -818,23 +708,36 @@ void ZDResumableUploadPrivate::requestHasWrittenBytesExpectsToWrite(JSONHTTPRequ
 
 ZDResumableUpload::ZDResumableUpload(ZDUploadProtocol protocol, const QUrl &endpoint,
                                      const QString &filePath, ZDResumableUploadDelegate *delegate)
+    : ZDResumableUpload(ZDUploadDialect::forProtocol(protocol), endpoint, filePath, delegate)
+{}
+
+ZDResumableUpload::ZDResumableUpload(std::shared_ptr<ZDUploadDialect> dialect, const QUrl &endpoint,
+                                     const QString &filePath, ZDResumableUploadDelegate *delegate)
     : d(std::make_shared<ZDResumableUploadPrivate>())
 {
     d->q = this;
     d->delegate = delegate;
-    d->protocol = protocol;
+    d->dialect = std::move(dialect);
     d->endpoint = endpoint;
     d->filePath = filePath;
     d->entry.id = QUuid::createUuid().toString(QUuid::WithoutBraces);
-    d->entry.protocol = protocol;
+    d->entry.protocol = d->dialect ? d->dialect->protocol() : ZDUploadProtocol::Custom;
     d->entry.endpoint = endpoint;
 }
 
 ZDResumableUpload::ZDResumableUpload(const ZDUploadJournalEntry &entry,
                                      ZDResumableUploadDelegate *delegate)
-    : ZDResumableUpload(entry.protocol, entry.endpoint, entry.file.path, delegate)
+    : ZDResumableUpload(entry, ZDUploadDialect::forProtocol(entry.protocol), delegate)
+{}
+
+ZDResumableUpload::ZDResumableUpload(const ZDUploadJournalEntry &entry,
+                                     std::shared_ptr<ZDUploadDialect> dialect,
+                                     ZDResumableUploadDelegate *delegate)
+    : ZDResumableUpload(std::move(dialect), entry.endpoint, entry.file.path, delegate)
 {
     d->entry = entry;
+    if (d->dialect)
+        d->entry.protocol = d->dialect->protocol();
     d->metadata = entry.metadata;
     d->resuming = true;
 }

@@ -5,6 +5,10 @@
 #include "core/zdglobal.h"
 #include "net/JSONHTTPRequest.h"
 #include "net/ZDDigest.h"
+#include "net/ZDNetworkReachability.h"
+#include "net/ZDRetryPolicy.h"
+#include "net/ZDUploadClock.h"
+#include "net/ZDUploadDialect.h"
 #include "net/ZDUploadJournal.h"
 
 #include <QByteArray>
@@ -38,7 +42,8 @@ enum ZDResumableUploadError : qint32 {
     // reported a range that does not start at byte 0 or has a hole, took three
     // chunks in a row without keeping a byte of them, answered
     // without the header the protocol requires, or named a session on plain
-    // http for an https endpoint (nothing is sent there).
+    // http for an https endpoint (nothing is sent there). Also: a journal entry
+    // of a plug-in's own dialect resumed without that dialect.
     ZDResumableUploadErrorProtocolViolation = 1,
     // The service refused a chunk's checksum three times in a row, or the
     // digest it reported for the whole file differs from the file's.
@@ -56,91 +61,6 @@ enum ZDResumableUploadError : qint32 {
     // The journal entry is being uploaded by another running upload (in this
     // process or another); the entry is left as it is.
     ZDResumableUploadErrorAlreadyRunning = 7,
-};
-
-// How a service takes a file.
-enum class ZDUploadProtocol {
-    // tus 1.0: creation (POST with Upload-Length and Upload-Metadata), offset
-    // (HEAD), chunks (PATCH with Upload-Offset and, with checksums on,
-    // Upload-Checksum "sha1 <base64>"), termination (DELETE, abort()) and
-    // expiration (Upload-Expires is kept in the journal).
-    Tus = 0,
-    // "308 Resume Incomplete": a session URI from a first POST (the metadata as a
-    // JSON body, X-Upload-Content-Length and X-Upload-Content-Type), then PUT
-    // with "Content-Range: bytes a-b/total" answered by 308 and "Range:
-    // bytes=0-n" until a 200 or 201 ends it; the offset is asked with a PUT of
-    // "Content-Range: bytes */total". With checksums on, every chunk carries
-    // "Digest: sha=<base64 SHA-1>".
-    ResumeIncomplete = 1,
-    // One multipart/form-data POST of the metadata and the file (read while it is
-    // sent). A failure can only be retried from the start.
-    Multipart = 2,
-};
-
-// Time for the retry policy and the chunk sizing. Tests inject a fake clock so
-// that the waits are measured, not slept.
-class ZD_EXPORT ZDUploadClock
-{
-public:
-    virtual ~ZDUploadClock();
-    // A monotonic time in milliseconds.
-    virtual qint64 msecsNow() const = 0;
-    // Calls `callback` once, from the event loop, `msecs` from now. Dropping the
-    // returned handle before then cancels the call.
-    virtual std::shared_ptr<void> callAfter(qint64 msecs, std::function<void()> callback) = 0;
-    // QElapsedTimer and QTimer on the calling thread's event loop.
-    static std::shared_ptr<ZDUploadClock> systemClock();
-};
-
-// Whether the system has a network, for the retry policy: while it has none the
-// engine waits for it instead of spending retries. Tests inject their own.
-class ZD_EXPORT ZDNetworkReachability
-{
-public:
-    virtual ~ZDNetworkReachability();
-    // True only when the system is sure that no network is reachable.
-    virtual bool isOffline() = 0;
-    // Calls `callback` once, from the event loop, when a network is reachable
-    // again. Dropping the returned handle before then cancels the call.
-    virtual std::shared_ptr<void> whenOnline(std::function<void()> callback) = 0;
-    // QNetworkInformation's reachability where a backend loads (NetworkManager,
-    // GLib's network monitor); without one the network is never reported gone.
-    // The backend is loaded when this is called (an upload's start), so that
-    // the first failure does not wait for it.
-    static std::shared_ptr<ZDNetworkReachability> systemReachability();
-};
-
-// Which failures are retried, and how long the engine waits.
-//
-// Retried: connection failures, stalls and time-outs, 5xx, 408, 423 and 429
-// answers, and refusals the plug-in marks retryable (setRetryableRefusal()).
-// Never retried: any other 4xx. The wait before retry n (from 1) is
-// initialDelay * multiplier^(n-1), capped at maximumDelay, then spread by
-// +-jitter; a Retry-After of the answer (seconds or an HTTP date) always wins
-// when it is longer. The count starts again whenever bytes are confirmed. The
-// upload fails when the next wait would take the time spent waiting since the
-// last confirmed bytes past `budgetMsecs`.
-//
-// Two exceptions. A tus connection that broke after it carried body bytes is
-// most often a passing cut (tus servers serialise an upload's requests, so the
-// answer to the offset query comes once the lost request is settled), and a
-// Retry-After of 0 or a 409 asks for no wait: the engine asks the server where
-// it stands at once, but only once until bytes are confirmed again; a failure
-// after that waits as above, so a server that answers the same way forever
-// meets the budget. A 308 service may still be settling a lost request when
-// asked, so a cut there waits as above from the first retry.
-// While the system reports no network (ZDNetworkReachability) the engine waits
-// for it to come back without spending the budget.
-struct ZD_EXPORT ZDRetryPolicy
-{
-    qint64 initialDelayMsecs = 1000;
-    qint64 maximumDelayMsecs = 60 * 1000;
-    double multiplier = 2.0;
-    double jitter = 0.2; // a fraction of the wait, both ways
-    qint64 budgetMsecs = 15 * 60 * 1000;
-
-    // The wait before retry `attempt` (1 for the first), `unitRandom` in [0, 1).
-    qint64 delayForAttempt(int attempt, double unitRandom) const;
 };
 
 // Hears an upload's progress and outcome.
@@ -178,9 +98,12 @@ public:
 // resumed from the server's own offset after any failure, retried by policy,
 // recorded in a journal that outlives the process, and checked.
 //
+// The wire shape is a dialect's (ZDUploadDialect): a built-in one chosen by
+// ZDUploadProtocol, or a service's own that a plug-in passes in.
+//
 // The server's offset, asked again after every failure, is the truth: sending
-// goes on from there, never from the start (except with Multipart, which cannot
-// resume). An offset beyond the bytes ever sent for the session, or a range that
+// goes on from there, never from the start (except with a dialect that cannot
+// resume, such as Multipart). An offset beyond the bytes ever sent for the session, or a range that
 // does not run from byte 0, fails the upload as a protocol violation.
 //
 // Chunks are read from the file while they are sent, so memory stays flat
@@ -192,14 +115,19 @@ public:
 // request (Reason::BeforeRequest) and once more after a 401 (Reason::Unauthorized),
 // then continues from the server's offset. A 401 right after a renewal (before
 // any answer accepted the new credentials) fails, and so does a fourth 401
-// before bytes are confirmed again. Without a source it signs with the signer,
-// if any.
+// before bytes are confirmed again. A source that could not reach its service (a
+// transport error or a 5xx, see ZDCredentialSource) is asked again after the
+// policy's wait, like a request that failed on the network; a refused renewal
+// fails the upload. Without a source it signs with the signer, if any.
 //
 // The journal (ZDUploadJournal) holds an entry from the session's creation until
 // the upload ends: updated atomically after every confirmed chunk, removed on
 // success, abort() and failures that cannot be resumed. An entry left by a
 // crash or a failure of the network is resumed with the constructor that takes
 // it; a file that changed since fails with ZDResumableUploadErrorFileChanged.
+// An entry of a plug-in's own dialect (ZDUploadProtocol::Custom) is resumed
+// only with the constructor that is given the dialect again; without it the
+// upload fails with ZDResumableUploadErrorProtocolViolation.
 // While it runs, the upload claims its entry (ZDUploadJournal::claim()); an entry
 // another upload claims fails with ZDResumableUploadErrorAlreadyRunning.
 //
@@ -217,12 +145,20 @@ public:
                       ZDResumableUploadDelegate *delegate);
     // Resumes the upload a journal entry records, on its session.
     ZDResumableUpload(const ZDUploadJournalEntry &entry, ZDResumableUploadDelegate *delegate);
+    // A service's own wire shape. Shares ownership of `dialect`; does not take
+    // ownership of `delegate`.
+    ZDResumableUpload(std::shared_ptr<ZDUploadDialect> dialect, const QUrl &endpoint,
+                      const QString &filePath, ZDResumableUploadDelegate *delegate);
+    // Resumes a journal entry in `dialect` (the one the entry was begun with).
+    ZDResumableUpload(const ZDUploadJournalEntry &entry, std::shared_ptr<ZDUploadDialect> dialect,
+                      ZDResumableUploadDelegate *delegate);
     virtual ~ZDResumableUpload();
     ZDResumableUpload(const ZDResumableUpload &) = delete;
     ZDResumableUpload &operator=(const ZDResumableUpload &) = delete;
 
     // tus: Upload-Metadata (values as text); 308: the JSON body of the first POST;
-    // Multipart: the form fields. Set before start().
+    // Multipart: the form fields; a dialect of one's own: what it makes of them.
+    // Set before start().
     void setMetadata(const QVariantMap &metadata);
     // Multipart only: the field that carries the file ("file" unless set).
     void setFileFieldName(const QString &name);
@@ -239,7 +175,7 @@ public:
     // granule); 0 chooses it by the measured rate (the default).
     void setChunkSize(qint64 bytes);
     void setChunkGranularity(qint64 bytes);
-    // Per-chunk checksums where the protocol has them; on by default.
+    // Per-chunk checksums where the dialect has them; on by default.
     void setChecksumsEnabled(bool enabled);
     // A whole-file digest the service reports in its final JSON answer under
     // `key` (hexadecimal, any case): compared with the file's own digest.

@@ -7,8 +7,6 @@
 
 #include <memory>
 
-class ZDUploadRequest;
-
 // The state of a ZDResumableUpload. It lives behind a shared pointer so that a
 // delegate may destroy the upload from inside a callback: every callback into
 // the delegate is the last thing a step does, and steps that go on afterwards
@@ -17,21 +15,11 @@ class ZDResumableUploadPrivate : public JSONHTTPRequestDelegate,
                                  public std::enable_shared_from_this<ZDResumableUploadPrivate>
 {
 public:
-    enum class Step {
-        Idle,
-        Credentials,
-        Create,
-        QueryOffset,
-        SendChunk,
-        Multipart,
-        Terminate,
-        Waiting,
-        Done
-    };
+    enum class Step { Idle, Credentials, Create, QueryOffset, SendChunk, SendWhole, Waiting, Done };
 
     ZDResumableUpload *q = nullptr;
     ZDWeakRef<ZDResumableUploadDelegate> delegate;
-    ZDUploadProtocol protocol = ZDUploadProtocol::Tus;
+    std::shared_ptr<ZDUploadDialect> dialect; // null: a Custom entry resumed without its dialect
     QUrl endpoint;
     QString filePath;
     QVariantMap metadata;
@@ -72,37 +60,40 @@ public:
     int checksumRefusals = 0;
     int sessionLosses = 0;
     bool refreshedAfter401 = false; // and no answer accepted the renewed credentials yet
+    bool renewalOwed = false;       // a renewal after a 401 could not reach its service
     int renewalsSinceProgress = 0;
     int chunksWithoutProgress = 0;
     bool interrupted = false; // a failure happened: the next offset is a resumption
 
     Step step = Step::Idle;
-    std::unique_ptr<ZDUploadRequest> request;
+    std::unique_ptr<JSONHTTPRequest> request;
     std::shared_ptr<void> timer;
     std::shared_ptr<void> networkWait;
     std::shared_ptr<int> credentialsTicket; // answers to an older ask find theirs gone
 
     void start();
     void stop();
+    bool resumable() const { return dialect && dialect->isResumable(); }
     void saveJournal();
     void dropJournal();
 
     // Steps.
     void withCredentials(ZDCredentialSource::Reason reason, std::function<void()> next);
+    // Where the upload goes on after a wait or a renewal: the whole file again,
+    // a new session, or the server's offset.
+    void proceed();
     void createSession();
     void queryOffset();
     void sendChunk();
-    void sendMultipart();
+    void sendWhole();
     void terminate();
 
     // Outcomes of a request.
-    void createAnswered(const ZDHTTPResponse &response);
-    void offsetAnswered(const ZDHTTPResponse &response);
+    void createAnswered(const ZDHTTPResponse &response, const QByteArray &body);
+    void offsetAnswered(const ZDHTTPResponse &response, const QByteArray &body);
     void chunkAnswered(const ZDHTTPResponse &response, const QByteArray &body);
     void requestFailed(const ZDError &error, const std::optional<ZDHTTPResponse> &response,
                        const QByteArray &body);
-    // The server confirmed `offset`: checks it against what was sent and goes on.
-    void confirm(qint64 offset);
     void finish(const QByteArray &body);
     // Waits by the policy, or `retryAfterMsecs` when longer (-1: none; 0: at
     // once, granted once until bytes are confirmed again), then asks the server.
@@ -112,7 +103,12 @@ public:
     void failWith(ZDResumableUploadError code, const QString &description,
                   const ZDError &underlying = ZDError());
 
-    std::unique_ptr<ZDUploadRequest> makeRequest(const QUrl &url, const QByteArray &verb);
+    ZDUploadDialectContext context() const;
+    // Every request of the upload is made here, so that each one carries the
+    // same limits, headers and credentials.
+    std::unique_ptr<JSONHTTPRequest> makeRequest(const ZDUploadWireRequest &wire,
+                                                 JSONHTTPRequestDelegate *to);
+    void send(const ZDUploadWireRequest &wire, Step sending);
     void adaptChunkSize(qint64 bytes, qint64 msecs);
     bool fileStillSame(); // fails the upload when not
     void reportProgress(qint64 sent);
@@ -122,15 +118,3 @@ public:
     void requestHasWrittenBytesExpectsToWrite(JSONHTTPRequest *request, qint64 written,
                                               qint64 expected) override;
 };
-
-// A request whose body the engine may read after a refusal.
-class ZDUploadRequest : public JSONHTTPRequest
-{
-public:
-    using JSONHTTPRequest::JSONHTTPRequest;
-    QByteArray body() const { return rawData().value_or(QByteArray()); }
-};
-
-// Parses Retry-After: seconds, or an HTTP date measured against `now`.
-// Returns -1 when absent or unreadable.
-qint64 zdRetryAfterMsecs(const QByteArray &value, const QDateTime &now);

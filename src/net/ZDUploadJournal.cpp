@@ -50,7 +50,7 @@ std::optional<ZDUploadJournalEntry> fromJson(const QJsonObject &object)
     ZDUploadJournalEntry entry;
     entry.id = object.value(u"id"_s).toString();
     const int protocol = object.value(u"protocol"_s).toInt(-1);
-    if (!isSafeId(entry.id) || protocol < 0 || protocol > int(ZDUploadProtocol::Multipart))
+    if (!isSafeId(entry.id) || protocol < 0 || protocol > int(ZDUploadProtocol::Custom))
         return std::nullopt;
     entry.protocol = ZDUploadProtocol(protocol);
     entry.endpoint = QUrl::fromEncoded(object.value(u"endpoint"_s).toString().toUtf8());

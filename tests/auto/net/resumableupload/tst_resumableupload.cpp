@@ -11,6 +11,7 @@
 #include <QDir>
 #include <QFile>
 #include <QJsonDocument>
+#include <QLocale>
 #include <QRandomGenerator>
 #include <QSignalSpy>
 #include <QTemporaryDir>
@@ -269,8 +270,12 @@ private Q_SLOTS:
     void aServerThatNeverLetsGoMeetsTheBudget();
     void renewsAsOftenAsTokensDieButNotForever();
     void anAnswerTooLargeToHoldEndsTheUpload();
+    void abortHangsUpOnAnAnswerTooLargeToHold();
     void waitsForTheNetworkWithoutSpendingTheBudget();
     void renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset();
+    void aCredentialSourceGoneWhileAskedFailsTheUpload();
+    void retriesACredentialSourceThatCannotReachItsServiceButNotARefusal_data();
+    void retriesACredentialSourceThatCannotReachItsServiceButNotARefusal();
     void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data();
     void refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole();
     void resendsAChunkWhoseChecksumIsRefusedThenGivesUp_data();
@@ -630,6 +635,19 @@ void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter_data()
     QTest::newRow("503, no Retry-After: backoff") << 503 << QByteArray() << 800LL << 1200LL << true;
     QTest::newRow("429, Retry-After shorter than backoff")
         << 429 << QByteArray("0") << 0LL << 0LL << true;
+    // The three forms of an HTTP date, five minutes ahead (checked within a
+    // few seconds of it, whatever the run takes).
+    const QDateTime later = QDateTime::currentDateTimeUtc().addSecs(300);
+    const QLocale c = QLocale::c();
+    const QString asctimeDay = QString::number(later.date().day()).rightJustified(2, u' ');
+    const QList<std::pair<const char *, QString>> dates = {
+        {"IMF-fixdate", c.toString(later, u"ddd, dd MMM yyyy HH:mm:ss 'GMT'")},
+        {"RFC 850", c.toString(later, u"dddd, dd-MMM-yy HH:mm:ss 'GMT'")},
+        {"asctime", c.toString(later, u"ddd MMM '%1' HH:mm:ss yyyy").arg(asctimeDay)},
+    };
+    for (const auto &[form, date] : dates)
+        QTest::addRow("503, Retry-After as %s", form)
+            << 503 << date.toLatin1() << 240000LL << 300000LL << true;
     QTest::newRow("400 is not retried") << 400 << QByteArray("7") << -1LL << -1LL << false;
     QTest::newRow("403 is not retried") << 403 << QByteArray() << -1LL << -1LL << false;
 }
@@ -834,6 +852,53 @@ void tst_ResumableUpload::anAnswerTooLargeToHoldEndsTheUpload()
     QVERIFY(run.clock->waits.isEmpty());
 }
 
+void tst_ResumableUpload::abortHangsUpOnAnAnswerTooLargeToHold()
+{
+    // The DELETE of abort() is answered with an endless body, fed as fast as the
+    // engine reads it: the engine must hang up at its answer cap, not read on.
+    static constexpr qint64 kOffered = 256 * 1024 * 1024;
+    static constexpr qint64 kPiece = 1024 * 1024;
+    QTcpServer server;
+    QVERIFY(server.listen(QHostAddress::LocalHost));
+    QByteArray verb;
+    qint64 fed = 0;
+    bool hungUp = false;
+    connect(&server, &QTcpServer::newConnection, this, [&] {
+        QTcpSocket *socket = server.nextPendingConnection();
+        const auto feed = [&, socket] {
+            while (fed < kOffered && socket->bytesToWrite() < 2 * kPiece) {
+                socket->write(QByteArray(kPiece, 'x'));
+                fed += kPiece;
+            }
+        };
+        connect(socket, &QTcpSocket::bytesWritten, socket, feed);
+        connect(socket, &QTcpSocket::disconnected, socket, [&] { hungUp = true; });
+        connect(socket, &QTcpSocket::readyRead, socket, [socket, feed, &verb] {
+            if (!verb.isEmpty() || !socket->peek(1 << 16).contains("\r\n\r\n"))
+                return;
+            verb = socket->readAll().split(' ').value(0);
+            socket->write("HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(kOffered) +
+                          "\r\n\r\n");
+            feed();
+        });
+    });
+
+    QTemporaryDir dir;
+    ZDUploadJournalEntry entry;
+    entry.id = u"oversized-delete"_s;
+    entry.protocol = ZDUploadProtocol::Tus;
+    entry.endpoint = QUrl(u"http://127.0.0.1:%1/files"_s.arg(server.serverPort()));
+    entry.sessionURL = QUrl(u"http://127.0.0.1:%1/files/1"_s.arg(server.serverPort()));
+    entry.file = ZDUploadFileIdentity::ofFile(writeFile(dir, u"clip.mov"_s, "clip"))
+                     .value_or(ZDUploadFileIdentity());
+    Recorder recorder;
+    ZDResumableUpload(entry, &recorder).abort();
+    QTRY_VERIFY_WITH_TIMEOUT(hungUp, 60000);
+    QCOMPARE(verb, QByteArray("DELETE"));
+    QVERIFY2(fed < 64 * kPiece, qPrintable(u"%1 bytes fed before the hang-up"_s.arg(fed)));
+    QCOMPARE(recorder.endings(), 0);
+}
+
 void tst_ResumableUpload::waitsForTheNetworkWithoutSpendingTheBudget()
 {
     MiniUpload run;
@@ -914,6 +979,80 @@ void tst_ResumableUpload::renewsCredentialsOnceAfterA401AndContinuesFromTheServe
         QVERIFY(credentials.reasons.count(ZDCredentialSource::Reason::BeforeRequest) >= 4);
         QCOMPARE(recorder.resumes, QList<qint64>{256 * 1024});
     }
+}
+
+void tst_ResumableUpload::aCredentialSourceGoneWhileAskedFailsTheUpload()
+{
+    // Keeps every ask unanswered, as a source busy renewing does.
+    struct Holding : ZDCredentialSource
+    {
+        void credentialsForRequest(Reason, Completion completion) override
+        {
+            held.append(std::move(completion));
+        }
+        QList<Completion> held;
+    };
+    MiniUpload run;
+    QVERIFY(run.prepare(300 * 1024, 14));
+    auto source = std::make_unique<Holding>();
+    run.upload->setCredentialSource(source.get());
+    run.upload->start();
+    QTRY_COMPARE(source->held.size(), 1);
+    source.reset();
+    QTRY_COMPARE_WITH_TIMEOUT(run.recorder.endings(), 1, 10000);
+    QCOMPARE(run.recorder.error.domain(), ZDResumableUploadErrorDomain);
+    QCOMPARE(run.recorder.error.code(), ZDResumableUploadErrorCredentialsUnavailable);
+    QVERIFY(run.loopback.requests().isEmpty());
+}
+
+void tst_ResumableUpload::retriesACredentialSourceThatCannotReachItsServiceButNotARefusal_data()
+{
+    QTest::addColumn<ZDError>("failure");
+    QTest::addColumn<bool>("retried");
+    QTest::newRow("connection failed") << ZDError(ZDCurlErrorDomain, 7) << true;
+    const ZDHTTPResponse unavailable(QUrl(u"https://accounts.example/token"_s), 503, {});
+    QTest::newRow("service answered 503")
+        << ZDError(JSONHTTPRequestErrorDomain, JSONHTTPRequestErrorBadStatus,
+                   {{ZDHTTPResponseKey, QVariant::fromValue(unavailable)}})
+        << true;
+    QTest::newRow("renewal refused") << ZDError(u"AccountErrorDomain"_s, 1) << false;
+}
+
+void tst_ResumableUpload::retriesACredentialSourceThatCannotReachItsServiceButNotARefusal()
+{
+    QFETCH(ZDError, failure);
+    QFETCH(bool, retried);
+    // Fails its first ask with `failure`, then hands out signers.
+    struct FailingOnce : TestCredentials
+    {
+        void credentialsForRequest(Reason reason, Completion completion) override
+        {
+            if (std::exchange(first, false))
+                QTimer::singleShot(0,
+                                   [completion, error = failure] { completion(nullptr, error); });
+            else
+                TestCredentials::credentialsForRequest(reason, std::move(completion));
+        }
+        bool first = true;
+        ZDError failure;
+    } source;
+    source.failure = failure;
+    MiniUpload run;
+    QVERIFY(run.prepare(300 * 1024, 15));
+    run.upload->setCredentialSource(&source);
+    run.upload->setRetryPolicy(quickPolicy());
+    run.upload->start();
+    QTRY_COMPARE_WITH_TIMEOUT(run.recorder.endings(), 1, 30000);
+    if (!retried) {
+        QCOMPARE(run.recorder.error.code(), ZDResumableUploadErrorCredentialsUnavailable);
+        QVERIFY(run.clock->waits.isEmpty());
+        return;
+    }
+    QVERIFY2(run.recorder.finishes == 1, qPrintable(run.recorder.error.localizedDescription()));
+    QCOMPARE(run.recorder.retries.size(), 1);
+    QCOMPARE(run.recorder.retries.front().reason.domain(), failure.domain());
+    QCOMPARE(run.clock->waits, QList<qint64>{300});
+    QVERIFY(run.service.stored == run.content);
 }
 
 void tst_ResumableUpload::refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data()

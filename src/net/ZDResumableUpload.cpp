@@ -48,15 +48,23 @@ QString loggable(const QUrl &url)
     return url.adjusted(QUrl::RemoveQuery | QUrl::RemoveFragment | QUrl::RemoveUserInfo).toString();
 }
 
+// A fault of the network on the way: no route, a cut, or a server that
+// stopped moving bytes (the transport's stall and time-out rules).
+bool isNetworkFault(const ZDError &error)
+{
+    if (error.domain() == ZDCurlErrorDomain)
+        return zdCurlCode(error.code()).retryable;
+    return error.domain() == ZDURLErrorDomain &&
+           (error.code() == ZDURLErrorStalled || error.code() == ZDURLErrorTimedOut);
+}
+
 // Whether a credential source's error says that its service could not be
 // reached (the source stays signed in and a later ask may succeed), rather than
 // that the service refused to renew the credentials.
 bool isUnreachable(const ZDError &error)
 {
-    if (error.domain() == ZDCurlErrorDomain)
-        return zdCurlCode(error.code()).retryable;
-    if (error.domain() == ZDURLErrorDomain)
-        return error.code() == ZDURLErrorStalled || error.code() == ZDURLErrorTimedOut;
+    if (isNetworkFault(error))
+        return true;
     return error.domain() == JSONHTTPRequestErrorDomain &&
            error.code() == JSONHTTPRequestErrorBadStatus &&
            error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode() >= 500;
@@ -444,8 +452,10 @@ void ZDResumableUploadPrivate::requestFailed(const ZDError &error,
     if (error.domain() == ZDURLErrorDomain && error.code() == ZDURLErrorBodyFileUnreadable)
         return failWith(ZDResumableUploadErrorFileUnreadable,
                         u"The file %1 cannot be read to its end."_s.arg(filePath), error);
+    if (error.domain() == ZDURLErrorDomain && isNetworkFault(error))
+        return retryAfter(annotated, -1); // a server that took bytes, then went quiet
     if (error.domain() == ZDCurlErrorDomain) {
-        if (!zdCurlCode(error.code()).retryable)
+        if (!isNetworkFault(error))
             return fail(annotated);
         // A connection that carried bytes and broke: most often a passing cut.
         // A server that settles a lost request before it answers the offset

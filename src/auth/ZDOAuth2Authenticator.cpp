@@ -200,14 +200,16 @@ void ZDOAuth2AuthenticatorPrivate::refresh()
         ZDOAuth2Step::Refresh, configuration.tokenEndpoint, params,
         QList<std::pair<QString, QString>>{}, [this](const ZDOAuth2Reply &reply) {
             const auto done = std::move(refreshExchange); // released when we return
+            if (reply.refusesGrant()) {
+                qCDebug(lcZDAuth) << "refresh: refused, the sign-in and its tokens are dropped";
+                signOutAfterRefusal(reply.error);
+                return;
+            }
             if (!reply.ok()) {
-                if (!reply.oauthError.isEmpty()) {
-                    qCDebug(lcZDAuth) << "refresh: refused, the sign-in and its tokens are dropped";
-                    signOutAfterRefusal(reply.error);
-                } else {
-                    qCDebug(lcZDAuth) << "refresh: failed, the sign-in and its tokens are kept";
-                    answerWaiting(reply.error);
-                }
+                // An outage (5xx, 429, the network) passes; signing out would
+                // not bring the service back and would throw the tokens away.
+                qCDebug(lcZDAuth) << "refresh: failed, the sign-in and its tokens are kept";
+                answerWaiting(reply.requestError.isNull() ? reply.error : reply.requestError);
                 return;
             }
             const auto renewed = tokens ? tokensFromReply(reply, *tokens) : std::nullopt;

@@ -61,6 +61,14 @@ bool isRegisteredCode(const QString &code)
 
 } // namespace
 
+bool ZDOAuth2Reply::refusesGrant() const
+{
+    const int status = response ? response->statusCode() : 0;
+    return (status == 400 || status == 401) && (oauthError == QLatin1String("invalid_grant") ||
+                                                oauthError == QLatin1String("invalid_client") ||
+                                                oauthError == QLatin1String("unauthorized_client"));
+}
+
 ZDError zdOAuth2Error(ZDOAuth2Error code, const QString &description, const QString &serviceCode)
 {
     QVariantMap info{{ZDLocalizedDescriptionKey, description}};
@@ -114,6 +122,7 @@ void ZDOAuth2Exchange::requestDidFailWithError(JSONHTTPRequest *, const ZDError 
     ZDOAuth2Reply reply;
     reply.response = m_request->response();
     reply.error = error;
+    reply.requestError = error;
     const auto &body = m_request->responseBody();
     if (error.domain() == JSONHTTPRequestErrorDomain &&
         error.code() == JSONHTTPRequestErrorBadStatus && body) {

@@ -28,8 +28,15 @@ struct ZDOAuth2Reply
     QString oauthError; // "error" of an error answer, empty otherwise
     std::optional<ZDHTTPResponse> response;
     ZDError error; // null for a JSON object with a success status
+    // What the request layer reported (the transport's failure or the bad
+    // status), also when the service named an OAuth error; null when it
+    // reported none.
+    ZDError requestError;
 
     bool ok() const { return error.isNull(); }
+    // The service refused the grant itself (RFC 6749 section 5.2): the grant,
+    // or the client, will not be accepted again.
+    bool refusesGrant() const;
 };
 
 // An error of ZDOAuth2ErrorDomain; `serviceCode` goes under ZDOAuth2ErrorCodeKey.

@@ -209,6 +209,8 @@ private Q_SLOTS:
     void browserSignInReachesSignedInAndTheProviderAcceptsTheToken();
     void tokensAreRenewedAheadOfExpiryOnUnauthorizedAndRotatedTokensAreSavedFirst();
     void aRefusedRefreshSignsOutWithTheBasesNotificationsInOrder();
+    void onlyARefusedGrantEndsTheSignInOnRefresh_data();
+    void onlyARefusedGrantEndsTheSignInOnRefresh();
     void browserAttemptEndsWithAFailure_data();
     void browserAttemptEndsWithAFailure();
     void redirectListenerAnswersOnlyOnTheLoopbackAddress();
@@ -470,6 +472,62 @@ void tst_oauth2::aRefusedRefreshSignsOutWithTheBasesNotificationsInOrder()
     QVERIFY(!staleStore->load(u"oauth2"_s));
     // Asking again while signed out is answered at once, never left hanging.
     QVERIFY(ask(stale, ZDCredentialSource::Reason::BeforeRequest).error);
+}
+
+void tst_oauth2::onlyARefusedGrantEndsTheSignInOnRefresh_data()
+{
+    QTest::addColumn<int>("status"); // 0: the connection is reset, no answer
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<bool>("signsOut");
+    QTest::newRow("503 temporarily_unavailable")
+        << 503 << QByteArray(R"({"error":"temporarily_unavailable"})") << false;
+    QTest::newRow("500 server_error") << 500 << QByteArray(R"({"error":"server_error"})") << false;
+    QTest::newRow("429") << 429 << QByteArray(R"({"error":"temporarily_unavailable"})") << false;
+    QTest::newRow("reset") << 0 << QByteArray() << false;
+    QTest::newRow("401 invalid_client")
+        << 401 << QByteArray(R"({"error":"invalid_client"})") << true;
+}
+
+void tst_oauth2::onlyARefusedGrantEndsTheSignInOnRefresh()
+{
+    QFETCH(int, status);
+    QFETCH(QByteArray, body);
+    QFETCH(bool, signsOut);
+    LoopbackHTTPServer server;
+    QVERIFY(server.listen());
+    server.setHandler([&](const RecordedRequest &) {
+        CannedReply reply = CannedReply::json(body, status);
+        if (!status)
+            reply.ending = CannedReply::Ending::ResetAtOnce;
+        return reply;
+    });
+    ZDOAuth2Configuration configuration;
+    configuration.tokenEndpoint = server.url(u"/token"_s);
+    configuration.clientId = u"refresh-client"_s;
+    auto store = std::make_shared<ZDMemoryCredentialStore>();
+    const QByteArray tokens =
+        R"({"account":"dana","access_token":"at-secret-3","refresh_token":"rt-secret-3"})";
+    store->save(u"oauth2"_s, tokens);
+    m_secrets << u"at-secret-3"_s << u"rt-secret-3"_s;
+    ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow::Password,
+                                        store);
+    authenticator.loadCredentials();
+    NotificationLog log(&authenticator);
+
+    const Answer answer = ask(authenticator, ZDCredentialSource::Reason::Unauthorized);
+    QVERIFY(answer.error && !answer.signer);
+    m_errorTexts << answer.error->localizedDescription();
+    if (signsOut) {
+        QCOMPARE(log.entries, (QStringList{u"state:0"_s, u"failure"_s}));
+        QVERIFY(!store->load(u"oauth2"_s));
+        QCOMPARE(answer.error->domain(), ZDOAuth2ErrorDomain);
+    } else {
+        // A passing fault: the askers get the transport's error, nothing else changes.
+        QVERIFY(log.entries.isEmpty());
+        QCOMPARE(authenticator.authenticatorState(), ZDAuthenticatorStateSignedIn);
+        QCOMPARE(store->load(u"oauth2"_s).value_or(QByteArray()), tokens);
+        QVERIFY(answer.error->domain() != ZDOAuth2ErrorDomain);
+    }
 }
 
 void tst_oauth2::browserAttemptEndsWithAFailure_data()

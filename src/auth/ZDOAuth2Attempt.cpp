@@ -165,9 +165,7 @@ ZDRedirectPage ZDOAuth2BrowserAttempt::acceptRedirect(const QUrlQuery &query)
     // RFC 6749 section 4.1.2.1: the service refused in the redirect.
     if (const QString code = value("error"); !code.isEmpty()) {
         qCDebug(lcZDAuth) << "browser sign-in: the redirect carries an error";
-        d.fail(zdOAuth2Error(code == QLatin1String("access_denied") ? ZDOAuth2ErrorDenied
-                                                                    : ZDOAuth2ErrorRefused,
-                             QStringLiteral("The sign-in was refused (%1).").arg(code), code));
+        d.fail(zdOAuth2Refusal(QStringLiteral("the sign-in"), code));
         return {200, failed.text};
     }
     const QString code = value("code");

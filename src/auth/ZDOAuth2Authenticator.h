@@ -18,7 +18,8 @@ class ZDOAuth2AuthenticatorPrivate;
 
 // The error domain of ZDOAuth2Authenticator's own failures. Descriptions never
 // hold a token, a code or a secret; an error the service named keeps its name
-// (for instance "access_denied") under ZDOAuth2ErrorCodeKey.
+// (for instance "access_denied") under ZDOAuth2ErrorCodeKey, and the description
+// names it only when it is one of the registered OAuth error codes.
 ZD_EXPORT extern const QString ZDOAuth2ErrorDomain;
 ZD_EXPORT extern const QString ZDOAuth2ErrorCodeKey;
 enum ZDOAuth2Error : qint32 {

@@ -61,6 +61,18 @@ bool isRegisteredCode(const QString &code)
 
 } // namespace
 
+ZDError zdOAuth2Refusal(const QString &what, const QString &serviceCode)
+{
+    // Nor does it use "error_description", which may echo the request as well.
+    const QString sentence =
+        isRegisteredCode(serviceCode)
+            ? QStringLiteral("The service refused %1 (%2).").arg(what, serviceCode)
+            : QStringLiteral("The service refused %1.").arg(what);
+    return zdOAuth2Error(serviceCode == QLatin1String("access_denied") ? ZDOAuth2ErrorDenied
+                                                                       : ZDOAuth2ErrorRefused,
+                         sentence, serviceCode);
+}
+
 bool ZDOAuth2Reply::refusesGrant() const
 {
     const int status = response ? response->statusCode() : 0;
@@ -129,14 +141,8 @@ void ZDOAuth2Exchange::requestDidFailWithError(JSONHTTPRequest *, const ZDError 
         reply.object = QJsonDocument::fromJson(*body).object().toVariantMap();
         reply.oauthError = reply.object.value(QStringLiteral("error")).toString();
     }
-    if (!reply.oauthError.isEmpty()) {
-        // The service's description is left out: a service may echo what it was sent.
-        const bool denied = reply.oauthError == QLatin1String("access_denied");
-        reply.error = zdOAuth2Error(denied ? ZDOAuth2ErrorDenied : ZDOAuth2ErrorRefused,
-                                    QStringLiteral("The service refused %1 (%2).")
-                                        .arg(refusedWhat(m_step), reply.oauthError),
-                                    reply.oauthError);
-    }
+    if (!reply.oauthError.isEmpty())
+        reply.error = zdOAuth2Refusal(refusedWhat(m_step), reply.oauthError);
     finish(std::move(reply));
 }
 

@@ -43,6 +43,13 @@ struct ZDOAuth2Reply
 ZDError zdOAuth2Error(ZDOAuth2Error code, const QString &description,
                       const QString &serviceCode = {});
 
+// The error of a refusal the service named `serviceCode`, for `what` was
+// refused ("the sign-in"): ZDOAuth2ErrorDenied for access_denied, else
+// ZDOAuth2ErrorRefused. The code goes under ZDOAuth2ErrorCodeKey; the sentence
+// names it only when it is a registered OAuth code, since a service may echo
+// in "error" what it was sent, a password included.
+ZDError zdOAuth2Refusal(const QString &what, const QString &serviceCode);
+
 // One form POST to an OAuth endpoint, read as JSON whatever the status. `done`
 // is called once, from the event loop; the exchange may be destroyed inside it.
 // Destroying it earlier cancels the request and nothing is called.

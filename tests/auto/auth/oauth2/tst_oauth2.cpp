@@ -222,6 +222,8 @@ private Q_SLOTS:
     void passwordSignInAsksForTheSecondFactorWhenTheServiceWantsIt_data();
     void passwordSignInAsksForTheSecondFactorWhenTheServiceWantsIt();
     void anUnreachableServiceIsNotCalledAWrongPassword();
+    void anUnregisteredErrorCodeStaysOutOfTheDescription_data();
+    void anUnregisteredErrorCodeStaysOutOfTheDescription();
     void aRequestRefusedWith401IsRenewedAndRepeatedOnce();
     void credentialStoreWithoutKeyringKeepsValuesInMemory();
 
@@ -865,6 +867,54 @@ void tst_oauth2::anUnreachableServiceIsNotCalledAWrongPassword()
                               30000);
     QCOMPARE(authenticator.lastFailureSentence(),
              ZDLocalizedString(u"OAUTH2_FAILED_UNREACHABLE"_s));
+}
+
+void tst_oauth2::anUnregisteredErrorCodeStaysOutOfTheDescription_data()
+{
+    QTest::addColumn<int>("flow");
+    QTest::addColumn<QString>("code");
+    QTest::addColumn<bool>("named");                // the description may name the code
+    const QString echo = u"password=pw-secret-9"_s; // a service echoing the request
+    QTest::newRow("token answer") << int(ZDOAuth2Authenticator::Flow::Password) << echo << false;
+    QTest::newRow("redirect") << int(ZDOAuth2Authenticator::Flow::Browser) << echo << false;
+    QTest::newRow("registered code")
+        << int(ZDOAuth2Authenticator::Flow::Password) << u"invalid_scope"_s << true;
+}
+
+void tst_oauth2::anUnregisteredErrorCodeStaysOutOfTheDescription()
+{
+    QFETCH(int, flow);
+    QFETCH(QString, code);
+    QFETCH(bool, named);
+    LoopbackHTTPServer server;
+    QVERIFY(server.listen());
+    server.setHandler([&](const RecordedRequest &) {
+        return CannedReply::json(QJsonDocument(QJsonObject{{u"error"_s, code}}).toJson(), 400);
+    });
+    ZDOAuth2Configuration configuration;
+    configuration.authorizationEndpoint = server.url(u"/auth"_s);
+    configuration.tokenEndpoint = server.url(u"/token"_s);
+    configuration.clientId = u"echo-client"_s;
+    ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow(flow), nullptr);
+    // The browser comes back with the service's error in the redirect.
+    QTcpSocket browser;
+    ZDDevice::setURLOpener([&](const QUrl &url) {
+        QUrlQuery redirect;
+        redirect.addQueryItem(u"state"_s, QUrlQuery(url).queryItemValue(u"state"_s));
+        redirect.addQueryItem(u"error"_s, QString::fromLatin1(QUrl::toPercentEncoding(code)));
+        browser.connectToHost(QHostAddress::LocalHost, authenticator.redirectPort());
+        browser.write("GET /callback?" + redirect.query(QUrl::FullyEncoded).toLatin1() +
+                      " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+        return true;
+    });
+    authenticator.authenticateWithUsernamePassword(u"erin"_s, u"pw-secret-9"_s);
+    QTRY_COMPARE_WITH_TIMEOUT(authenticator.authenticatorState(), ZDAuthenticatorStateSignedOut,
+                              30000);
+    const ZDError error = authenticator.lastError();
+    QCOMPARE(error.userInfo().value(ZDOAuth2ErrorCodeKey).toString(), code);
+    QCOMPARE(error.localizedDescription().contains(code), named);
+    m_errorTexts << error.localizedDescription();
+    m_secrets << u"pw-secret-9"_s;
 }
 
 void tst_oauth2::aRequestRefusedWith401IsRenewedAndRepeatedOnce()

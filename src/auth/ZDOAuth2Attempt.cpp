@@ -24,7 +24,7 @@ constexpr int kStateBytes = 16;
 constexpr int kDefaultPollSeconds = 5;
 constexpr int kSlowDownSeconds = 5;
 // RFC 8628 section 3.2 makes "expires_in" required; a service leaving it out
-// gets the lifetime the RFC's own example uses.
+// gets ten minutes.
 constexpr int kDefaultDeviceCodeSeconds = 600;
 // RFC 8628 section 3.4.
 const QString kDeviceGrant = QStringLiteral("urn:ietf:params:oauth:grant-type:device_code");
@@ -105,8 +105,8 @@ void ZDOAuth2BrowserAttempt::start()
 
     m_codeVerifier = randomToken(kVerifierBytes);
     m_state = randomToken(kStateBytes);
-    // RFC 8252 section 7.3: the loopback IP literal, not "localhost", which a
-    // resolver may send elsewhere.
+    // RFC 8252 sections 7.3 and 8.3: the loopback IP literal, not "localhost",
+    // which a resolver may send elsewhere.
     m_redirectUri = QStringLiteral("http://127.0.0.1:%1%2")
                         .arg(m_receiver->port())
                         .arg(configuration.redirectPath);

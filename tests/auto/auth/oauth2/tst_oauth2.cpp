@@ -156,6 +156,17 @@ ZDOAuth2Configuration providerConfiguration(const Peer &provider)
     return configuration;
 }
 
+// A configuration whose every endpoint is on `server`.
+ZDOAuth2Configuration loopbackConfiguration(const LoopbackHTTPServer &server)
+{
+    ZDOAuth2Configuration configuration;
+    configuration.authorizationEndpoint = server.url(u"/auth"_s);
+    configuration.tokenEndpoint = server.url(u"/token"_s);
+    configuration.deviceAuthorizationEndpoint = server.url(u"/device"_s);
+    configuration.clientId = u"loopback-client"_s;
+    return configuration;
+}
+
 struct Answer
 {
     bool done = false;
@@ -214,6 +225,7 @@ private Q_SLOTS:
     void browserAttemptEndsWithAFailure_data();
     void browserAttemptEndsWithAFailure();
     void redirectListenerAnswersOnlyOnTheLoopbackAddress();
+    void onlyTheFirstRedirectIsExchanged();
 
     void deviceSignInShowsTheCodeAndQRCodeAndPollsUntilApproved();
     void devicePollingSlowsDownAndEndsOnTerminalErrors_data();
@@ -503,9 +515,7 @@ void tst_oauth2::onlyARefusedGrantEndsTheSignInOnRefresh()
             reply.ending = CannedReply::Ending::ResetAtOnce;
         return reply;
     });
-    ZDOAuth2Configuration configuration;
-    configuration.tokenEndpoint = server.url(u"/token"_s);
-    configuration.clientId = u"refresh-client"_s;
+    const ZDOAuth2Configuration configuration = loopbackConfiguration(server);
     auto store = std::make_shared<ZDMemoryCredentialStore>();
     const QByteArray tokens =
         R"({"account":"dana","access_token":"at-secret-3","refresh_token":"rt-secret-3"})";
@@ -625,6 +635,46 @@ void tst_oauth2::redirectListenerAnswersOnlyOnTheLoopbackAddress()
     QCOMPARE(authenticator.authenticatorState(), ZDOAuth2Authenticator::StateSigningIn);
 }
 
+void tst_oauth2::onlyTheFirstRedirectIsExchanged()
+{
+    LoopbackHTTPServer server;
+    QVERIFY(server.listen());
+    server.setHandler([](const RecordedRequest &) {
+        // Still thinking when the second redirect comes.
+        CannedReply reply = CannedReply::json(R"({"error":"invalid_grant"})", 400);
+        reply.delayMs = 3000;
+        return reply;
+    });
+    const ZDOAuth2Configuration configuration = loopbackConfiguration(server);
+    ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow::Browser,
+                                        nullptr);
+    QUrl opened;
+    ZDDevice::setURLOpener([&](const QUrl &url) {
+        opened = url;
+        return true;
+    });
+    authenticator.authenticateWithUsernamePassword(QString(), QString());
+    // Two connections open before the first redirect arrives; both carry it.
+    QTcpSocket first, second;
+    for (QTcpSocket *socket : {&first, &second}) {
+        socket->connectToHost(QHostAddress::LocalHost, authenticator.redirectPort());
+        QVERIFY(socket->waitForConnected(5000));
+    }
+    const QByteArray redirect =
+        "GET /callback?code=c-1&state=" +
+        QUrlQuery(opened).queryItemValue(u"state"_s, QUrl::FullyEncoded).toLatin1() +
+        " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+    first.write(redirect);
+    QTRY_VERIFY_WITH_TIMEOUT(first.bytesAvailable() > 0, 10000);
+    second.write(redirect);
+    QTRY_VERIFY_WITH_TIMEOUT(second.bytesAvailable() > 0, 10000);
+    QVERIFY(first.readAll().startsWith("HTTP/1.1 200"));
+    QVERIFY(second.readAll().startsWith("HTTP/1.1 400"));
+    QTRY_COMPARE_WITH_TIMEOUT(authenticator.authenticatorState(), ZDAuthenticatorStateSignedOut,
+                              30000);
+    QCOMPARE(server.requests().size(), 1);
+}
+
 void tst_oauth2::deviceSignInShowsTheCodeAndQRCodeAndPollsUntilApproved()
 {
     auto store = std::make_shared<ZDMemoryCredentialStore>();
@@ -699,10 +749,7 @@ void tst_oauth2::devicePollingSlowsDownAndEndsOnTerminalErrors()
                                      R"("expires_in":60,"username":"bob"})");
         return CannedReply::json(R"({"error":")" + answer + R"("})", 400);
     });
-    ZDOAuth2Configuration configuration;
-    configuration.deviceAuthorizationEndpoint = server.url(u"/device"_s);
-    configuration.tokenEndpoint = server.url(u"/token"_s);
-    configuration.clientId = u"device-client"_s;
+    const ZDOAuth2Configuration configuration = loopbackConfiguration(server);
     ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow::Device,
                                         nullptr);
     NotificationLog log(&authenticator);
@@ -891,10 +938,7 @@ void tst_oauth2::anUnregisteredErrorCodeStaysOutOfTheDescription()
     server.setHandler([&](const RecordedRequest &) {
         return CannedReply::json(QJsonDocument(QJsonObject{{u"error"_s, code}}).toJson(), 400);
     });
-    ZDOAuth2Configuration configuration;
-    configuration.authorizationEndpoint = server.url(u"/auth"_s);
-    configuration.tokenEndpoint = server.url(u"/token"_s);
-    configuration.clientId = u"echo-client"_s;
+    const ZDOAuth2Configuration configuration = loopbackConfiguration(server);
     ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow(flow), nullptr);
     // The browser comes back with the service's error in the redirect.
     QTcpSocket browser;

@@ -38,9 +38,7 @@ ZDAlertView *ZDAuthenticator::authenticationDialogWithTargetAction(QObject *, st
 
 void ZDAuthenticator::invalidateAuthentication()
 {
-    m_authenticatorState = ZDAuthenticatorStateSignedOut;
-    m_account = QString();
-    _notifyStateChange();
+    _setAuthenticatorStateAccount(ZDAuthenticatorStateSignedOut, QString());
 }
 
 void ZDAuthenticator::requestDidFailWithError(JSONHTTPRequest *, const ZDError &)
@@ -48,9 +46,17 @@ void ZDAuthenticator::requestDidFailWithError(JSONHTTPRequest *, const ZDError &
     // The request calling us is the one released here; the request layer lets a
     // delegate destroy a request inside its callback.
     m_authenticationRequest.reset();
-    m_authenticatorState = ZDAuthenticatorStateSignedOut;
-    _notifyStateChange();
+    _setAuthenticatorStateAccount(ZDAuthenticatorStateSignedOut);
     _notifyFailure();
+}
+
+void ZDAuthenticator::_setAuthenticatorStateAccount(ZDAuthenticatorState state,
+                                                    const std::optional<QString> &account)
+{
+    m_authenticatorState = state;
+    if (account)
+        m_account = *account;
+    _notifyStateChange();
 }
 
 void ZDAuthenticator::_notifyStateChange()

@@ -7,6 +7,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 class QObject;
 class ZDAlertView; // the toolkit's alert view
@@ -39,7 +40,8 @@ constexpr ZDAuthenticatorState ZDAuthenticatorStateSignedIn = 2;
 //   m_authenticationRequest,
 // - reads the sign-in answer in requestDidReceiveObject(): on success it sets
 //   m_account and m_authenticatorState = 2, releases m_authenticationRequest
-//   and calls _notifyStateChange(),
+//   and calls _notifyStateChange() (_setAuthenticatorStateAccount() does the
+//   first and the last in one step),
 // - may read stored credentials in loadCredentials() and supply the sign-in
 //   dialog in authenticationDialogWithTargetAction().
 // After each change of the state a subclass makes, it calls
@@ -92,8 +94,13 @@ public:
 protected:
     void _notifyStateChange();
     void _notifyFailure();
+    // Sets the state, and the account unless it is nullopt, then announces the
+    // change: the one step a subclass needs for a transition, so that no change
+    // goes unannounced.
+    void _setAuthenticatorStateAccount(ZDAuthenticatorState state,
+                                       const std::optional<QString> &account = std::nullopt);
 
-    // Written directly by subclasses.
+    // Subclasses may still write them directly, announcing the change themselves.
     ZDAuthenticatorState m_authenticatorState = ZDAuthenticatorStateSignedOut;
     QString m_account;
     std::unique_ptr<JSONHTTPRequest> m_authenticationRequest;

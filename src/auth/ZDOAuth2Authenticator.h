@@ -18,7 +18,8 @@ class ZDOAuth2AuthenticatorPrivate;
 
 // The error domain of ZDOAuth2Authenticator's own failures. Descriptions never
 // hold a token, a code or a secret; an error the service named keeps its name
-// (for instance "access_denied") under ZDOAuth2ErrorCodeKey.
+// (for instance "access_denied") under ZDOAuth2ErrorCodeKey, and the description
+// names it only when it is one of the registered OAuth error codes.
 ZD_EXPORT extern const QString ZDOAuth2ErrorDomain;
 ZD_EXPORT extern const QString ZDOAuth2ErrorCodeKey;
 enum ZDOAuth2Error : qint32 {
@@ -88,12 +89,14 @@ struct ZD_EXPORT ZDOAuth2Configuration
 // a ZDBearerSigner, refreshing first when the access token expires within
 // refreshLeeway() or the service answered 401; concurrent askers share one
 // refresh. A rotated refresh token is saved before the new access token is
-// handed out. A refresh the service refuses (an OAuth error such as
-// invalid_grant) signs out: the stored tokens are removed, state 0, a state
-// change, the failure notification, and every waiting asker gets an error. A
-// refresh that fails for another reason (the network, a 5xx answer) answers the
-// askers with that error and keeps the sign-in, so that a passing outage does
-// not sign the user out.
+// handed out. A refresh whose grant the service refuses (400 or 401 with
+// invalid_grant, invalid_client or unauthorized_client) signs out: the stored
+// tokens are removed, state 0, a state change, the failure notification, and
+// every waiting asker gets an error. A refresh that fails for another reason
+// (the network, a 5xx or 429 answer, whatever "error" it names) answers the
+// askers with the request's own error (JSONHTTPRequestErrorDomain or the
+// transport's) and keeps the sign-in and the tokens, so that a passing outage
+// does not sign the user out.
 //
 // Nothing here writes a token, a code, a verifier or a secret to a log line or
 // into an error; only the credential store sees them.

@@ -4,46 +4,15 @@
 
 #include <QByteArray>
 #include <QDateTime>
-#include <QImage>
 #include <QObject>
-#include <QPointer>
-#include <QTimer>
 
 #include <functional>
 #include <memory>
 #include <optional>
 
-class QTcpServer;
-class QTcpSocket;
-
-// The outcome of one request to the token or device endpoint: the parsed JSON
-// object, or the failure with whatever the service said about it.
-struct ZDOAuth2Reply
-{
-    bool ok = false;
-    QVariantMap object; // the answer's JSON object (also of an error answer)
-    QString oauthError; // "error" of an error answer, empty otherwise
-    std::optional<ZDHTTPResponse> response;
-    ZDError transportError; // set when no OAuth error answer arrived
-};
-
-// One form POST to an OAuth endpoint, read as JSON whatever the status.
-class ZDOAuth2Exchange : public JSONHTTPRequestDelegate
-{
-public:
-    using Done = std::function<void(const ZDOAuth2Reply &)>;
-    ZDOAuth2Exchange(const QUrl &url, const QVariantMap &params,
-                     const QList<std::pair<QString, QString>> &headers, Done done);
-    ~ZDOAuth2Exchange() override;
-    void requestDidReceiveObject(JSONHTTPRequest *request, const QVariant &object) override;
-    void requestDidFailWithError(JSONHTTPRequest *request, const ZDError &error) override;
-
-private:
-    class Request;
-    std::unique_ptr<Request> m_request;
-    Done m_done;
-    std::unique_ptr<QObject> m_context = std::make_unique<QObject>();
-};
+class ZDOAuth2Attempt;
+class ZDOAuth2Exchange;
+struct ZDOAuth2Reply;
 
 // The account's tokens, as stored.
 struct ZDOAuth2Tokens
@@ -60,7 +29,8 @@ struct ZDOAuth2Tokens
 class ZDOAuth2AuthenticatorPrivate
 {
 public:
-    explicit ZDOAuth2AuthenticatorPrivate(ZDOAuth2Authenticator *owner) : q(owner) {}
+    explicit ZDOAuth2AuthenticatorPrivate(ZDOAuth2Authenticator *owner);
+    ~ZDOAuth2AuthenticatorPrivate();
 
     QDateTime now() const { return clock ? clock() : QDateTime::currentDateTimeUtc(); }
     QVariantMap clientParams() const;
@@ -71,12 +41,7 @@ public:
     // Ends the attempt with `error`. `sentenceKey` names the string-table entry
     // the next sign-in dialog says about it; null: the one the error suggests.
     void fail(const ZDError &error, const char *sentenceKey = nullptr);
-    void startBrowser();
-    void acceptRedirect(QTcpSocket *socket);
-    void exchangeCode(const QString &code);
-    void startDevice();
-    void pollDevice();
-    void startPassword(const QString &username, const QString &password, const QString &factor);
+    // Ends the attempt with the token answer `reply`.
     void finishSignIn(const ZDOAuth2Reply &reply);
     std::optional<ZDOAuth2Tokens> tokensFromReply(const ZDOAuth2Reply &reply,
                                                   const ZDOAuth2Tokens &previous) const;
@@ -100,20 +65,7 @@ public:
     ZDError lastError;
     const char *lastFailureKey = nullptr; // string-table key; null after a success
 
-    // The running attempt.
-    std::unique_ptr<QObject> attempt; // parent of the listener and the timers
-    int attemptId = 0;
-    QTcpServer *listener = nullptr;
-    QString expectedState;
-    QString codeVerifier;
-    QString redirectUri;
-    std::unique_ptr<ZDOAuth2Exchange> exchange;
-    QPointer<ZDAlertView> dialog;
-    QString deviceCode;
-    int pollInterval = 5;
-    QTimer *pollTimer = nullptr;
-    QString username;
-    QString password;
+    std::unique_ptr<ZDOAuth2Attempt> attempt; // the running sign-in, if any
 
     // The running refresh and who waits for it.
     std::unique_ptr<ZDOAuth2Exchange> refreshExchange;
@@ -121,6 +73,7 @@ public:
     std::unique_ptr<QObject> context = std::make_unique<QObject>(); // answers run in its life
 };
 
-// A QR code of `text` as a black-on-white image with a quiet zone, `scale`
-// pixels per module; null when the text does not fit in a QR code.
-QImage zdQRCodeImage(const QString &text, int scale = 4);
+// Bytes in the URL-safe base64 without padding that OAuth uses (RFC 7636 appendix A).
+QString zdBase64Url(const QByteArray &bytes);
+// The string-table entry `key`.
+QString zdLocalized(const char *key);

@@ -18,6 +18,7 @@
 #include <QVBoxLayout>
 
 #include <algorithm>
+#include <utility>
 using namespace Qt::StringLiterals;
 
 namespace {
@@ -252,6 +253,11 @@ void ZDAlertView::layoutInWindow()
     update();
 }
 
+void ZDAlertView::setDismissHandler(std::function<void(int)> handler)
+{
+    m_dismissHandler = std::move(handler);
+}
+
 void ZDAlertView::dismissWithClickedButtonIndex(int buttonIndex, bool)
 {
     if (m_dismissed)
@@ -260,6 +266,10 @@ void ZDAlertView::dismissWithClickedButtonIndex(int buttonIndex, bool)
     QPointer<ZDAlertView> self(this);
     if (ZDAlertViewDelegate *delegate = m_delegate.get())
         delegate->alertViewWillDismissWithButtonIndex(this, buttonIndex);
+    if (!self)
+        return;
+    if (const auto handler = std::exchange(m_dismissHandler, {})) // it may reach this alert
+        handler(buttonIndex);
     if (!self)
         return;
     if (QWidget *window = parentWidget())

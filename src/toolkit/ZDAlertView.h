@@ -77,14 +77,18 @@ public:
     int firstOtherButtonIndex() const;
 
     void setDelegate(ZDAlertViewDelegate *delegate) { m_delegate = delegate; }
+    // Called once, with the button's index, when the alert is dismissed (after
+    // the delegate): for an owner that wants no delegate object of its own. An
+    // empty function removes it.
+    void setDismissHandler(std::function<void(int buttonIndex)> handler);
     void setReturnKeyAction(QObject *target, std::function<void()> action);
 
     // Shows the alert over `window`, or over the default window (see
     // setDefaultWindow()), or over the active window.
     void show(QWidget *window = nullptr);
     bool isVisibleAlert() const { return m_shown && !m_dismissed; }
-    // Tells the delegate, then goes away; the alert is deleted on the next turn
-    // of the event loop.
+    // Tells the delegate and the dismiss handler, then goes away; the alert is deleted on the next
+    // turn of the event loop.
     void dismissWithClickedButtonIndex(int buttonIndex, bool animated);
 
     // The window alerts appear over when show() is given none; not owned.
@@ -113,6 +117,7 @@ private:
     QList<QPushButton *> m_buttonWidgets;
     QPointer<QObject> m_returnTarget;
     std::function<void()> m_returnAction;
+    std::function<void(int)> m_dismissHandler;
     QPointer<QWidget> m_focusBefore; // gets the focus back when the alert goes
     bool m_shown = false;
     bool m_dismissed = false;

@@ -156,6 +156,17 @@ ZDOAuth2Configuration providerConfiguration(const Peer &provider)
     return configuration;
 }
 
+// A configuration whose every endpoint is on `server`.
+ZDOAuth2Configuration loopbackConfiguration(const LoopbackHTTPServer &server)
+{
+    ZDOAuth2Configuration configuration;
+    configuration.authorizationEndpoint = server.url(u"/auth"_s);
+    configuration.tokenEndpoint = server.url(u"/token"_s);
+    configuration.deviceAuthorizationEndpoint = server.url(u"/device"_s);
+    configuration.clientId = u"loopback-client"_s;
+    return configuration;
+}
+
 struct Answer
 {
     bool done = false;
@@ -209,9 +220,12 @@ private Q_SLOTS:
     void browserSignInReachesSignedInAndTheProviderAcceptsTheToken();
     void tokensAreRenewedAheadOfExpiryOnUnauthorizedAndRotatedTokensAreSavedFirst();
     void aRefusedRefreshSignsOutWithTheBasesNotificationsInOrder();
+    void onlyARefusedGrantEndsTheSignInOnRefresh_data();
+    void onlyARefusedGrantEndsTheSignInOnRefresh();
     void browserAttemptEndsWithAFailure_data();
     void browserAttemptEndsWithAFailure();
     void redirectListenerAnswersOnlyOnTheLoopbackAddress();
+    void onlyTheFirstRedirectIsExchanged();
 
     void deviceSignInShowsTheCodeAndQRCodeAndPollsUntilApproved();
     void devicePollingSlowsDownAndEndsOnTerminalErrors_data();
@@ -220,6 +234,8 @@ private Q_SLOTS:
     void passwordSignInAsksForTheSecondFactorWhenTheServiceWantsIt_data();
     void passwordSignInAsksForTheSecondFactorWhenTheServiceWantsIt();
     void anUnreachableServiceIsNotCalledAWrongPassword();
+    void anUnregisteredErrorCodeStaysOutOfTheDescription_data();
+    void anUnregisteredErrorCodeStaysOutOfTheDescription();
     void aRequestRefusedWith401IsRenewedAndRepeatedOnce();
     void credentialStoreWithoutKeyringKeepsValuesInMemory();
 
@@ -472,6 +488,60 @@ void tst_oauth2::aRefusedRefreshSignsOutWithTheBasesNotificationsInOrder()
     QVERIFY(ask(stale, ZDCredentialSource::Reason::BeforeRequest).error);
 }
 
+void tst_oauth2::onlyARefusedGrantEndsTheSignInOnRefresh_data()
+{
+    QTest::addColumn<int>("status"); // 0: the connection is reset, no answer
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<bool>("signsOut");
+    QTest::newRow("503 temporarily_unavailable")
+        << 503 << QByteArray(R"({"error":"temporarily_unavailable"})") << false;
+    QTest::newRow("500 server_error") << 500 << QByteArray(R"({"error":"server_error"})") << false;
+    QTest::newRow("429") << 429 << QByteArray(R"({"error":"temporarily_unavailable"})") << false;
+    QTest::newRow("reset") << 0 << QByteArray() << false;
+    QTest::newRow("401 invalid_client")
+        << 401 << QByteArray(R"({"error":"invalid_client"})") << true;
+}
+
+void tst_oauth2::onlyARefusedGrantEndsTheSignInOnRefresh()
+{
+    QFETCH(int, status);
+    QFETCH(QByteArray, body);
+    QFETCH(bool, signsOut);
+    LoopbackHTTPServer server;
+    QVERIFY(server.listen());
+    server.setHandler([&](const RecordedRequest &) {
+        CannedReply reply = CannedReply::json(body, status);
+        if (!status)
+            reply.ending = CannedReply::Ending::ResetAtOnce;
+        return reply;
+    });
+    const ZDOAuth2Configuration configuration = loopbackConfiguration(server);
+    auto store = std::make_shared<ZDMemoryCredentialStore>();
+    const QByteArray tokens =
+        R"({"account":"dana","access_token":"at-secret-3","refresh_token":"rt-secret-3"})";
+    store->save(u"oauth2"_s, tokens);
+    m_secrets << u"at-secret-3"_s << u"rt-secret-3"_s;
+    ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow::Password,
+                                        store);
+    authenticator.loadCredentials();
+    NotificationLog log(&authenticator);
+
+    const Answer answer = ask(authenticator, ZDCredentialSource::Reason::Unauthorized);
+    QVERIFY(answer.error && !answer.signer);
+    m_errorTexts << answer.error->localizedDescription();
+    if (signsOut) {
+        QCOMPARE(log.entries, (QStringList{u"state:0"_s, u"failure"_s}));
+        QVERIFY(!store->load(u"oauth2"_s));
+        QCOMPARE(answer.error->domain(), ZDOAuth2ErrorDomain);
+    } else {
+        // A passing fault: the askers get the transport's error, nothing else changes.
+        QVERIFY(log.entries.isEmpty());
+        QCOMPARE(authenticator.authenticatorState(), ZDAuthenticatorStateSignedIn);
+        QCOMPARE(store->load(u"oauth2"_s).value_or(QByteArray()), tokens);
+        QVERIFY(answer.error->domain() != ZDOAuth2ErrorDomain);
+    }
+}
+
 void tst_oauth2::browserAttemptEndsWithAFailure_data()
 {
     QTest::addColumn<QString>("fault");
@@ -565,6 +635,46 @@ void tst_oauth2::redirectListenerAnswersOnlyOnTheLoopbackAddress()
     QCOMPARE(authenticator.authenticatorState(), ZDOAuth2Authenticator::StateSigningIn);
 }
 
+void tst_oauth2::onlyTheFirstRedirectIsExchanged()
+{
+    LoopbackHTTPServer server;
+    QVERIFY(server.listen());
+    server.setHandler([](const RecordedRequest &) {
+        // Still thinking when the second redirect comes.
+        CannedReply reply = CannedReply::json(R"({"error":"invalid_grant"})", 400);
+        reply.delayMs = 3000;
+        return reply;
+    });
+    const ZDOAuth2Configuration configuration = loopbackConfiguration(server);
+    ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow::Browser,
+                                        nullptr);
+    QUrl opened;
+    ZDDevice::setURLOpener([&](const QUrl &url) {
+        opened = url;
+        return true;
+    });
+    authenticator.authenticateWithUsernamePassword(QString(), QString());
+    // Two connections open before the first redirect arrives; both carry it.
+    QTcpSocket first, second;
+    for (QTcpSocket *socket : {&first, &second}) {
+        socket->connectToHost(QHostAddress::LocalHost, authenticator.redirectPort());
+        QVERIFY(socket->waitForConnected(5000));
+    }
+    const QByteArray redirect =
+        "GET /callback?code=c-1&state=" +
+        QUrlQuery(opened).queryItemValue(u"state"_s, QUrl::FullyEncoded).toLatin1() +
+        " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+    first.write(redirect);
+    QTRY_VERIFY_WITH_TIMEOUT(first.bytesAvailable() > 0, 10000);
+    second.write(redirect);
+    QTRY_VERIFY_WITH_TIMEOUT(second.bytesAvailable() > 0, 10000);
+    QVERIFY(first.readAll().startsWith("HTTP/1.1 200"));
+    QVERIFY(second.readAll().startsWith("HTTP/1.1 400"));
+    QTRY_COMPARE_WITH_TIMEOUT(authenticator.authenticatorState(), ZDAuthenticatorStateSignedOut,
+                              30000);
+    QCOMPARE(server.requests().size(), 1);
+}
+
 void tst_oauth2::deviceSignInShowsTheCodeAndQRCodeAndPollsUntilApproved()
 {
     auto store = std::make_shared<ZDMemoryCredentialStore>();
@@ -639,10 +749,7 @@ void tst_oauth2::devicePollingSlowsDownAndEndsOnTerminalErrors()
                                      R"("expires_in":60,"username":"bob"})");
         return CannedReply::json(R"({"error":")" + answer + R"("})", 400);
     });
-    ZDOAuth2Configuration configuration;
-    configuration.deviceAuthorizationEndpoint = server.url(u"/device"_s);
-    configuration.tokenEndpoint = server.url(u"/token"_s);
-    configuration.clientId = u"device-client"_s;
+    const ZDOAuth2Configuration configuration = loopbackConfiguration(server);
     ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow::Device,
                                         nullptr);
     NotificationLog log(&authenticator);
@@ -807,6 +914,51 @@ void tst_oauth2::anUnreachableServiceIsNotCalledAWrongPassword()
                               30000);
     QCOMPARE(authenticator.lastFailureSentence(),
              ZDLocalizedString(u"OAUTH2_FAILED_UNREACHABLE"_s));
+}
+
+void tst_oauth2::anUnregisteredErrorCodeStaysOutOfTheDescription_data()
+{
+    QTest::addColumn<int>("flow");
+    QTest::addColumn<QString>("code");
+    QTest::addColumn<bool>("named");                // the description may name the code
+    const QString echo = u"password=pw-secret-9"_s; // a service echoing the request
+    QTest::newRow("token answer") << int(ZDOAuth2Authenticator::Flow::Password) << echo << false;
+    QTest::newRow("redirect") << int(ZDOAuth2Authenticator::Flow::Browser) << echo << false;
+    QTest::newRow("registered code")
+        << int(ZDOAuth2Authenticator::Flow::Password) << u"invalid_scope"_s << true;
+}
+
+void tst_oauth2::anUnregisteredErrorCodeStaysOutOfTheDescription()
+{
+    QFETCH(int, flow);
+    QFETCH(QString, code);
+    QFETCH(bool, named);
+    LoopbackHTTPServer server;
+    QVERIFY(server.listen());
+    server.setHandler([&](const RecordedRequest &) {
+        return CannedReply::json(QJsonDocument(QJsonObject{{u"error"_s, code}}).toJson(), 400);
+    });
+    const ZDOAuth2Configuration configuration = loopbackConfiguration(server);
+    ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow(flow), nullptr);
+    // The browser comes back with the service's error in the redirect.
+    QTcpSocket browser;
+    ZDDevice::setURLOpener([&](const QUrl &url) {
+        QUrlQuery redirect;
+        redirect.addQueryItem(u"state"_s, QUrlQuery(url).queryItemValue(u"state"_s));
+        redirect.addQueryItem(u"error"_s, QString::fromLatin1(QUrl::toPercentEncoding(code)));
+        browser.connectToHost(QHostAddress::LocalHost, authenticator.redirectPort());
+        browser.write("GET /callback?" + redirect.query(QUrl::FullyEncoded).toLatin1() +
+                      " HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n");
+        return true;
+    });
+    authenticator.authenticateWithUsernamePassword(u"erin"_s, u"pw-secret-9"_s);
+    QTRY_COMPARE_WITH_TIMEOUT(authenticator.authenticatorState(), ZDAuthenticatorStateSignedOut,
+                              30000);
+    const ZDError error = authenticator.lastError();
+    QCOMPARE(error.userInfo().value(ZDOAuth2ErrorCodeKey).toString(), code);
+    QCOMPARE(error.localizedDescription().contains(code), named);
+    m_errorTexts << error.localizedDescription();
+    m_secrets << u"pw-secret-9"_s;
 }
 
 void tst_oauth2::aRequestRefusedWith401IsRenewedAndRepeatedOnce()

@@ -78,8 +78,7 @@ void DemoAuthenticator::authenticateWithUsernamePassword(const QString &username
     m_authenticationRequest->setPostParams(QVariantMap{{u"x_auth_username"_s, username},
                                                        {u"x_auth_password"_s, password},
                                                        {u"x_auth_mode"_s, u"client_auth"_s}});
-    m_authenticatorState = StateSigningIn;
-    _notifyStateChange();
+    _setAuthenticatorStateAccount(StateSigningIn);
     m_authenticationRequest->start();
 }
 
@@ -115,11 +114,9 @@ void DemoAuthenticator::loadCredentials()
 void DemoAuthenticator::signIn(const QString &account, const QString &token,
                                const QString &tokenSecret)
 {
-    m_account = account;
     m_token = token;
     m_tokenSecret = tokenSecret;
-    m_authenticatorState = ZDAuthenticatorStateSignedIn;
-    _notifyStateChange();
+    _setAuthenticatorStateAccount(ZDAuthenticatorStateSignedIn, account);
 }
 
 void DemoAuthenticator::requestDidFailWithError(JSONHTTPRequest *request, const ZDError &error)

@@ -92,7 +92,6 @@ private Q_SLOTS:
     void theWheelSlidesUpWhereTheKeyboardWouldStandAndAwayAgain_data();
     void theWheelSlidesUpWhereTheKeyboardWouldStandAndAwayAgain();
     void aShrinkScrollsTheEditedRowIntoTheMiddle();
-    void theWheelOutlivesAnUnloadedView();
     void footerAnnouncesRealFrameChangesUnlessBypassed();
 };
 
@@ -229,37 +228,6 @@ void tst_KeyboardRoom::aShrinkScrollsTheEditedRowIntoTheMiddle()
     // The middle of the part above the room.
     QTRY_VERIFY(qAbs(row.center().y() - screen.table->contentOffset() -
                      (screen.table->viewport()->height() - 216) / 2) <= row.height());
-}
-
-void tst_KeyboardRoom::theWheelOutlivesAnUnloadedView()
-{
-    ZDDevice::setKind(ZDDeviceKind::Phone);
-    Source source;
-    auto first = std::make_unique<Screen>(QSize(320, 480));
-    Screen second(QSize(320, 480));
-    QPointer<QWidget> container;
-    {
-        ZDFormKeyboardRoom room(&source, {});
-        room.attach(&first->window, first->table, first->footer.get());
-        room.showPicker(kWheelRow);
-        room.hidePicker(kWheelRow);
-        container = room.pickerContainer();
-        room.keepWheelThroughUnload();
-        first.reset();
-        QVERIFY(container);
-        QVERIFY(!container->parentWidget());
-
-        room.attach(&second.window, second.table, second.footer.get());
-        QCOMPARE(container->parentWidget(), &second.window);
-        QCOMPARE(room.pickerContainer(), container.data());
-        // Shown again, it is on screen in the new view.
-        room.showPicker(kWheelRow);
-        QVERIFY(container->isVisible());
-        QTRY_COMPARE(container->geometry(), QRect(0, 480 - 216, 320, 216));
-        room.hidePicker(kWheelRow);
-        room.keepWheelThroughUnload();
-    }
-    QVERIFY(!container); // the room deletes the wheel it made
 }
 
 void tst_KeyboardRoom::footerAnnouncesRealFrameChangesUnlessBypassed()

@@ -22,8 +22,7 @@ private Q_SLOTS:
     void rowHeightsAndTheLogoHeader_data();
     void rowHeightsAndTheLogoHeader();
     void publishFollowsTheSignInStateAndReachesTheDelegate();
-    void returnInTheSignInDialogSignsInAndHandsTheFocusToTheTitle();
-    void failedSignInShowsItsAlertThenAFreshDialog();
+    void signInFailsWithAnAlertThenReturnSignsInAndFocusesTheTitle();
     void cancellingTheDialogOrSigningOutCancelsTheForm();
     void qualityRowsFollowTheEnableFlagAndCarryOneCheckmark();
     void unloadingTheViewKeepsTheQualityAndResetsTheAccessRow();
@@ -154,7 +153,9 @@ void tst_PublishForm::publishFollowsTheSignInStateAndReachesTheDelegate()
     QCOMPARE(sheet.delegate.events.size(), 2);
 }
 
-void tst_PublishForm::returnInTheSignInDialogSignsInAndHandsTheFocusToTheTitle()
+// A failed sign-in shows its alert, then a fresh dialog; Return there signs in
+// and hands the focus to the title.
+void tst_PublishForm::signInFailsWithAnAlertThenReturnSignsInAndFocusesTheTitle()
 {
     TestAuthenticator auth;
     Sheet sheet(&auth);
@@ -164,12 +165,28 @@ void tst_PublishForm::returnInTheSignInDialogSignsInAndHandsTheFocusToTheTitle()
     QTRY_VERIFY(visibleAlert(sheet.form->authenticationAlert()));
     QTest::qWait(250); // let the dialog fade in
     sheet.save(u"form-phone-signed-out.png"_s);
-    ZDAlertView *dialog = sheet.fillSignIn(u"secret"_s);
+    ZDAlertView *dialog = sheet.fillSignIn(u"wrong"_s);
+    QVERIFY(dialog);
+    QTest::mouseClick(dialog->buttonAtIndex(dialog->firstOtherButtonIndex()), Qt::LeftButton);
+    ZDAlertView *failed = visibleAlert(sheet.form->authenticationFailedAlert());
+    QVERIFY(failed);
+    QCOMPARE(failed->title(), L("AUTHENTICATION_FAILED_TITLE"));
+    QCOMPARE(failed->numberOfButtons(), 1);
+    QCOMPARE(failed->buttonTitleAtIndex(0), L("OK_BUTTON"));
+    QVERIFY(!sheet.publishButton()->isEnabled());
+    QTest::qWait(250); // let the alert fade in
+    sheet.save(u"form-phone-signin-failed.png"_s);
+    QTest::mouseClick(failed->buttonAtIndex(0), Qt::LeftButton);
+    QCOMPARE(sheet.form->authenticationFailedAlert(), nullptr);
+    QCOMPARE(auth.dialogs, 2);
+
+    dialog = sheet.fillSignIn(u"secret"_s);
     QVERIFY(dialog);
     QTest::keyClick(dialog->textFieldAtIndex(1), Qt::Key_Return);
-    QCOMPARE(auth.attempts, QStringList{u"ann/secret"_s});
+    QCOMPARE(auth.attempts, (QStringList{u"ann/wrong"_s, u"ann/secret"_s}));
     QVERIFY(sheet.publishButton()->isEnabled());
     QCOMPARE(sheet.form->authenticationAlert(), nullptr);
+    QVERIFY(sheet.delegate.events.isEmpty());
     QWidget *title = sheet.form->titleCell()->editor();
     QTRY_COMPARE(QApplication::focusWidget(), title);
     // The first Tab goes on through the form, not back to the bar's Cancel.
@@ -189,30 +206,6 @@ void tst_PublishForm::returnInTheSignInDialogSignsInAndHandsTheFocusToTheTitle()
     QTest::qWait(50);
     QCOMPARE(stored.dialogs, 0);
     QVERIFY(silent.publishButton()->isEnabled());
-}
-
-void tst_PublishForm::failedSignInShowsItsAlertThenAFreshDialog()
-{
-    TestAuthenticator auth;
-    Sheet sheet(&auth);
-    sheet.show();
-    ZDAlertView *dialog = sheet.fillSignIn(u"wrong"_s);
-    QVERIFY(dialog);
-    QTest::mouseClick(dialog->buttonAtIndex(dialog->firstOtherButtonIndex()), Qt::LeftButton);
-    QCOMPARE(auth.attempts, QStringList{u"ann/wrong"_s});
-    ZDAlertView *failed = visibleAlert(sheet.form->authenticationFailedAlert());
-    QVERIFY(failed);
-    QCOMPARE(failed->title(), L("AUTHENTICATION_FAILED_TITLE"));
-    QCOMPARE(failed->numberOfButtons(), 1);
-    QCOMPARE(failed->buttonTitleAtIndex(0), L("OK_BUTTON"));
-    QVERIFY(!sheet.publishButton()->isEnabled());
-    QTest::qWait(250); // let the alert fade in
-    sheet.save(u"form-phone-signin-failed.png"_s);
-    QTest::mouseClick(failed->buttonAtIndex(0), Qt::LeftButton);
-    QCOMPARE(sheet.form->authenticationFailedAlert(), nullptr);
-    QCOMPARE(auth.dialogs, 2);
-    QVERIFY(visibleAlert(sheet.form->authenticationAlert()));
-    QVERIFY(sheet.delegate.events.isEmpty());
 }
 
 void tst_PublishForm::cancellingTheDialogOrSigningOutCancelsTheForm()

@@ -52,8 +52,7 @@ class tst_FormEditing : public QObject
 private Q_SLOTS:
     void init() { ZDDevice::setKind(ZDDeviceKind::Phone); }
     void cleanup() { ZDDevice::resetKind(); }
-    void typingIntoTheBlankTagRowAddsOneBlankRowBelow();
-    void tagRowsComeFromAboveAndAnEmptiedRowTakesAnotherBlankRowAway();
+    void tagRowsComeAndGoSoThatOneBlankRowStaysLast();
     void tagRowsAreOneListThatSaysEachRowsPlace();
     void returnInTheTitleAndTheEndOfTagCharacterMoveTheFocusOn();
     void descriptionRowGrowsPastItsDeadBand();
@@ -69,39 +68,25 @@ private Q_SLOTS:
     void formMayGoWhileThePickerSlidesOrTheKeyboardIsUp();
 };
 
-void tst_FormEditing::typingIntoTheBlankTagRowAddsOneBlankRowBelow()
-{
-    SignedInSheet sheet;
-    QCOMPARE(sheet.form->tagCell(0)->placeholder(), L("TAGS"));
-    typeInto(sheet.form->tagCell(0), u"s"_s);
-    QCOMPARE(sheet.form->tagCount(), size_t(2));
-    QCOMPARE(sheet.table()->numberOfRowsInSection(sheet.row(&ZDSectionIndices::tags).section), 2);
-    QCOMPARE(sheet.form->tagCell(1)->placeholder(), L("NEW_TAG"));
-    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"ea"_s);
-    QCOMPARE(sheet.form->tagCount(), size_t(2));
-    // Typing into row 0 while the last row is blank adds nothing either.
-    emptyRow(sheet.form->tagCell(0));
-    QCOMPARE(sheet.form->tagCount(), size_t(1)); // the other blank row went
-    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"x"_s);
-    QCOMPARE(rows(sheet.form.get()), (QStringList{u"x"_s, QString()}));
-    // The tags keep their rows' order, repeats and inner blanks.
-    typeInto(sheet.form->tagCell(1), u" x "_s);
-    typeInto(sheet.form->tagCell(2), u"x"_s);
-    QCOMPARE(sheet.form->videoTags(), (QStringList{u"x"_s, u" x "_s, u"x"_s}));
-    QCOMPARE(sheet.form->tagCount(), size_t(4));
-}
-
-void tst_FormEditing::tagRowsComeFromAboveAndAnEmptiedRowTakesAnotherBlankRowAway()
+// Typing into the blank tag row adds one blank row below, sliding in from
+// above; emptying a row takes another blank row away, sliding downward.
+void tst_FormEditing::tagRowsComeAndGoSoThatOneBlankRowStaysLast()
 {
     SignedInSheet sheet;
     const int tags = sheet.row(&ZDSectionIndices::tags).section;
+    QCOMPARE(sheet.form->tagCell(0)->placeholder(), L("TAGS"));
     typeInto(sheet.form->tagCell(0), u"a"_s);
+    QCOMPARE(sheet.table()->numberOfRowsInSection(tags), 2);
     EditableTagCell *holdingB = sheet.form->tagCell(1);
+    QCOMPARE(holdingB->placeholder(), L("NEW_TAG"));
     const QRect frame = sheet.table()->rectForRowAtIndexPath({tags, 1});
-    QVERIFY(holdingB->geometry().top() < frame.top()); // it comes from above
+    QVERIFY(holdingB->geometry().top() < frame.top());
     QTRY_COMPARE(holdingB->geometry(), frame);
+    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"ea"_s); // the last row is still blank
+    QCOMPARE(sheet.form->tagCount(), size_t(2));
     typeInto(holdingB, u"b"_s);
-    QCOMPARE(rows(sheet.form.get()), (QStringList{u"a"_s, u"b"_s, QString()}));
+    QCOMPARE(rows(sheet.form.get()), (QStringList{u"aea"_s, u"b"_s, QString()}));
+
     QPointer<EditableTagCell> emptied = sheet.form->tagCell(0);
     emptyRow(emptied);
     // The last blank row went; the emptied row stays.
@@ -109,7 +94,6 @@ void tst_FormEditing::tagRowsComeFromAboveAndAnEmptiedRowTakesAnotherBlankRowAwa
     QCOMPARE(sheet.form->tagCell(0), emptied.data());
     QCOMPARE(sheet.table()->numberOfRowsInSection(tags), 2);
     QCOMPARE(sheet.cell({tags, 1}), holdingB);
-
     // Now the first row is the other blank one: it slides downward and away.
     const int startY = emptied->y();
     emptyRow(holdingB);
@@ -120,6 +104,13 @@ void tst_FormEditing::tagRowsComeFromAboveAndAnEmptiedRowTakesAnotherBlankRowAwa
     QTest::qWait(100);
     QVERIFY(!emptied || emptied->y() > startY);
     QTRY_VERIFY(!emptied);
+
+    // The tags keep their rows' order, repeats and inner blanks.
+    QTest::keyClicks(holdingB->editor(), u"x"_s);
+    typeInto(sheet.form->tagCell(1), u" x "_s);
+    typeInto(sheet.form->tagCell(2), u"x"_s);
+    QCOMPARE(sheet.form->videoTags(), (QStringList{u"x"_s, u" x "_s, u"x"_s}));
+    QCOMPARE(sheet.form->tagCount(), size_t(4));
 }
 
 void tst_FormEditing::tagRowsAreOneListThatSaysEachRowsPlace()

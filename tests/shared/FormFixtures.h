@@ -219,10 +219,10 @@ struct Sheet
     }
     // Drags the table's content by `dy` points from `start`, as a finger would.
     void drag(const QPoint &start, int dy) { dragBy(table()->contentWidget(), start, dy); }
-    // The row `row` of the form's part `part`, e.g. row(&ZDSectionIndices::category).
-    ZDIndexPath row(qintptr ZDSectionIndices::*part, int row = 0) const
+    // The row `index` of the form's part `part`, e.g. row(&ZDSectionIndices::category).
+    ZDIndexPath row(qintptr ZDSectionIndices::*part, int index = 0) const
     {
-        return {int(form->sectionIndices().*part), row};
+        return {int(form->sectionIndices().*part), index};
     }
     ZDTableViewCell *cell(ZDIndexPath ip) const { return table()->cellForRowAtIndexPath(ip); }
     ZDFooterContainerView *footer() const
@@ -239,9 +239,11 @@ struct Sheet
     {
         QTRY_COMPARE(form->pickerContainer()->geometry().bottom(), form->view()->height() - 1);
     }
-    // Waits for the sign-in dialog and fills it in as Ann with `password`.
+    // Waits for the sign-in dialog and fills it in as Ann with `password`;
+    // null if no dialog came, for the caller to check.
     ZDAlertView *fillSignIn(const QString &password)
     {
+        // The lambda lets a failed wait return from it rather than from here.
         [this] { QTRY_VERIFY(visibleAlert(form->authenticationAlert())); }();
         ZDAlertView *dialog = form->authenticationAlert();
         if (dialog) {

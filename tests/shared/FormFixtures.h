@@ -5,14 +5,16 @@
 
 #include "auth/ZDAuthenticator.h"
 #include "host/EditableTextCell.h"
+#include "publish/ZDFooterContainerView.h"
 #include "publish/ZDPublishViewController.h"
 #include "resources/ZDLocalizedString.h"
 #include "toolkit/ZDKeyboard.h"
 #include "toolkit/ZDNavigationController.h"
 
+#include "ToolkitFixtures.h"
+
 #include <QApplication>
 #include <QDir>
-#include <QMouseEvent>
 #include <QPainter>
 #include <QPushButton>
 #include <QTest>
@@ -171,6 +173,18 @@ public:
     std::function<void()> destroyOnMessage;
 };
 
+inline ZDAlertView *visibleAlert(const QPointer<ZDAlertView> &alert)
+{
+    return alert && alert->isVisibleAlert() ? alert.data() : nullptr;
+}
+
+// Gives `cell` the focus and types `text` into it.
+inline void typeInto(EditableTextCell *cell, const QString &text)
+{
+    cell->becomeFirstResponder();
+    QTest::keyClicks(cell->editor(), text);
+}
+
 // A form in a navigation controller in a phone-sized window.
 struct Sheet
 {
@@ -204,15 +218,39 @@ struct Sheet
                           QPoint(row.left() + 4, row.center().y()));
     }
     // Drags the table's content by `dy` points from `start`, as a finger would.
-    void drag(const QPoint &start, int dy) { dragOn(table()->contentWidget(), start, dy); }
-    static void dragOn(QWidget *widget, const QPoint &start, int dy)
+    void drag(const QPoint &start, int dy) { dragBy(table()->contentWidget(), start, dy); }
+    // The row `index` of the form's part `part`, e.g. row(&ZDSectionIndices::category).
+    ZDIndexPath row(qintptr ZDSectionIndices::*part, int index = 0) const
     {
-        const QPoint end = start + QPoint(0, dy);
-        QTest::mousePress(widget, Qt::LeftButton, {}, start);
-        QMouseEvent move(QEvent::MouseMove, end, widget->mapToGlobal(end), Qt::NoButton,
-                         Qt::LeftButton, Qt::NoModifier);
-        QApplication::sendEvent(widget, &move);
-        QTest::mouseRelease(widget, Qt::LeftButton, {}, end);
+        return {int(form->sectionIndices().*part), index};
+    }
+    ZDTableViewCell *cell(ZDIndexPath ip) const { return table()->cellForRowAtIndexPath(ip); }
+    ZDFooterContainerView *footer() const
+    {
+        return qobject_cast<ZDFooterContainerView *>(table()->tableFooterView());
+    }
+    void activate()
+    {
+        window->activateWindow();
+        QVERIFY(QTest::qWaitForWindowActive(window));
+    }
+    // Waits for the category wheel to come to rest at the foot of the form.
+    void waitForWheel() const
+    {
+        QTRY_COMPARE(form->pickerContainer()->geometry().bottom(), form->view()->height() - 1);
+    }
+    // Waits for the sign-in dialog and fills it in as Ann with `password`;
+    // null if no dialog came, for the caller to check.
+    ZDAlertView *fillSignIn(const QString &password)
+    {
+        // The lambda lets a failed wait return from it rather than from here.
+        [this] { QTRY_VERIFY(visibleAlert(form->authenticationAlert())); }();
+        ZDAlertView *dialog = form->authenticationAlert();
+        if (dialog) {
+            QTest::keyClicks(dialog->textFieldAtIndex(0), u"ann"_s);
+            QTest::keyClicks(dialog->textFieldAtIndex(1), password);
+        }
+        return dialog;
     }
     QPushButton *publishButton() const { return navigation->rightButton(); }
     void save(const QString &name) const
@@ -255,8 +293,3 @@ struct KeyboardOn
         ZDKeyboard::shared().setEnabled(false);
     }
 };
-
-inline ZDAlertView *visibleAlert(const QPointer<ZDAlertView> &alert)
-{
-    return alert && alert->isVisibleAlert() ? alert.data() : nullptr;
-}

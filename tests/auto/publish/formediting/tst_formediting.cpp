@@ -1,16 +1,10 @@
 #include "FormFixtures.h"
 #include "TestSupport.h"
 
-#include "core/ZDNotificationCenter.h"
-#include "publish/ZDFooterContainerView.h"
 #include "toolkit/ZDDevice.h"
-#include "toolkit/ZDKeyboard.h"
 
 #include <QAccessible>
-#include <QApplication>
 #include <QLabel>
-#include <QLineEdit>
-#include <QTest>
 
 #include <cmath>
 
@@ -31,11 +25,14 @@ void typeText(QWidget *editor, const QString &text)
     QApplication::sendEvent(editor, &press);
 }
 
-void press(const QString &label)
+// Taps the keys of the on-screen keyboard with these labels.
+void press(const QStringList &labels)
 {
-    QWidget *key = ZDKeyboard::shared().keyWithLabel(label);
-    QVERIFY2(key, qPrintable(label));
-    QTest::mouseClick(key, Qt::LeftButton);
+    for (const QString &label : labels) {
+        QWidget *key = ZDKeyboard::shared().keyWithLabel(label);
+        QVERIFY2(key, qPrintable(label));
+        QTest::mouseClick(key, Qt::LeftButton);
+    }
 }
 
 QStringList rows(TestForm *form)
@@ -55,83 +52,64 @@ class tst_FormEditing : public QObject
 private Q_SLOTS:
     void init() { ZDDevice::setKind(ZDDeviceKind::Phone); }
     void cleanup() { ZDDevice::resetKind(); }
-    void typingIntoTheBlankTagRowAddsOneBlankRowBelow();
-    void emptyingATagRowTakesAwayAnotherBlankRow();
-    void tagsKeepRowOrderRepeatsAndInnerBlanks();
+    void tagRowsComeAndGoSoThatOneBlankRowStaysLast();
     void tagRowsAreOneListThatSaysEachRowsPlace();
-    void returnInTheTitleMovesToTheDescription();
-    void endOfTagCharacterJumpsToTheBlankRow();
+    void returnInTheTitleAndTheEndOfTagCharacterMoveTheFocusOn();
     void descriptionRowGrowsPastItsDeadBand();
-    void beginningToEditSelectsTheRowWithoutTheSelectionHandling();
     void noBlankTagRowIsAFault();
-    void pickerSlidesUpWhereTheKeyboardWouldStand();
-    void turningTheWheelNamesTheCategory();
+    void theWheelSlidesUpWhereTheKeyboardWouldStandAndNamesTheCategory();
     void returnEnterOrEscapePutsTheWheelAwayKeepingTheCategory_data();
     void returnEnterOrEscapePutsTheWheelAwayKeepingTheCategory();
-    void pickerSlidesAwayForAnotherRowOrADrag();
+    void theWheelSlidesAwayForAnotherRowOrADragButNotForEditing();
     void phoneKeyboardGivesTheTableItsRoom();
     void tabletKeyboardGrowsTheFooter();
-    void footerAnnouncesRealFrameChangesUnlessBypassed();
     void descriptionHeightRuleAtItsBoundaries();
-    void rowsSlideInFromAboveAndTheFirstRowLeavesDownward();
     void hostileTextHundredsOfTagsAndOddCategories();
     void formMayGoWhileThePickerSlidesOrTheKeyboardIsUp();
 };
 
-void tst_FormEditing::typingIntoTheBlankTagRowAddsOneBlankRowBelow()
+// Typing into the blank tag row adds one blank row below, sliding in from
+// above; emptying a row takes another blank row away, sliding downward.
+void tst_FormEditing::tagRowsComeAndGoSoThatOneBlankRowStaysLast()
 {
     SignedInSheet sheet;
-    const int tags = int(sheet.form->sectionIndices().tags);
+    const int tags = sheet.row(&ZDSectionIndices::tags).section;
     QCOMPARE(sheet.form->tagCell(0)->placeholder(), L("TAGS"));
-    sheet.form->tagCell(0)->becomeFirstResponder();
-    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"s"_s);
-    QCOMPARE(sheet.form->tagCount(), size_t(2));
+    typeInto(sheet.form->tagCell(0), u"a"_s);
     QCOMPARE(sheet.table()->numberOfRowsInSection(tags), 2);
-    QCOMPARE(sheet.form->tagCell(1)->placeholder(), L("NEW_TAG"));
-    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"ea"_s);
-    QCOMPARE(sheet.form->tagCount(), size_t(2));
-    // Typing into row 0 while the last row is blank adds nothing either.
-    emptyRow(sheet.form->tagCell(0));
-    QCOMPARE(sheet.form->tagCount(), size_t(1)); // the other blank row went
-    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"x"_s);
-    QCOMPARE(rows(sheet.form.get()), (QStringList{u"x"_s, QString()}));
-}
-
-void tst_FormEditing::emptyingATagRowTakesAwayAnotherBlankRow()
-{
-    SignedInSheet sheet;
-    const int tags = int(sheet.form->sectionIndices().tags);
-    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"a"_s);
-    sheet.form->tagCell(1)->becomeFirstResponder();
-    QTest::keyClicks(sheet.form->tagCell(1)->editor(), u"b"_s);
-    QCOMPARE(rows(sheet.form.get()), (QStringList{u"a"_s, u"b"_s, QString()}));
     EditableTagCell *holdingB = sheet.form->tagCell(1);
-    EditableTagCell *emptied = sheet.form->tagCell(0);
+    QCOMPARE(holdingB->placeholder(), L("NEW_TAG"));
+    const QRect frame = sheet.table()->rectForRowAtIndexPath({tags, 1});
+    QVERIFY(holdingB->geometry().top() < frame.top());
+    QTRY_COMPARE(holdingB->geometry(), frame);
+    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"ea"_s); // the last row is still blank
+    QCOMPARE(sheet.form->tagCount(), size_t(2));
+    typeInto(holdingB, u"b"_s);
+    QCOMPARE(rows(sheet.form.get()), (QStringList{u"aea"_s, u"b"_s, QString()}));
+
+    QPointer<EditableTagCell> emptied = sheet.form->tagCell(0);
     emptyRow(emptied);
     // The last blank row went; the emptied row stays.
     QCOMPARE(rows(sheet.form.get()), (QStringList{QString(), u"b"_s}));
-    QCOMPARE(sheet.form->tagCell(0), emptied);
+    QCOMPARE(sheet.form->tagCell(0), emptied.data());
     QCOMPARE(sheet.table()->numberOfRowsInSection(tags), 2);
-    QCOMPARE(sheet.table()->cellForRowAtIndexPath({tags, 1}), holdingB);
-
-    // Now the first row is the other blank one: it slides away from the bottom.
+    QCOMPARE(sheet.cell({tags, 1}), holdingB);
+    // Now the first row is the other blank one: it slides downward and away.
+    const int startY = emptied->y();
     emptyRow(holdingB);
     QCOMPARE(sheet.form->tagCount(), size_t(1));
     QCOMPARE(sheet.form->tagCell(0), holdingB);
     QCOMPARE(holdingB->placeholder(), L("NEW_TAG"));
     QCOMPARE(sheet.table()->numberOfRowsInSection(tags), 1);
-    QTest::qWait(500); // the removed row's widget goes after its animation
-}
+    QTest::qWait(100);
+    QVERIFY(!emptied || emptied->y() > startY);
+    QTRY_VERIFY(!emptied);
 
-void tst_FormEditing::tagsKeepRowOrderRepeatsAndInnerBlanks()
-{
-    SignedInSheet sheet;
-    const QStringList typed{u" x "_s, u"x"_s, u"x"_s};
-    for (size_t i = 0; i < size_t(typed.size()); ++i) {
-        sheet.form->tagCell(i)->becomeFirstResponder();
-        QTest::keyClicks(sheet.form->tagCell(i)->editor(), typed[qsizetype(i)]);
-    }
-    QCOMPARE(sheet.form->videoTags(), typed);
+    // The tags keep their rows' order, repeats and inner blanks.
+    QTest::keyClicks(holdingB->editor(), u"x"_s);
+    typeInto(sheet.form->tagCell(1), u" x "_s);
+    typeInto(sheet.form->tagCell(2), u"x"_s);
+    QCOMPARE(sheet.form->videoTags(), (QStringList{u"x"_s, u" x "_s, u"x"_s}));
     QCOMPARE(sheet.form->tagCount(), size_t(4));
 }
 
@@ -140,7 +118,6 @@ void tst_FormEditing::tagRowsAreOneListThatSaysEachRowsPlace()
     SignedInSheet sheet;
     QAccessibleInterface *content =
         QAccessible::queryAccessibleInterface(sheet.table()->contentWidget());
-    QVERIFY(content);
     const auto tagList = [&]() -> QAccessibleInterface * {
         for (int i = 0; i < content->childCount(); ++i) {
             if (content->child(i)->role() == QAccessible::List)
@@ -154,8 +131,6 @@ void tst_FormEditing::tagRowsAreOneListThatSaysEachRowsPlace()
         QAccessibleInterface *list = tagList();
         QVERIFY(list);
         QCOMPARE(list->text(QAccessible::Name), L("TAGS"));
-        QCOMPARE(list->parent(), content);
-        QVERIFY(content->indexOfChild(list) >= 0);
         QCOMPARE(list->childCount(), int(names.size()));
         for (int row = 0; row < names.size(); ++row) {
             QAccessibleInterface *editor =
@@ -173,9 +148,8 @@ void tst_FormEditing::tagRowsAreOneListThatSaysEachRowsPlace()
     };
 
     checkPlaces({L("TAGS")});
-    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"sea"_s);
-    sheet.form->tagCell(1)->becomeFirstResponder();
-    QTest::keyClicks(sheet.form->tagCell(1)->editor(), u"sky"_s);
+    typeInto(sheet.form->tagCell(0), u"sea"_s);
+    typeInto(sheet.form->tagCell(1), u"sky"_s);
     checkPlaces({u"sea"_s, u"sky"_s, L("NEW_TAG")});
     emptyRow(sheet.form->tagCell(0));
     checkPlaces({L("TAGS"), u"sky"_s});
@@ -195,28 +169,21 @@ void tst_FormEditing::tagRowsAreOneListThatSaysEachRowsPlace()
     QTest::qWait(500); // the removed row's widget goes after its animation
 }
 
-void tst_FormEditing::returnInTheTitleMovesToTheDescription()
+void tst_FormEditing::returnInTheTitleAndTheEndOfTagCharacterMoveTheFocusOn()
 {
     SignedInSheet sheet;
-    sheet.form->titleCell()->becomeFirstResponder();
-    QTest::keyClicks(sheet.form->titleCell()->editor(), u"Trip"_s);
+    typeInto(sheet.form->titleCell(), u"Trip"_s);
     QTest::keyClick(sheet.form->titleCell()->editor(), Qt::Key_Return);
     QTRY_VERIFY(sheet.form->descriptionCell()->isFirstResponder());
     QCOMPARE(sheet.form->videoTitle(), u"Trip"_s);
-    // Return in a tag row does nothing here.
-    sheet.form->tagCell(0)->becomeFirstResponder();
-    QTest::keyClick(sheet.form->tagCell(0)->editor(), Qt::Key_Return);
-    QVERIFY(sheet.form->tagCell(0)->isFirstResponder());
-}
-
-void tst_FormEditing::endOfTagCharacterJumpsToTheBlankRow()
-{
-    SignedInSheet sheet;
-    sheet.form->tagCell(0)->becomeFirstResponder();
-    // The only blank row is this one: the focus stays.
-    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u","_s);
-    QVERIFY(sheet.form->tagCell(0)->isFirstResponder());
-    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"sea,"_s);
+    // Return in a tag row does nothing; the end-of-tag character moves to the
+    // blank row, unless this is the only one.
+    EditableTagCell *first = sheet.form->tagCell(0);
+    first->becomeFirstResponder();
+    QTest::keyClick(first->editor(), Qt::Key_Return);
+    QTest::keyClicks(first->editor(), u","_s);
+    QVERIFY(first->isFirstResponder());
+    QTest::keyClicks(first->editor(), u"sea,"_s);
     QTRY_VERIFY(sheet.form->tagCell(1)->isFirstResponder());
     QTest::keyClicks(sheet.form->tagCell(1)->editor(), u"sun"_s);
     QCOMPARE(sheet.form->videoTags(), (QStringList{u"sea"_s, u"sun"_s}));
@@ -227,36 +194,19 @@ void tst_FormEditing::descriptionRowGrowsPastItsDeadBand()
     SignedInSheet sheet;
     EditableTextCell *description = sheet.form->descriptionCell();
     description->becomeFirstResponder();
-    qreal previous = sheet.form->descriptionHeight();
-    bool grew = false;
+    const qreal first = sheet.form->descriptionHeight();
     for (int line = 0; line < 12; ++line) {
         QTest::keyClicks(description->editor(), u"A line of the description"_s);
         QTest::keyClick(description->editor(), Qt::Key_Return);
-        const float target = std::max(120.0f, float(description->contentSize().height()) + 20.0f);
+        const float target = ZDDescriptionRowHeight(float(description->contentSize().height()));
         const qreal now = sheet.form->descriptionHeight();
         // Either the row follows its text, or the change stayed within 5 points.
-        QVERIFY2(qFuzzyCompare(float(now), target) || std::fabs(float(now) - target) <= 5.0f,
+        QVERIFY2(std::fabs(float(now) - target) <= 5.0f,
                  qPrintable(u"height %1, target %2"_s.arg(now).arg(target)));
-        QVERIFY(now >= 120.0);
-        grew |= now > previous;
-        previous = now;
         QCOMPARE(qreal(sheet.table()->rectForRowAtIndexPath({0, 1}).height()), qreal(qRound(now)));
     }
-    QVERIFY(grew);
+    QVERIFY(sheet.form->descriptionHeight() > first);
     QVERIFY(description->isFirstResponder()); // the row kept the focus while it grew
-}
-
-void tst_FormEditing::beginningToEditSelectsTheRowWithoutTheSelectionHandling()
-{
-    SignedInSheet sheet;
-    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
-    sheet.tap(category); // the picker's room is made
-    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
-    sheet.form->tagCell(0)->becomeFirstResponder();
-    QTRY_COMPARE(sheet.table()->indexPathForSelectedRow(),
-                 (ZDIndexPath{int(sheet.form->sectionIndices().tags), 0}));
-    // Beginning to edit does not hide the picker (no selection handling ran).
-    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
 }
 
 void tst_FormEditing::noBlankTagRowIsAFault()
@@ -274,23 +224,24 @@ void tst_FormEditing::noBlankTagRowIsAFault()
              outcome.stderrText.constData());
 }
 
-void tst_FormEditing::pickerSlidesUpWhereTheKeyboardWouldStand()
+void tst_FormEditing::theWheelSlidesUpWhereTheKeyboardWouldStandAndNamesTheCategory()
 {
     SignedInSheet sheet;
     QCOMPARE(sheet.form->picker(), nullptr);
     // Before the wheel exists the first category is the answer, yet the row is blank.
     QCOMPARE(sheet.form->videoCategory()->displayName(), u"Travel"_s);
-    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
+    const ZDIndexPath category = sheet.row(&ZDSectionIndices::category);
+    auto *cell = static_cast<ZDCategoryCell *>(sheet.cell(category));
     sheet.tap(category);
     QVERIFY(sheet.form->isShowingPicker());
     QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
-    QCOMPARE(sheet.table()->cellForRowAtIndexPath(category)->textLabel()->text(), L("CATEGORY"));
-    QCOMPARE(sheet.form->picker()->selectedRowInComponent(0), 0);
-    QCOMPARE(sheet.form->picker()->numberOfRowsInComponent(0), 2);
+    QCOMPARE(cell->textLabel()->text(), L("CATEGORY"));
+    ZDPickerView *wheel = sheet.form->picker();
+    QCOMPARE(wheel->selectedRowInComponent(0), 0);
+    QCOMPARE(wheel->numberOfRowsInComponent(0), 2);
 
     // A second tap neither moves the wheel nor scrolls.
-    QTRY_VERIFY(sheet.form->pickerContainer()->geometry().bottom() ==
-                sheet.form->view()->height() - 1);
+    sheet.waitForWheel();
     const QRect resting = sheet.form->pickerContainer()->geometry();
     const int offset = sheet.table()->contentOffset();
     QTest::mouseClick(sheet.table()->contentWidget(), Qt::LeftButton, {},
@@ -300,25 +251,15 @@ void tst_FormEditing::pickerSlidesUpWhereTheKeyboardWouldStand()
     QCOMPARE(sheet.table()->indexPathForSelectedRow(), category);
     QTest::qWait(400);
     sheet.save(u"form-phone-picker.png"_s);
-}
 
-void tst_FormEditing::turningTheWheelNamesTheCategory()
-{
-    SignedInSheet sheet;
-    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
-    sheet.tap(category);
-    QTRY_VERIFY(sheet.form->pickerContainer()->geometry().bottom() ==
-                sheet.form->view()->height() - 1);
-    ZDPickerView *wheel = sheet.form->picker();
     // Tap the row below the middle: it comes to the middle and is chosen.
     QTest::mouseClick(wheel, Qt::LeftButton, {},
                       QPoint(wheel->width() / 2, wheel->height() / 2 + 40));
     QCOMPARE(wheel->selectedRowInComponent(0), 1);
-    auto *cell = static_cast<ZDCategoryCell *>(sheet.table()->cellForRowAtIndexPath(category));
     QCOMPARE(cell->detailTextLabel()->text(), u"Music"_s);
     QCOMPARE(sheet.form->videoCategory()->value(), QVariant(10));
     // Dragging the wheel back up chooses the first again.
-    Sheet::dragOn(wheel, QPoint(wheel->width() / 2, wheel->height() / 2), 45);
+    dragBy(wheel, QPoint(wheel->width() / 2, wheel->height() / 2), 45);
     QCOMPARE(wheel->selectedRowInComponent(0), 0);
     QCOMPARE(cell->detailTextLabel()->text(), u"Travel"_s);
 }
@@ -335,10 +276,8 @@ void tst_FormEditing::returnEnterOrEscapePutsTheWheelAwayKeepingTheCategory()
 {
     QFETCH(int, key);
     SignedInSheet sheet;
-    sheet.window->activateWindow();
-    QVERIFY(QTest::qWaitForWindowActive(sheet.window));
-    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
-    auto *cell = static_cast<ZDCategoryCell *>(sheet.table()->cellForRowAtIndexPath(category));
+    sheet.activate();
+    auto *cell = static_cast<ZDCategoryCell *>(sheet.cell(sheet.row(&ZDSectionIndices::category)));
     cell->setFocus(Qt::TabFocusReason);
     QTest::keyClick(cell, Qt::Key_Space);
     ZDPickerView *wheel = sheet.form->picker();
@@ -357,66 +296,62 @@ void tst_FormEditing::returnEnterOrEscapePutsTheWheelAwayKeepingTheCategory()
     QVERIFY(sheet.delegate.events.isEmpty());
 }
 
-void tst_FormEditing::pickerSlidesAwayForAnotherRowOrADrag()
+void tst_FormEditing::theWheelSlidesAwayForAnotherRowOrADragButNotForEditing()
 {
     SignedInSheet sheet;
-    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
+    const ZDIndexPath category = sheet.row(&ZDSectionIndices::category);
     sheet.tap(category);
-    sheet.tap({0, 0});
+    sheet.tap(sheet.row(&ZDSectionIndices::title));
     QVERIFY(!sheet.form->isShowingPicker());
     QCOMPARE(sheet.table()->contentInsetBottom(), 0.0);
     QTRY_VERIFY(sheet.form->titleCell()->isFirstResponder());
-    QTRY_VERIFY(!sheet.table()->cellForRowAtIndexPath(category)->isHighlighted());
+    QTRY_VERIFY(!sheet.cell(category)->isHighlighted());
 
     sheet.tap(category);
     QVERIFY(sheet.form->isShowingPicker());
     sheet.drag(sheet.table()->rectForRowAtIndexPath({0, 0}).center(), 30);
     QVERIFY(!sheet.form->isShowingPicker());
     QCOMPARE(sheet.table()->contentInsetBottom(), 0.0);
+
+    // Beginning to edit selects its row without the selection handling, which
+    // would put the wheel away.
+    sheet.tap(category);
+    sheet.form->tagCell(0)->becomeFirstResponder();
+    QTRY_COMPARE(sheet.table()->indexPathForSelectedRow(), sheet.row(&ZDSectionIndices::tags));
+    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
 }
 
 void tst_FormEditing::phoneKeyboardGivesTheTableItsRoom()
 {
     KeyboardOn keyboard;
     SignedInSheet sheet;
-    int shows = 0;
-    ZDWeakTarget listener;
-    ZDNotificationCenter::defaultCenter().addObserver(&listener, ZDKeyboardDidShowNotification,
-                                                      nullptr,
-                                                      [&](const ZDNotification &) { ++shows; });
-
+    const auto onScreen = [] { return ZDKeyboard::shared().isAutomaticKeyboardOnScreen(); };
     sheet.form->titleCell()->becomeFirstResponder();
-    QTRY_COMPARE(shows, 1);
-    QVERIFY(ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
-    QCOMPARE(sheet.table()->contentInsetBottom(), 216.0);
+    QTRY_COMPARE(sheet.table()->contentInsetBottom(), 216.0); // once it has slid in
+    QVERIFY(onScreen());
     // Typing on the keyboard panel goes into the focused row.
-    for (const QString &key : {u"t"_s, u"r"_s, u"i"_s, u"p"_s})
-        press(key);
+    press({u"t"_s, u"r"_s, u"i"_s, u"p"_s});
     QCOMPARE(sheet.form->videoTitle(), u"trip"_s);
-    press(u"return"_s); // on to the description: the keyboard stays
+    press({u"return"_s}); // on to the description: the keyboard stays
     QTRY_VERIFY(sheet.form->descriptionCell()->isFirstResponder());
     QTest::qWait(100);
-    QVERIFY(ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
+    QVERIFY(onScreen());
 
-    // The picker orders the keyboard out.
-    sheet.tap({int(sheet.form->sectionIndices().category), 0});
-    QTRY_VERIFY(!ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
+    // The wheel orders the keyboard out.
+    sheet.tap(sheet.row(&ZDSectionIndices::category));
+    QTRY_VERIFY(!onScreen());
 
     // A tag row: the keyboard comes back; the first tag row scrolls into view.
     sheet.form->tagCell(0)->becomeFirstResponder();
-    QTRY_COMPARE(shows, 2);
-    press(u"s"_s);
-    press(u"e"_s);
-    press(u"a"_s);
-    press(u","_s);
+    QTRY_VERIFY(onScreen());
+    press({u"s"_s, u"e"_s, u"a"_s, u","_s});
     QTRY_VERIFY(sheet.form->tagCell(1)->isFirstResponder());
     QTest::qWait(400); // rows and scrolling come to rest
     sheet.save(u"form-phone-keyboard.png"_s);
     // Off the text rows, the keyboard goes and so does the room.
     sheet.form->resignResponder();
-    QTRY_VERIFY(!ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
+    QTRY_VERIFY(!onScreen());
     QTRY_COMPARE(sheet.table()->contentInsetBottom(), 0.0);
-    ZDNotificationCenter::defaultCenter().removeObserver(&listener);
 }
 
 // On a tablet the keyboard grows the footer instead of the inset; the room's
@@ -436,7 +371,7 @@ void tst_FormEditing::tabletKeyboardGrowsTheFooter()
     SignedInSheet sheet({}, QSize(540, 620));
     sheet.save(u"form-tablet-signed-in.png"_s);
     sheet.window->resize(540, 700); // the keyboard picture in the docs is taller
-    auto *footer = qobject_cast<ZDFooterContainerView *>(sheet.table()->tableFooterView());
+    ZDFooterContainerView *footer = sheet.footer();
     const int bare = footer->height();
     sheet.form->titleCell()->becomeFirstResponder();
     QTRY_VERIFY(footer->height() > bare);
@@ -444,35 +379,12 @@ void tst_FormEditing::tabletKeyboardGrowsTheFooter()
     QTest::keyClicks(sheet.form->titleCell()->editor(), u"Summer at the sea"_s);
     QTest::qWait(300);
     sheet.save(u"form-tablet-keyboard.png"_s);
-    press(u"split"_s); // the tablet keyboard splits in two halves
+    press({u"split"_s}); // the tablet keyboard splits in two halves
     QVERIFY(ZDKeyboard::shared().isSplit());
-    press(u"split"_s);
+    press({u"split"_s});
     QVERIFY(!ZDKeyboard::shared().isSplit());
     sheet.form->resignResponder();
     QTRY_COMPARE(footer->height(), bare);
-}
-
-void tst_FormEditing::footerAnnouncesRealFrameChangesUnlessBypassed()
-{
-    struct Listener : ZDFooterContainerViewDelegate
-    {
-        int calls = 0;
-        void _footerContainerFrameDidChangeWithSplitKeyboard(bool split) override
-        {
-            QVERIFY(!split);
-            ++calls;
-        }
-    } listener;
-    ZDFooterContainerView footer(QRect(0, 0, 300, 40));
-    footer.setDelegate(&listener);
-    footer.setFrame(QRect(0, 0, 300, 40)); // unchanged
-    QCOMPARE(listener.calls, 0);
-    footer.setFrame(QRect(0, 0, 300, 60));
-    QCOMPARE(listener.calls, 1);
-    footer.setFrameBypassDelegate(QRect(0, 0, 300, 80), true);
-    QCOMPARE(listener.calls, 1);
-    QCOMPARE(footer.termsButton()->x(),
-             int(std::floor(float(300 - footer.termsButton()->width()) * 0.5f)));
 }
 
 void tst_FormEditing::descriptionHeightRuleAtItsBoundaries()
@@ -485,31 +397,6 @@ void tst_FormEditing::descriptionHeightRuleAtItsBoundaries()
     QVERIFY(!ZDDescriptionRowShouldResize(120.0f, 125.0f)); // exactly 5 points: no change
     QVERIFY(ZDDescriptionRowShouldResize(130.0f, 120.0f));  // it shrinks too, to 120 at least
     QCOMPARE(ZDDescriptionRowHeight(5000.0f), 5020.0f);     // no upper limit
-}
-
-void tst_FormEditing::rowsSlideInFromAboveAndTheFirstRowLeavesDownward()
-{
-    SignedInSheet sheet;
-    const int tags = int(sheet.form->sectionIndices().tags);
-    sheet.form->tagCell(0)->becomeFirstResponder();
-    QTest::keyClicks(sheet.form->tagCell(0)->editor(), u"a"_s);
-    EditableTagCell *added = sheet.form->tagCell(1);
-    const QRect frame = sheet.table()->rectForRowAtIndexPath({tags, 1});
-    QVERIFY(added->geometry().top() < frame.top()); // it comes from above
-    QTRY_COMPARE(added->geometry(), frame);
-
-    // Rows "", "a": emptying row 1 takes row 0 away, sliding down.
-    sheet.form->tagCell(1)->becomeFirstResponder();
-    QTest::keyClicks(sheet.form->tagCell(1)->editor(), u"b"_s);
-    emptyRow(sheet.form->tagCell(0));
-    QCOMPARE(rows(sheet.form.get()), (QStringList{QString(), u"b"_s}));
-    QPointer<EditableTagCell> first = sheet.form->tagCell(0);
-    const int startY = first->y();
-    emptyRow(sheet.form->tagCell(1));
-    QCOMPARE(sheet.form->tagCount(), size_t(1));
-    QTest::qWait(100);
-    QVERIFY(!first || first->y() > startY);
-    QTRY_VERIFY(!first); // and is gone once it has slid away
 }
 
 void tst_FormEditing::hostileTextHundredsOfTagsAndOddCategories()
@@ -533,8 +420,7 @@ void tst_FormEditing::hostileTextHundredsOfTagsAndOddCategories()
         blank->becomeFirstResponder();
         typeText(blank->editor(), i == 7 ? hostile.left(60) : u"t%1"_s.arg(i));
     }
-    QCOMPARE(sheet.form->tagCount(), size_t(301));
-    QCOMPARE(sheet.table()->numberOfRowsInSection(int(sheet.form->sectionIndices().tags)), 301);
+    QCOMPARE(sheet.table()->numberOfRowsInSection(sheet.row(&ZDSectionIndices::tags).section), 301);
     const QStringList tags = sheet.form->videoTags();
     QCOMPARE(tags.size(), 300);
     QCOMPARE(tags[7], hostile.left(60));
@@ -562,31 +448,24 @@ void tst_FormEditing::hostileTextHundredsOfTagsAndOddCategories()
                  ZDCategory::categoryWithDisplayNameValue(u"Named"_s, 2)};
     odd->view()->show();
     QVERIFY(QTest::qWaitForWindowExposed(odd->view()));
-    odd->tableView()->selectRowAtIndexPath({int(odd->sectionIndices().category), 0}, false,
-                                           ZDTableView::ScrollPosition::None);
-    odd->tableViewDidSelectRowAtIndexPath(odd->tableView(),
-                                          {int(odd->sectionIndices().category), 0});
+    const ZDIndexPath category{int(odd->sectionIndices().category), 0};
+    odd->tableView()->selectRowAtIndexPath(category, false, ZDTableView::ScrollPosition::None);
+    odd->tableViewDidSelectRowAtIndexPath(odd->tableView(), category);
     odd->pickerViewDidSelectRowInComponent(odd->picker(), 0, 0);
-    auto *cell = static_cast<ZDCategoryCell *>(
-        odd->tableView()->cellForRowAtIndexPath({int(odd->sectionIndices().category), 0}));
+    auto *cell = static_cast<ZDCategoryCell *>(odd->tableView()->cellForRowAtIndexPath(category));
     QCOMPARE(cell->detailTextLabel()->text(), u" "_s); // a nameless category shows as a space
 }
 
 void tst_FormEditing::formMayGoWhileThePickerSlidesOrTheKeyboardIsUp()
 {
     KeyboardOn keyboard;
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
     {
-        Sheet sheet(&auth);
-        sheet.show();
-        sheet.tap({int(sheet.form->sectionIndices().category), 0});
+        SignedInSheet sheet;
+        sheet.tap(sheet.row(&ZDSectionIndices::category));
     } // the wheel still slides up
     {
-        Sheet sheet(&auth);
-        sheet.show();
-        sheet.form->titleCell()->becomeFirstResponder();
-        QTest::keyClicks(sheet.form->titleCell()->editor(), u"kept"_s);
+        SignedInSheet sheet;
+        typeInto(sheet.form->titleCell(), u"kept"_s);
         QCOMPARE(sheet.form->videoTitle(), u"kept"_s);
     } // the keyboard still slides up
     QTest::qWait(int(ZDDevice::kNavigationTransitionDuration * 1000) + 100);

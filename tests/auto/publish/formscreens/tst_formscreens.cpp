@@ -192,9 +192,9 @@ void tst_FormScreens::everyRowStaysReachable()
     }
     QTest::qWait(500); // rows and the keyboard settle
     dragToTheEnd(sheet);
-    const ZDIndexPath account{int(sheet.form->sectionIndices().account), 0};
-    QVERIFY2(inView(sheet, sheet.table()->rectForRowAtIndexPath(account)),
-             "the account row cannot be reached");
+    QVERIFY2(
+        inView(sheet, sheet.table()->rectForRowAtIndexPath(sheet.row(&ZDSectionIndices::account))),
+        "the account row cannot be reached");
     const QPushButton *terms = sheet.table()->findChild<QPushButton *>();
     QVERIFY(terms);
     const QRect button(terms->mapTo(sheet.table()->contentWidget(), QPoint(0, 0)), terms->size());
@@ -205,10 +205,10 @@ void tst_FormScreens::theWheelIsOnScreenAfterAnUnloadAndReload()
 {
     ZDDevice::setKind(ZDDeviceKind::Phone);
     SignedInSheet sheet;
-    const ZDIndexPath category{int(sheet.form->sectionIndices().category), 0};
+    const ZDIndexPath category = sheet.row(&ZDSectionIndices::category);
     sheet.tap(category);
     QTRY_VERIFY(sheet.form->pickerContainer() && sheet.form->pickerContainer()->isVisible());
-    sheet.tap({int(sheet.form->sectionIndices().title), 0});
+    sheet.tap(sheet.row(&ZDSectionIndices::title));
     QVERIFY(!sheet.form->isShowingPicker());
 
     sheet.window->hide();
@@ -220,8 +220,7 @@ void tst_FormScreens::theWheelIsOnScreenAfterAnUnloadAndReload()
     sheet.tap(category);
     QVERIFY(sheet.form->isShowingPicker());
     QVERIFY(sheet.form->picker()->isVisible());
-    QTRY_VERIFY(sheet.form->pickerContainer()->geometry().bottom() ==
-                sheet.form->view()->height() - 1);
+    sheet.waitForWheel();
     // Drawn over the table: the window shows the wheel's own pixels there.
     const QImage image = sheet.window->grab().toImage();
     ZDPickerView *wheel = sheet.form->picker();
@@ -235,42 +234,68 @@ void tst_FormScreens::aRowTapLeavesTheFocusOnATabletAndSendsItAwayOnAPhone_data(
 {
     QTest::addColumn<ZDDeviceKind>("kind");
     QTest::addColumn<QString>("row");
+    QTest::addColumn<bool>("byKeyboard"); // else tapped while the title has the focus
     for (const ZDDeviceKind kind : {ZDDeviceKind::Tablet, ZDDeviceKind::Phone}) {
         const char *device = kind == ZDDeviceKind::Tablet ? "tablet" : "phone";
         for (const char *row : {"quality", "access", "account"})
-            QTest::addRow("%s, %s", device, row) << kind << QString::fromLatin1(row);
+            QTest::addRow("%s, %s", device, row) << kind << QString::fromLatin1(row) << false;
     }
+    for (const char *row : {"quality", "access", "account"})
+        QTest::addRow("phone, %s, by keyboard", row)
+            << ZDDeviceKind::Phone << QString::fromLatin1(row) << true;
 }
 
+// A keyboard user's tap keeps the focus on the row, and an alert the row
+// opened hands it back there; a tap takes it from the title on a phone (and
+// the on-screen keyboard with it), but leaves it there on a tablet.
 void tst_FormScreens::aRowTapLeavesTheFocusOnATabletAndSendsItAwayOnAPhone()
 {
     QFETCH(ZDDeviceKind, kind);
     QFETCH(QString, row);
+    QFETCH(bool, byKeyboard);
     ZDDevice::setKind(kind);
+    KeyboardOn keyboard;
     SignedInSheet sheet({}, windowSize(kind));
+    sheet.activate();
     sheet.form->setEnableHDSection(true);
     sheet.table()->reloadData();
+    const ZDIndexPath tapped = row == u"quality"  ? sheet.row(&ZDSectionIndices::hd, 1)
+                               : row == u"access" ? sheet.row(&ZDSectionIndices::access, 1)
+                                                  : sheet.row(&ZDSectionIndices::account);
+    ZDTableViewCell *cell = sheet.cell(tapped);
     QWidget *title = sheet.form->titleCell()->editor();
-    sheet.form->titleCell()->becomeFirstResponder();
-    QTRY_COMPARE(QApplication::focusWidget(), title);
-    const ZDSectionIndices s = sheet.form->sectionIndices();
-    const ZDIndexPath tapped = row == u"quality"  ? ZDIndexPath{int(s.hd), 1}
-                               : row == u"access" ? ZDIndexPath{int(s.access), 1}
-                                                  : ZDIndexPath{int(s.account), 0};
-    sheet.tap(tapped);
+    if (byKeyboard) {
+        cell->setFocus(Qt::TabFocusReason);
+        QTest::keyClick(cell, Qt::Key_Space);
+    } else {
+        sheet.form->titleCell()->becomeFirstResponder();
+        QTRY_COMPARE(QApplication::focusWidget(), title);
+        QTRY_VERIFY(ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
+        sheet.tap(tapped);
+    }
     QTest::qWait(50);
     QVERIFY(!sheet.table()->hasFocus());
-    ZDAlertView *alert = visibleAlert(sheet.form->shownAccountAlert());
+    QPointer<ZDAlertView> alert = visibleAlert(sheet.form->shownAccountAlert());
+    QCOMPARE(bool(alert), row == u"account");
     if (alert) {
-        // The account row's alert is a dialog: the focus is in it while it is up
-        // and comes back to where it was once it goes.
+        // The account row's alert is a dialog: the focus is in it while it is up.
         QVERIFY(alert->isAncestorOf(QApplication::focusWidget()));
-        alert->dismissWithClickedButtonIndex(alert->cancelButtonIndex(), false);
+        QTest::mouseClick(alert->buttonAtIndex(alert->cancelButtonIndex()), Qt::LeftButton);
+        QTRY_VERIFY(!alert);
+    } else {
+        QVERIFY(cell->isChosen());
     }
-    if (kind == ZDDeviceKind::Tablet)
+    if (byKeyboard) {
+        QCOMPARE(QApplication::focusWidget(), cell);
+    } else if (kind == ZDDeviceKind::Tablet) {
         QTRY_COMPARE(QApplication::focusWidget(), title);
-    else if (!alert)
+    } else {
         QVERIFY(!title->hasFocus());
+        if (row == u"account")
+            QCOMPARE(QApplication::focusWidget(), nullptr);
+        QTest::qWait(int(ZDDevice::kKeyboardAnimationDuration * 1000) + 50);
+        QVERIFY(!ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
+    }
 }
 
 void tst_FormScreens::everyScreenFitsItsWindowInEitherLanguage_data()
@@ -314,26 +339,21 @@ void tst_FormScreens::everyScreenFitsItsWindowInEitherLanguage()
     };
 
     sheet.show();
-    QTRY_VERIFY(visibleAlert(sheet.form->authenticationAlert()));
-    ZDAlertView *dialog = sheet.form->authenticationAlert();
     QTRY_VERIFY(ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
     check(u"sign-in"_s);
+    ZDAlertView *dialog = sheet.fillSignIn(u"wrong"_s);
+    QVERIFY(dialog);
     // The keyboard leaves the dialog's fields and buttons uncovered.
     const QRect keys = ZDKeyboard::shared().keyboardFrameInWindow();
     const QPushButton *signIn = dialog->buttonAtIndex(dialog->firstOtherButtonIndex());
     QVERIFY2(signIn->mapTo(sheet.window, QPoint(0, signIn->height())).y() <= keys.top(),
              "the keyboard covers the sign-in button");
-
-    QTest::keyClicks(dialog->textFieldAtIndex(0), u"ann"_s);
-    QTest::keyClicks(dialog->textFieldAtIndex(1), u"wrong"_s);
     QTest::mouseClick(const_cast<QPushButton *>(signIn), Qt::LeftButton);
     QTRY_VERIFY(visibleAlert(sheet.form->authenticationFailedAlert()));
     check(u"sign-in-failed"_s);
     QTest::mouseClick(sheet.form->authenticationFailedAlert()->buttonAtIndex(0), Qt::LeftButton);
-    QTRY_VERIFY(visibleAlert(sheet.form->authenticationAlert()));
-    dialog = sheet.form->authenticationAlert();
-    QTest::keyClicks(dialog->textFieldAtIndex(0), u"ann"_s);
-    QTest::keyClicks(dialog->textFieldAtIndex(1), u"secret"_s);
+    dialog = sheet.fillSignIn(u"secret"_s);
+    QVERIFY(dialog);
     QTest::keyClick(dialog->textFieldAtIndex(1), Qt::Key_Return);
     QTRY_VERIFY(sheet.publishButton()->isEnabled());
     sheet.table()->reloadData();
@@ -343,11 +363,11 @@ void tst_FormScreens::everyScreenFitsItsWindowInEitherLanguage()
     QTRY_VERIFY(ZDKeyboard::shared().isAutomaticKeyboardOnScreen());
     check(u"keyboard"_s);
 
-    sheet.tap({int(sheet.form->sectionIndices().category), 0});
+    sheet.tap(sheet.row(&ZDSectionIndices::category));
     QTRY_VERIFY(sheet.form->isShowingPicker());
     check(u"picker"_s);
 
-    sheet.tap({int(sheet.form->sectionIndices().account), 0});
+    sheet.tap(sheet.row(&ZDSectionIndices::account));
     QTRY_VERIFY(visibleAlert(sheet.form->shownAccountAlert()));
     check(u"account"_s);
     sheet.form->shownAccountAlert()->dismissWithClickedButtonIndex(0, false);

@@ -1,6 +1,8 @@
 // The room the form keeps for the keyboard and the category wheel, on a phone
 // and on a tablet, apart from the form.
 
+#include "ToolkitFixtures.h"
+
 #include "publish/ZDFooterContainerView.h"
 #include "publish/ZDFormKeyboardRoom_p.h"
 #include "toolkit/ZDDevice.h"
@@ -13,6 +15,7 @@
 #include <QTest>
 #include <QVBoxLayout>
 
+#include <cmath>
 #include <memory>
 #include <vector>
 
@@ -21,25 +24,16 @@ using namespace Qt::StringLiterals;
 namespace {
 
 // Thirty rows in one section, and a wheel of three rows.
-class Source : public ZDTableViewDataSource, public ZDPickerViewDelegate
+struct Source : CellTable, ZDPickerViewDelegate
 {
-public:
     Source()
     {
-        for (int i = 0; i < 30; ++i) {
-            cells.push_back(std::make_unique<ZDTableViewCell>());
-            cells.back()->textLabel()->setText(u"Row %1"_s.arg(i));
-        }
-    }
-    int tableViewNumberOfRowsInSection(ZDTableView *, int) override { return int(cells.size()); }
-    ZDTableViewCell *tableViewCellForRowAtIndexPath(ZDTableView *, ZDIndexPath ip) override
-    {
-        return cells[size_t(ip.row)].get();
+        cells.resize(1);
+        for (int i = 0; i < 30; ++i)
+            cells[0].push_back(plain(u"Row %1"_s.arg(i)));
     }
     int numberOfComponentsInPickerView(ZDPickerView *) override { return 1; }
     int pickerViewNumberOfRowsInComponent(ZDPickerView *, int) override { return 3; }
-
-    std::vector<std::unique_ptr<ZDTableViewCell>> cells;
 };
 
 // A view with a table and its footer, the way the form builds them.
@@ -98,7 +92,7 @@ private Q_SLOTS:
     void theWheelSlidesUpWhereTheKeyboardWouldStandAndAwayAgain_data();
     void theWheelSlidesUpWhereTheKeyboardWouldStandAndAwayAgain();
     void aShrinkScrollsTheEditedRowIntoTheMiddle();
-    void theWheelOutlivesAnUnloadedView();
+    void footerAnnouncesRealFrameChangesUnlessBypassed();
 };
 
 void tst_KeyboardRoom::shrinkingMakesRoomOnceAndUnshrinkingGivesItBack_data()
@@ -236,35 +230,27 @@ void tst_KeyboardRoom::aShrinkScrollsTheEditedRowIntoTheMiddle()
                      (screen.table->viewport()->height() - 216) / 2) <= row.height());
 }
 
-void tst_KeyboardRoom::theWheelOutlivesAnUnloadedView()
+void tst_KeyboardRoom::footerAnnouncesRealFrameChangesUnlessBypassed()
 {
-    ZDDevice::setKind(ZDDeviceKind::Phone);
-    Source source;
-    auto first = std::make_unique<Screen>(QSize(320, 480));
-    Screen second(QSize(320, 480));
-    QPointer<QWidget> container;
+    struct Listener : ZDFooterContainerViewDelegate
     {
-        ZDFormKeyboardRoom room(&source, {});
-        room.attach(&first->window, first->table, first->footer.get());
-        room.showPicker(kWheelRow);
-        room.hidePicker(kWheelRow);
-        container = room.pickerContainer();
-        room.keepWheelThroughUnload();
-        first.reset();
-        QVERIFY(container);
-        QVERIFY(!container->parentWidget());
-
-        room.attach(&second.window, second.table, second.footer.get());
-        QCOMPARE(container->parentWidget(), &second.window);
-        QCOMPARE(room.pickerContainer(), container.data());
-        // Shown again, it is on screen in the new view.
-        room.showPicker(kWheelRow);
-        QVERIFY(container->isVisible());
-        QTRY_COMPARE(container->geometry(), QRect(0, 480 - 216, 320, 216));
-        room.hidePicker(kWheelRow);
-        room.keepWheelThroughUnload();
-    }
-    QVERIFY(!container); // the room deletes the wheel it made
+        int calls = 0;
+        void _footerContainerFrameDidChangeWithSplitKeyboard(bool split) override
+        {
+            QVERIFY(!split);
+            ++calls;
+        }
+    } listener;
+    ZDFooterContainerView footer(QRect(0, 0, 300, 40));
+    footer.setDelegate(&listener);
+    footer.setFrame(QRect(0, 0, 300, 40)); // unchanged
+    QCOMPARE(listener.calls, 0);
+    footer.setFrame(QRect(0, 0, 300, 60));
+    QCOMPARE(listener.calls, 1);
+    footer.setFrameBypassDelegate(QRect(0, 0, 300, 80), true);
+    QCOMPARE(listener.calls, 1);
+    QCOMPARE(footer.termsButton()->x(),
+             int(std::floor(float(300 - footer.termsButton()->width()) * 0.5f)));
 }
 
 QTEST_MAIN(tst_KeyboardRoom)

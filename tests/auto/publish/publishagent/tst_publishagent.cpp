@@ -51,6 +51,16 @@ public:
         m_publishPost->startUpload();
         return m_publishPost.get();
     }
+    // The sheet on screen, phone-sized; its form, or null if it did not show.
+    TestForm *shownForm()
+    {
+        QWidget *window = navigationController()->view();
+        window->resize(320, 480);
+        window->show();
+        if (!QTest::qWaitForWindowExposed(window))
+            return nullptr;
+        return static_cast<TestForm *>(publishViewController());
+    }
     void adoptForm(std::unique_ptr<ZDPublishViewController> form)
     {
         m_publishViewController = std::move(form);
@@ -85,10 +95,8 @@ private Q_SLOTS:
     void init() { ZDDevice::setKind(ZDDeviceKind::Phone); }
     void cleanup() { ZDDevice::resetKind(); }
     void buildsOneFormWithTheHostsSizesHDFirst();
-    void publishHandsTheChosenQualityToTheHostThenConfirms();
-    void cancelAbandons();
+    void publishHandsTheChosenQualityToTheHostThenConfirmsAndCancelAbandons();
     void progressAndOutcomeReachTheHost();
-    void aJobWhoseDelegateIsGoneReportsNowhere();
     void aSecondFormIsAFault();
     void estimatesBeyond32BitsSaturateAndShowAsALeast_data();
     void estimatesBeyond32BitsSaturateAndShowAsALeast();
@@ -112,16 +120,13 @@ void tst_PublishAgent::buildsOneFormWithTheHostsSizesHDFirst()
     QVERIFY(!agent.allowsViewingOnHost());
 }
 
-void tst_PublishAgent::publishHandsTheChosenQualityToTheHostThenConfirms()
+void tst_PublishAgent::publishHandsTheChosenQualityToTheHostThenConfirmsAndCancelAbandons()
 {
     TestAuthenticator auth;
     auth.setSignedIn(u"Ann"_s);
     RecordingAgent agent(&auth);
-    QWidget *window = agent.navigationController()->view();
-    window->resize(320, 480);
-    window->show();
-    QVERIFY(QTest::qWaitForWindowExposed(window));
-    auto *form = static_cast<TestForm *>(agent.publishViewController());
+    TestForm *form = agent.shownForm();
+    QVERIFY(form);
     form->setEnableHDSection(true);
     form->tableView()->reloadData();
     const QRect hd = form->tableView()->rectForRowAtIndexPath({int(form->sectionIndices().hd), 1});
@@ -132,20 +137,12 @@ void tst_PublishAgent::publishHandsTheChosenQualityToTheHostThenConfirms()
     QTest::mouseClick(agent.navigationController()->rightButton(), Qt::LeftButton);
     QCOMPARE(agent.calls, (QStringList{u"option:1"_s, u"confirm"_s}));
     QCOMPARE(agent.mediaTitle(), u"Trip"_s);
-    form->titleCell()->becomeFirstResponder();
-    agent.resignPublishingSheetResponders();
-    QVERIFY(!form->titleCell()->isFirstResponder());
-}
-
-void tst_PublishAgent::cancelAbandons()
-{
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    RecordingAgent agent(&auth);
-    agent.navigationController()->view()->show();
     agent.calls.clear();
     QTest::mouseClick(agent.navigationController()->leftButton(), Qt::LeftButton);
     QCOMPARE(agent.calls, QStringList{u"abandon"_s});
+    form->titleCell()->becomeFirstResponder();
+    agent.resignPublishingSheetResponders();
+    QVERIFY(!form->titleCell()->isFirstResponder());
 }
 
 void tst_PublishAgent::progressAndOutcomeReachTheHost()
@@ -181,15 +178,6 @@ void tst_PublishAgent::progressAndOutcomeReachTheHost()
                             u"Publish failed with error: Error Domain=Upload Code=7 \"boom\""_s}}));
     QCOMPARE(agent.calls, QStringList{u"inProgress:0"_s});
     QCOMPARE(sheet.endings.last(), std::optional(error));
-}
-
-void tst_PublishAgent::aJobWhoseDelegateIsGoneReportsNowhere()
-{
-    TestAuthenticator auth;
-    auto agent = std::make_unique<RecordingAgent>(&auth);
-    ZDPublishPost post(agent.get());
-    agent.reset();
-    QCOMPARE(post.delegate(), nullptr);
 }
 
 void tst_PublishAgent::aSecondFormIsAFault()
@@ -235,11 +223,8 @@ void tst_PublishAgent::estimatesBeyond32BitsSaturateAndShowAsALeast()
     RecordingAgent agent(&auth);
     agent.hdBytes = estimate;
     agent.sdBytes = estimate;
-    QWidget *window = agent.navigationController()->view();
-    window->resize(320, 480);
-    window->show();
-    QVERIFY(QTest::qWaitForWindowExposed(window));
-    auto *form = static_cast<TestForm *>(agent.publishViewController());
+    TestForm *form = agent.shownForm();
+    QVERIFY(form);
     QCOMPARE(form->SDSize(), size);
     QCOMPARE(form->HDSize(), size);
     QCOMPARE(form->optionCell(0)->sizeLabel()->text(), shown);

@@ -1,26 +1,12 @@
 #include "FormFixtures.h"
 #include "TestSupport.h"
 
-#include "auth/ZDAuthenticator.h"
 #include "core/ZDNotificationCenter.h"
-#include "host/EditableTextCell.h"
-#include "publish/ZDFooterContainerView.h"
-#include "publish/ZDPublishViewController.h"
-#include "resources/ZDLocalizedString.h"
 #include "toolkit/ZDDevice.h"
-#include "toolkit/ZDKeyboard.h"
-#include "toolkit/ZDNavigationController.h"
 
 #include <QAccessible>
-#include <QApplication>
-#include <QDir>
 #include <QLabel>
-#include <QLineEdit>
-#include <QPainter>
-#include <QPushButton>
-#include <QTest>
-
-using namespace Qt::StringLiterals;
+#include <QScopeGuard>
 
 Q_DECLARE_METATYPE(ZDSectionIndices)
 
@@ -33,19 +19,17 @@ private Q_SLOTS:
     void cleanup() { ZDDevice::resetKind(); }
     void sectionsAreNumberedInTheirFixedOrder_data();
     void sectionsAreNumberedInTheirFixedOrder();
+    void rowHeightsAndTheLogoHeader_data();
     void rowHeightsAndTheLogoHeader();
     void publishFollowsTheSignInStateAndReachesTheDelegate();
-    void signInDialogAppearsWhileSignedOutAndReturnSignsIn();
-    void signingInHandsTheFocusToTheTitleUnlessARowHasIt();
-    void failedSignInShowsItsAlertThenAFreshDialog();
+    void signInFailsWithAnAlertThenReturnSignsInAndFocusesTheTitle();
     void cancellingTheDialogOrSigningOutCancelsTheForm();
     void qualityRowsFollowTheEnableFlagAndCarryOneCheckmark();
-    void accessRowsCarryOneCheckmarkStartingWithTheFirst();
     void unloadingTheViewKeepsTheQualityAndResetsTheAccessRow();
     void delegateMayDestroyTheFormInsideItsMessages();
     void alertsOutliveTheirFormAndObserversGoWithIt();
-    void termsButtonOpensTheServiceTerms();
-    void termsTextIsReadBetweenTheAccountRowAndTheTermsButton();
+    void termsButtonOpensTheServiceTermsAndIsReadAfterTheirText();
+    void aSheetShownAsItsOwnWindowIsAnnouncedAsThatWindow();
     void abstractOperationsStopTheProgram();
 };
 
@@ -53,27 +37,27 @@ void tst_PublishForm::sectionsAreNumberedInTheirFixedOrder_data()
 {
     QTest::addColumn<bool>("hd");
     QTest::addColumn<bool>("categories");
-    QTest::addColumn<bool>("access");
+    QTest::addColumn<int>("access"); // rows; -1: no access part
     QTest::addColumn<ZDSectionIndices>("expected");
-    QTest::newRow("all") << true << true << true << ZDSectionIndices{0, 1, 2, 3, 4, 5};
-    QTest::newRow("no access") << true << true << false << ZDSectionIndices{0, 1, 2, 3, -1, 4};
-    QTest::newRow("no categories") << true << false << true << ZDSectionIndices{0, 1, 2, -1, 3, 4};
-    QTest::newRow("hd only") << true << false << false << ZDSectionIndices{0, 1, 2, -1, -1, 3};
-    QTest::newRow("no hd") << false << true << true << ZDSectionIndices{0, -1, 1, 2, 3, 4};
-    QTest::newRow("categories only")
-        << false << true << false << ZDSectionIndices{0, -1, 1, 2, -1, 3};
-    QTest::newRow("access only") << false << false << true << ZDSectionIndices{0, -1, 1, -1, 2, 3};
-    QTest::newRow("none") << false << false << false << ZDSectionIndices{0, -1, 1, -1, -1, 2};
+    QTest::newRow("all") << true << true << 3 << ZDSectionIndices{0, 1, 2, 3, 4, 5};
+    QTest::newRow("no access") << true << true << -1 << ZDSectionIndices{0, 1, 2, 3, -1, 4};
+    QTest::newRow("no categories") << true << false << 3 << ZDSectionIndices{0, 1, 2, -1, 3, 4};
+    QTest::newRow("hd only") << true << false << -1 << ZDSectionIndices{0, 1, 2, -1, -1, 3};
+    QTest::newRow("no hd") << false << true << 3 << ZDSectionIndices{0, -1, 1, 2, 3, 4};
+    QTest::newRow("categories only") << false << true << -1 << ZDSectionIndices{0, -1, 1, 2, -1, 3};
+    QTest::newRow("access only, none to choose")
+        << false << false << 0 << ZDSectionIndices{0, -1, 1, -1, 2, 3};
+    QTest::newRow("none") << false << false << -1 << ZDSectionIndices{0, -1, 1, -1, -1, 2};
 }
 
 void tst_PublishForm::sectionsAreNumberedInTheirFixedOrder()
 {
     QFETCH(bool, hd);
     QFETCH(bool, categories);
-    QFETCH(bool, access);
+    QFETCH(int, access);
     QFETCH(ZDSectionIndices, expected);
     TestAuthenticator auth;
-    Sheet sheet(&auth, {true, categories, access ? std::optional(3) : std::nullopt, hd});
+    Sheet sheet(&auth, {true, categories, access < 0 ? std::nullopt : std::optional(access), hd});
     sheet.form->view();
     QCOMPARE(sheet.form->sectionIndices(), expected);
     QCOMPARE(sheet.table()->numberOfSections(), int(expected.account + 1));
@@ -82,62 +66,54 @@ void tst_PublishForm::sectionsAreNumberedInTheirFixedOrder()
     QCOMPARE(sheet.table()->numberOfRowsInSection(int(expected.account)), 1);
     if (hd)
         QCOMPARE(sheet.table()->numberOfRowsInSection(int(expected.hd)), 2);
-    if (access)
-        QCOMPARE(sheet.table()->numberOfRowsInSection(int(expected.access)), 3);
-    QCOMPARE(sheet.table()->footerTitleForSection(int(expected.account)),
-             u"By publishing you accept the terms."_s);
+    if (access >= 0)
+        QCOMPARE(sheet.table()->numberOfRowsInSection(int(expected.access)), access);
+    QCOMPARE(sheet.form->accessRow(), quintptr(0));
     // Set after the view was built, the quality flag moves nothing.
     sheet.form->setShowHDSection(!hd);
     sheet.table()->reloadData();
     QCOMPARE(sheet.form->sectionIndices(), expected);
 }
 
+void tst_PublishForm::rowHeightsAndTheLogoHeader_data()
+{
+    QTest::addColumn<bool>("logo");
+    QTest::addColumn<qreal>("pixelRatio");
+    QTest::newRow("logo") << true << 1.0;
+    QTest::newRow("logo drawn for a dense screen") << true << 2.0;
+    QTest::newRow("no logo") << false << 1.0;
+}
+
 void tst_PublishForm::rowHeightsAndTheLogoHeader()
 {
+    QFETCH(bool, logo);
+    QFETCH(qreal, pixelRatio);
+    FormOptions options;
+    options.logo = logo;
+    options.logoPixelRatio = pixelRatio;
     TestAuthenticator auth;
-    Sheet sheet(&auth);
+    Sheet sheet(&auth, options);
     sheet.show();
     ZDTableView *table = sheet.table();
-    const ZDSectionIndices s = sheet.form->sectionIndices();
     QCOMPARE(table->rectForRowAtIndexPath({0, 0}).height(), 40);
     QCOMPARE(table->rectForRowAtIndexPath({0, 1}).height(), 120);
-    QCOMPARE(sheet.form->descriptionHeight(), 120.0);
-    QCOMPARE(table->rectForRowAtIndexPath({int(s.hd), 1}).height(), 40);
-    QCOMPARE(table->rectForRowAtIndexPath({int(s.access), 0}).height(), 52);
-    QCOMPARE(table->rectForRowAtIndexPath({int(s.account), 0}).height(), 40);
-
+    QCOMPARE(table->rectForRowAtIndexPath(sheet.row(&ZDSectionIndices::hd, 1)).height(), 40);
+    QCOMPARE(table->rectForRowAtIndexPath(sheet.row(&ZDSectionIndices::access)).height(), 52);
+    QCOMPARE(table->rectForRowAtIndexPath(sheet.row(&ZDSectionIndices::account)).height(), 40);
+    // A logo takes the same room in points at any density.
     const int width = table->viewport()->width();
+    const QSize room = logo ? QSize(120, 40) : QSize(0, 0);
     QWidget *header = table->headerViewForSection(0);
-    QCOMPARE(header->geometry(), QRect(0, 0, width, 40 + 30));
-    auto *logo = header->findChild<QLabel *>();
-    QVERIFY(logo);
-    QCOMPARE(logo->geometry(), QRect(int((width - 120) * 0.5), 15, 120, 40));
+    QCOMPARE(header->geometry(), QRect(0, 0, width, room.height() + 30));
+    QCOMPARE(header->findChild<QLabel *>()->geometry(),
+             QRect(QPoint((width - room.width()) / 2, 15), room));
     QCOMPARE(table->headerViewForSection(1), nullptr);
-
-    // A logo drawn at twice the density takes the same room, in points.
-    TestAuthenticator sharp;
-    FormOptions highDensity;
-    highDensity.logoPixelRatio = 2;
-    Sheet dense(&sharp, highDensity);
-    dense.show();
-    QCOMPARE(dense.table()->headerViewForSection(0)->height(), 40 + 30);
-    QCOMPARE(dense.table()->headerViewForSection(0)->findChild<QLabel *>()->geometry(),
-             QRect(int((width - 120) * 0.5), 15, 120, 40));
-
-    TestAuthenticator other;
-    Sheet plain(&other, {false, false, std::nullopt, false});
-    plain.show();
-    QWidget *bare = plain.table()->headerViewForSection(0);
-    QCOMPARE(bare->height(), 30);
-    QCOMPARE(bare->findChild<QLabel *>()->geometry(),
-             QRect(plain.table()->viewport()->width() / 2, 15, 0, 0));
 }
 
 void tst_PublishForm::publishFollowsTheSignInStateAndReachesTheDelegate()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth);
+    SignedInAuthenticator ann;
+    Sheet sheet(&ann.auth);
     sheet.form->setEnableHDSection(true);
     sheet.table()->reloadData();
     sheet.show();
@@ -147,14 +123,14 @@ void tst_PublishForm::publishFollowsTheSignInStateAndReachesTheDelegate()
     QCOMPARE(sheet.form->accountCell()->textLabel()->text(),
              L("ACCOUNT_NAME_FORMAT").arg(u"Ann"_s));
 
-    auth.setState(7); // any state but 2 is signed out, whatever the account says
+    ann.auth.setState(7); // any state but 2 is signed out, whatever the account says
     QVERIFY(!sheet.publishButton()->isEnabled());
     QCOMPARE(sheet.form->accountCell()->textLabel()->text(), L("ACCOUNT_BLANK"));
     QVERIFY(!sheet.form->accountCell()->isUserInteractionEnabled());
     QTest::mouseClick(sheet.publishButton(), Qt::LeftButton);
     QVERIFY(sheet.delegate.events.isEmpty());
 
-    auth.setState(ZDAuthenticatorStateSignedIn);
+    ann.auth.setState(ZDAuthenticatorStateSignedIn);
     sheet.form->allowPublish = false;
     QTest::mouseClick(sheet.publishButton(), Qt::LeftButton);
     QVERIFY(sheet.delegate.events.isEmpty());
@@ -177,69 +153,21 @@ void tst_PublishForm::publishFollowsTheSignInStateAndReachesTheDelegate()
     QCOMPARE(sheet.delegate.events.size(), 2);
 }
 
-void tst_PublishForm::signInDialogAppearsWhileSignedOutAndReturnSignsIn()
+// A failed sign-in shows its alert, then a fresh dialog; Return there signs in
+// and hands the focus to the title.
+void tst_PublishForm::signInFailsWithAnAlertThenReturnSignsInAndFocusesTheTitle()
 {
     TestAuthenticator auth;
     Sheet sheet(&auth);
     sheet.show();
+    sheet.activate();
     QCOMPARE(auth.loads, 1); // stored credentials are tried first
     QTRY_VERIFY(visibleAlert(sheet.form->authenticationAlert()));
     QTest::qWait(250); // let the dialog fade in
     sheet.save(u"form-phone-signed-out.png"_s);
-    ZDAlertView *dialog = sheet.form->authenticationAlert();
-    QTest::keyClicks(dialog->textFieldAtIndex(0), u"ann"_s);
-    QTest::keyClicks(dialog->textFieldAtIndex(1), u"secret"_s);
-    QTest::keyClick(dialog->textFieldAtIndex(1), Qt::Key_Return);
-    QCOMPARE(auth.attempts, QStringList{u"ann/secret"_s});
-    QVERIFY(sheet.publishButton()->isEnabled());
-    QCOMPARE(sheet.form->authenticationAlert(), nullptr);
-
-    // Stored credentials that sign in silently: no dialog.
-    TestAuthenticator stored;
-    stored.storedSignIn = true;
-    Sheet silent(&stored);
-    silent.show();
-    QTest::qWait(50);
-    QCOMPARE(stored.dialogs, 0);
-    QVERIFY(silent.publishButton()->isEnabled());
-}
-
-void tst_PublishForm::signingInHandsTheFocusToTheTitleUnlessARowHasIt()
-{
-    TestAuthenticator auth;
-    Sheet sheet(&auth);
-    sheet.show();
-    sheet.window->activateWindow();
-    QVERIFY(QTest::qWaitForWindowActive(sheet.window));
-    QTRY_VERIFY(visibleAlert(sheet.form->authenticationAlert()));
-    ZDAlertView *dialog = sheet.form->authenticationAlert();
-    QTest::keyClicks(dialog->textFieldAtIndex(0), u"ann"_s);
-    QTest::keyClicks(dialog->textFieldAtIndex(1), u"secret"_s);
-    QTest::keyClick(dialog->textFieldAtIndex(1), Qt::Key_Return);
-    QWidget *title = sheet.form->titleCell()->editor();
-    QTRY_COMPARE(QApplication::focusWidget(), title);
-    // The first Tab goes on through the form, not back to the bar's Cancel.
-    QTest::keyClick(title, Qt::Key_Tab);
-    QCOMPARE(QApplication::focusWidget(), sheet.form->descriptionCell()->editor());
-
-    // Signed in again later, with the focus on a row: the row keeps it.
-    auth.setState(ZDAuthenticatorStateSignedOut);
-    auth.setSignedIn(u"Ann"_s);
-    QTest::qWait(50);
-    QCOMPARE(QApplication::focusWidget(), sheet.form->descriptionCell()->editor());
-}
-
-void tst_PublishForm::failedSignInShowsItsAlertThenAFreshDialog()
-{
-    TestAuthenticator auth;
-    Sheet sheet(&auth);
-    sheet.show();
-    QTRY_VERIFY(visibleAlert(sheet.form->authenticationAlert()));
-    ZDAlertView *dialog = sheet.form->authenticationAlert();
-    QTest::keyClicks(dialog->textFieldAtIndex(0), u"ann"_s);
-    QTest::keyClicks(dialog->textFieldAtIndex(1), u"wrong"_s);
+    ZDAlertView *dialog = sheet.fillSignIn(u"wrong"_s);
+    QVERIFY(dialog);
     QTest::mouseClick(dialog->buttonAtIndex(dialog->firstOtherButtonIndex()), Qt::LeftButton);
-    QCOMPARE(auth.attempts, QStringList{u"ann/wrong"_s});
     ZDAlertView *failed = visibleAlert(sheet.form->authenticationFailedAlert());
     QVERIFY(failed);
     QCOMPARE(failed->title(), L("AUTHENTICATION_FAILED_TITLE"));
@@ -251,8 +179,33 @@ void tst_PublishForm::failedSignInShowsItsAlertThenAFreshDialog()
     QTest::mouseClick(failed->buttonAtIndex(0), Qt::LeftButton);
     QCOMPARE(sheet.form->authenticationFailedAlert(), nullptr);
     QCOMPARE(auth.dialogs, 2);
-    QVERIFY(visibleAlert(sheet.form->authenticationAlert()));
+
+    dialog = sheet.fillSignIn(u"secret"_s);
+    QVERIFY(dialog);
+    QTest::keyClick(dialog->textFieldAtIndex(1), Qt::Key_Return);
+    QCOMPARE(auth.attempts, (QStringList{u"ann/wrong"_s, u"ann/secret"_s}));
+    QVERIFY(sheet.publishButton()->isEnabled());
+    QCOMPARE(sheet.form->authenticationAlert(), nullptr);
     QVERIFY(sheet.delegate.events.isEmpty());
+    QWidget *title = sheet.form->titleCell()->editor();
+    QTRY_COMPARE(QApplication::focusWidget(), title);
+    // The first Tab goes on through the form, not back to the bar's Cancel.
+    QTest::keyClick(title, Qt::Key_Tab);
+    QCOMPARE(QApplication::focusWidget(), sheet.form->descriptionCell()->editor());
+    // Signed in again later, with the focus on a row: the row keeps it.
+    auth.setState(ZDAuthenticatorStateSignedOut);
+    auth.setSignedIn(u"Ann"_s);
+    QTest::qWait(50);
+    QCOMPARE(QApplication::focusWidget(), sheet.form->descriptionCell()->editor());
+
+    // Stored credentials that sign in silently: no dialog.
+    TestAuthenticator stored;
+    stored.storedSignIn = true;
+    Sheet silent(&stored);
+    silent.show();
+    QTest::qWait(50);
+    QCOMPARE(stored.dialogs, 0);
+    QVERIFY(silent.publishButton()->isEnabled());
 }
 
 void tst_PublishForm::cancellingTheDialogOrSigningOutCancelsTheForm()
@@ -270,16 +223,18 @@ void tst_PublishForm::cancellingTheDialogOrSigningOutCancelsTheForm()
     auth.setSignedIn(u"Ann"_s);
     Sheet sheet(&auth);
     sheet.show();
-    const int account = int(sheet.form->sectionIndices().account);
-    sheet.tap({account, 0});
-    QPointer<ZDAlertView> alert = sheet.form->shownAccountAlert();
-    QVERIFY(visibleAlert(alert));
-    QTest::mouseClick(alert->buttonAtIndex(alert->cancelButtonIndex()), Qt::LeftButton);
+    const auto answerAccountAlert = [&](bool signOut) {
+        sheet.tap(sheet.row(&ZDSectionIndices::account));
+        ZDAlertView *alert = visibleAlert(sheet.form->shownAccountAlert());
+        QVERIFY(alert);
+        QTest::mouseClick(alert->buttonAtIndex(signOut ? alert->firstOtherButtonIndex()
+                                                       : alert->cancelButtonIndex()),
+                          Qt::LeftButton);
+    };
+    answerAccountAlert(false);
     QVERIFY(sheet.delegate.events.isEmpty());
     QCOMPARE(auth.authenticatorState(), ZDAuthenticatorStateSignedIn);
-    sheet.tap({account, 0});
-    alert = sheet.form->shownAccountAlert();
-    QTest::mouseClick(alert->buttonAtIndex(alert->firstOtherButtonIndex()), Qt::LeftButton);
+    answerAccountAlert(true);
     QCOMPARE(auth.authenticatorState(), ZDAuthenticatorStateSignedOut);
     QCOMPARE(sheet.delegate.events, QStringList{u"cancelled"_s});
     QCOMPARE(sheet.form->shownAccountAlert(), nullptr);
@@ -288,69 +243,54 @@ void tst_PublishForm::cancellingTheDialogOrSigningOutCancelsTheForm()
 void tst_PublishForm::qualityRowsFollowTheEnableFlagAndCarryOneCheckmark()
 {
     SignedInSheet sheet;
-    const int hd = int(sheet.form->sectionIndices().hd);
+    const ZDIndexPath hdRow = sheet.row(&ZDSectionIndices::hd, 1);
     EditableTextCell *sd = sheet.form->optionCell(0);
-    EditableTextCell *hdCell = sheet.form->optionCell(1);
-    QCOMPARE(hdCell->sizeLabel()->text(), u"REQUIRES_WIFI"_s);
-    QCOMPARE(hdCell->mainLabel()->text(), L("HD"));
-    QCOMPARE(hdCell->textColor(), QColor::fromRgbF(0.7f, 0.7f, 0.7f, 1.0f));
-    QVERIFY(!hdCell->isUserInteractionEnabled());
+    EditableTextCell *hd = sheet.form->optionCell(1);
+    QCOMPARE(hd->sizeLabel()->text(), u"REQUIRES_WIFI"_s);
+    QCOMPARE(hd->mainLabel()->text(), L("HD"));
+    QCOMPARE(hd->textColor(), QColor::fromRgbF(0.7f, 0.7f, 0.7f, 1.0f));
+    QVERIFY(!hd->isUserInteractionEnabled());
     QCOMPARE(sd->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"12.6 MB"_s));
     QCOMPARE(sd->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
-    sheet.tap({hd, 1});
+    sheet.tap(hdRow);
     QCOMPARE(sheet.form->selectedOption(), 0);
 
     sheet.form->setEnableHDSection(true);
     sheet.table()->reloadData();
-    QCOMPARE(hdCell->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"50.3 MB"_s));
-    sheet.tap({hd, 1});
+    QCOMPARE(hd->sizeLabel()->text(), L("SIZE_FORMAT_PARENS").arg(u"50.3 MB"_s));
+    sheet.tap(hdRow);
     QCOMPARE(sheet.form->selectedOption(), 1);
-    QCOMPARE(hdCell->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+    QCOMPARE(hd->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
     QCOMPARE(sd->accessoryType(), ZDTableViewCell::Accessory::None);
     QCOMPARE(sd->textColor(), QColor(Qt::black));
-    sheet.tap({hd, 1}); // the chosen row again: still chosen, only deselected
+    sheet.tap(hdRow); // the chosen row again: still chosen, only deselected
     QCOMPARE(sheet.form->selectedOption(), 1);
-    QCOMPARE(hdCell->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
-    QTRY_VERIFY(!hdCell->isHighlighted());
+    QCOMPARE(hd->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+    QTRY_VERIFY(!hd->isHighlighted());
 }
 
-void tst_PublishForm::accessRowsCarryOneCheckmarkStartingWithTheFirst()
-{
-    TestAuthenticator auth;
-    Sheet sheet(&auth, {true, true, 3, true});
-    sheet.show();
-    const int access = int(sheet.form->sectionIndices().access);
-    QCOMPARE(sheet.form->accessRow(), quintptr(0));
-    QCOMPARE(sheet.form->accessCell(0)->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
-    sheet.tap({access, 2});
-    QCOMPARE(sheet.form->accessRow(), quintptr(2));
-    int marked = 0;
-    for (size_t i = 0; i < 3; ++i)
-        marked +=
-            sheet.form->accessCell(i)->accessoryType() == ZDTableViewCell::Accessory::Checkmark;
-    QCOMPARE(marked, 1);
-    QCOMPARE(sheet.form->accessCell(2)->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
-
-    TestAuthenticator other;
-    Sheet empty(&other, {true, true, 0, true});
-    empty.show();
-    QCOMPARE(empty.table()->numberOfRowsInSection(int(empty.form->sectionIndices().access)), 0);
-    QCOMPARE(empty.form->accessRow(), quintptr(0));
-}
-
+// The access rows carry one checkmark, on the first row until another is
+// chosen; an unload keeps the chosen quality but starts the access over.
 void tst_PublishForm::unloadingTheViewKeepsTheQualityAndResetsTheAccessRow()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    Sheet sheet(&auth, {true, true, 3, true});
+    SignedInAuthenticator ann;
+    Sheet sheet(&ann.auth, {true, true, 3, true});
     sheet.form->setEnableHDSection(true);
     sheet.table()->reloadData(); // the rows read the flag when the table asks for them
     sheet.show();
-    const ZDSectionIndices s = sheet.form->sectionIndices();
-    sheet.tap({int(s.hd), 1});
-    QCOMPARE(sheet.form->selectedOption(), 1);
-    sheet.tap({int(s.access), 1});
-    QCOMPARE(sheet.form->accessRow(), quintptr(1));
+    const auto marked = [&] {
+        QList<size_t> rows;
+        for (size_t i = 0; i < 3; ++i) {
+            if (sheet.form->accessCell(i)->accessoryType() == ZDTableViewCell::Accessory::Checkmark)
+                rows << i;
+        }
+        return rows;
+    };
+    QCOMPARE(marked(), QList<size_t>{0});
+    sheet.tap(sheet.row(&ZDSectionIndices::hd, 1));
+    sheet.tap(sheet.row(&ZDSectionIndices::access, 2));
+    QCOMPARE(sheet.form->accessRow(), quintptr(2));
+    QCOMPARE(marked(), QList<size_t>{2});
     QTest::keyClicks(sheet.form->titleCell()->editor(), u"Lost"_s);
     sheet.window->hide();
     sheet.form->didReceiveMemoryWarning();
@@ -361,15 +301,14 @@ void tst_PublishForm::unloadingTheViewKeepsTheQualityAndResetsTheAccessRow()
     QCOMPARE(sheet.form->selectedOption(), 1);
     QCOMPARE(sheet.form->optionCell(1)->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
     QCOMPARE(sheet.form->accessRow(), quintptr(0));
-    QCOMPARE(sheet.form->accessCell(0)->accessoryType(), ZDTableViewCell::Accessory::Checkmark);
+    QCOMPARE(marked(), QList<size_t>{0});
 }
 
 void tst_PublishForm::delegateMayDestroyTheFormInsideItsMessages()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
+    SignedInAuthenticator ann;
     for (const bool publish : {true, false}) {
-        auto sheet = std::make_unique<Sheet>(&auth);
+        auto sheet = std::make_unique<Sheet>(&ann.auth);
         sheet->show();
         QPointer<QPushButton> button =
             publish ? sheet->publishButton() : sheet->navigation->leftButton();
@@ -380,18 +319,16 @@ void tst_PublishForm::delegateMayDestroyTheFormInsideItsMessages()
         };
         QTest::mouseClick(button, Qt::LeftButton);
         QVERIFY(!sheet->form);
-        sheet.reset();
     }
 }
 
 void tst_PublishForm::alertsOutliveTheirFormAndObserversGoWithIt()
 {
-    TestAuthenticator auth;
-    auth.setSignedIn(u"Ann"_s);
-    auto sheet = std::make_unique<Sheet>(&auth);
+    SignedInAuthenticator ann;
+    auto sheet = std::make_unique<Sheet>(&ann.auth);
     sheet->show();
     const int observers = ZDNotificationCenter::defaultCenter().observerCount();
-    sheet->tap({int(sheet->form->sectionIndices().account), 0});
+    sheet->tap(sheet->row(&ZDSectionIndices::account));
     QPointer<ZDAlertView> alert = sheet->form->shownAccountAlert();
     QVERIFY(visibleAlert(alert));
     alert->setParent(nullptr); // keep it while its window goes
@@ -399,39 +336,21 @@ void tst_PublishForm::alertsOutliveTheirFormAndObserversGoWithIt()
     QCOMPARE(ZDNotificationCenter::defaultCenter().observerCount(), observers - 4);
     // Signing out through an alert whose form is gone reaches nobody.
     alert->dismissWithClickedButtonIndex(alert->firstOtherButtonIndex(), false);
-    QCOMPARE(auth.authenticatorState(), ZDAuthenticatorStateSignedIn);
+    QCOMPARE(ann.auth.authenticatorState(), ZDAuthenticatorStateSignedIn);
     QTRY_VERIFY(!alert);
     // The authenticator goes on announcing to nobody.
-    auth.invalidateAuthentication();
-    auth.authenticateWithUsernamePassword(u"ann"_s, u"wrong"_s);
+    ann.auth.invalidateAuthentication();
+    ann.auth.authenticateWithUsernamePassword(u"ann"_s, u"wrong"_s);
 }
 
-void tst_PublishForm::termsButtonOpensTheServiceTerms()
-{
-    SignedInSheet sheet;
-    QList<QUrl> opened;
-    ZDDevice::setURLOpener([&](const QUrl &url) {
-        opened << url;
-        return true;
-    });
-    auto *footer = qobject_cast<ZDFooterContainerView *>(sheet.table()->tableFooterView());
-    QVERIFY(footer);
-    QCOMPARE(footer->termsButton()->text(), L("TERMS_OF_USE"));
-    QCOMPARE(footer->height(), footer->termsButton()->height() + 10);
-    sheet.table()->scrollToRowAtIndexPath({int(sheet.form->sectionIndices().account), 0},
-                                          ZDTableView::ScrollPosition::Top, false);
-    QTest::mouseClick(footer->termsButton(), Qt::LeftButton);
-    QCOMPARE(opened, QList<QUrl>{QUrl(u"https://video.example/terms"_s)});
-    ZDDevice::setURLOpener({});
-}
-
-void tst_PublishForm::termsTextIsReadBetweenTheAccountRowAndTheTermsButton()
+// The terms' text is read between the account row and the terms button, where
+// it is painted; the button carries it for a keyboard user, and opens the terms.
+void tst_PublishForm::termsButtonOpensTheServiceTermsAndIsReadAfterTheirText()
 {
     SignedInSheet sheet;
     const QString terms = sheet.form->termsOfUseString();
     QAccessibleInterface *content =
         QAccessible::queryAccessibleInterface(sheet.table()->contentWidget());
-    QVERIFY(content);
     int textAt = -1;
     for (int i = 0; i < content->childCount(); ++i) {
         if (content->child(i)->role() == QAccessible::StaticText)
@@ -442,30 +361,52 @@ void tst_PublishForm::termsTextIsReadBetweenTheAccountRowAndTheTermsButton()
     QCOMPARE(text->text(QAccessible::Name), terms);
     QCOMPARE(text->parent(), content);
     QCOMPARE(content->indexOfChild(text), textAt);
-    // Where it is painted, so that a reader that follows the screen finds it.
-    const QRect painted =
-        sheet.table()->rectForFooterInSection(int(sheet.form->sectionIndices().account));
+    QVERIFY(!text->state().focusable);
+    const ZDIndexPath account = sheet.row(&ZDSectionIndices::account);
+    const QRect painted = sheet.table()->rectForFooterInSection(account.section);
     QCOMPARE(text->rect(),
              QRect(sheet.table()->contentWidget()->mapToGlobal(painted.topLeft()), painted.size()));
+    ZDFooterContainerView *footer = sheet.footer();
+    QCOMPARE(content->indexOfChild(QAccessible::queryAccessibleInterface(sheet.cell(account))),
+             textAt - 1);
+    QCOMPARE(content->indexOfChild(QAccessible::queryAccessibleInterface(footer)), textAt + 1);
+    QPushButton *button = footer->termsButton();
+    QCOMPARE(QAccessible::queryAccessibleInterface(button)->text(QAccessible::Description), terms);
+    sheet.cell(account)->setFocus(Qt::TabFocusReason);
+    QTest::keyClick(sheet.cell(account), Qt::Key_Tab);
+    QCOMPARE(QApplication::focusWidget(), button);
 
-    // Read in order: the account row, the terms text, the terms button.
-    auto *footer = qobject_cast<ZDFooterContainerView *>(sheet.table()->tableFooterView());
-    QAccessibleInterface *account = QAccessible::queryAccessibleInterface(
-        sheet.table()->cellForRowAtIndexPath({int(sheet.form->sectionIndices().account), 0}));
-    QAccessibleInterface *footerView = QAccessible::queryAccessibleInterface(footer);
-    QCOMPARE(content->indexOfChild(account), textAt - 1);
-    QCOMPARE(content->indexOfChild(footerView), textAt + 1);
+    QCOMPARE(button->text(), L("TERMS_OF_USE"));
+    QCOMPARE(footer->height(), button->height() + 10);
+    QList<QUrl> opened;
+    ZDDevice::setURLOpener([&](const QUrl &url) {
+        opened << url;
+        return true;
+    });
+    const auto forget = qScopeGuard([] { ZDDevice::setURLOpener({}); });
+    sheet.table()->scrollToRowAtIndexPath(account, ZDTableView::ScrollPosition::Top, false);
+    QTest::mouseClick(button, Qt::LeftButton);
+    QCOMPARE(opened, QList<QUrl>{QUrl(u"https://video.example/terms"_s)});
+}
 
-    // The text takes no focus; the button Tab reaches after the account row
-    // carries it, so a keyboard user hears it on the way to the terms.
-    QAccessibleInterface *button = QAccessible::queryAccessibleInterface(footer->termsButton());
-    QCOMPARE(button->text(QAccessible::Description), terms);
-    QVERIFY(!text->state().focusable);
-    ZDTableViewCell *accountCell =
-        sheet.table()->cellForRowAtIndexPath({int(sheet.form->sectionIndices().account), 0});
-    accountCell->setFocus(Qt::TabFocusReason);
-    QTest::keyClick(accountCell, Qt::Key_Tab);
-    QCOMPARE(QApplication::focusWidget(), footer->termsButton());
+void tst_PublishForm::aSheetShownAsItsOwnWindowIsAnnouncedAsThatWindow()
+{
+    SignedInSheet sheet;
+    const QString page = sheet.form->navigationItem()->title();
+    QAccessibleInterface *shown = QAccessible::queryAccessibleInterface(sheet.window);
+    // Without a title from the host the window goes by the page's.
+    QCOMPARE(shown->role(), QAccessible::Window);
+    QCOMPARE(shown->text(QAccessible::Name), page);
+    sheet.window->setWindowTitle(u"Photos \u2014 Share"_s);
+    QCOMPARE(shown->text(QAccessible::Name), u"Photos \u2014 Share"_s);
+
+    // Inside a host's own window the page is a part of it, named after the page.
+    QWidget host;
+    host.setWindowTitle(u"Photos"_s);
+    sheet.window->setParent(&host);
+    const auto giveBack = qScopeGuard([&] { sheet.window->setParent(nullptr); });
+    QVERIFY(shown->role() != QAccessible::Window);
+    QCOMPARE(shown->text(QAccessible::Name), page);
 }
 
 void tst_PublishForm::abstractOperationsStopTheProgram()

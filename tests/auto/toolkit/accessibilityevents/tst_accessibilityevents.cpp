@@ -46,17 +46,6 @@ bool saw(QAccessible::Event type, const QObject *object)
                        [&](const Seen &s) { return s.type == type && s.object == object; });
 }
 
-class Rows : public ZDTableViewDataSource
-{
-public:
-    int tableViewNumberOfRowsInSection(ZDTableView *, int) override { return int(cells.size()); }
-    ZDTableViewCell *tableViewCellForRowAtIndexPath(ZDTableView *, ZDIndexPath ip) override
-    {
-        return cells[size_t(ip.row)].get();
-    }
-    std::vector<std::unique_ptr<ZDTableViewCell>> cells;
-};
-
 } // namespace
 
 class tst_AccessibilityEvents : public QObject
@@ -81,30 +70,21 @@ private Q_SLOTS:
 
 void tst_AccessibilityEvents::rowsSayWhenTheyComeAndWhenTheirCheckmarkMoves()
 {
-    Rows rows;
-    rows.cells.push_back(std::make_unique<ZDTableViewCell>());
-    QWidget window;
-    window.resize(320, 480);
-    auto *table = new ZDTableView(&window);
-    table->setGeometry(window.rect());
-    table->setDataSource(&rows);
-    table->reloadData();
-    window.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&window));
-
-    rows.cells.push_back(std::make_unique<ZDTableViewCell>());
-    table->insertRowsAtIndexPaths({{0, 1}}, ZDTableView::RowAnimation::Fade);
-    QVERIFY(saw(QAccessible::ObjectCreated, rows.cells[1].get()));
+    CellTable rows;
+    rows.cells.resize(1);
+    rows.cells[0].push_back(std::make_unique<ZDTableViewCell>());
+    TableWindow window(&rows, &rows);
+    rows.cells[0].push_back(std::make_unique<ZDTableViewCell>());
+    window.table->insertRowsAtIndexPaths({{0, 1}}, ZDTableView::RowAnimation::Fade);
+    QVERIFY(saw(QAccessible::ObjectCreated, rows.cell(0, 1)));
 
     seen().clear();
-    rows.cells[1]->setAccessoryType(ZDTableViewCell::Accessory::Checkmark);
+    rows.cell(0, 1)->setAccessoryType(ZDTableViewCell::Accessory::Checkmark);
     const auto checked = std::find_if(seen().begin(), seen().end(), [&](const Seen &s) {
-        return s.type == QAccessible::StateChanged && s.object == rows.cells[1].get();
+        return s.type == QAccessible::StateChanged && s.object == rows.cell(0, 1);
     });
     QVERIFY(checked != seen().end());
     QVERIFY(checked->changed.checked);
-    table->setDataSource(nullptr);
-    table->reloadData();
 }
 
 void tst_AccessibilityEvents::wheelSaysItsNewValue()

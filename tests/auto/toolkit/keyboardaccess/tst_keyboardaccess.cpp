@@ -3,23 +3,12 @@
 
 #include "ToolkitFixtures.h"
 
-#include "toolkit/ZDAlertView.h"
 #include "toolkit/ZDDevice.h"
 #include "toolkit/ZDKeyboard.h"
-#include "toolkit/ZDNavigationController.h"
-#include "toolkit/ZDPickerView.h"
-#include "toolkit/ZDTableView.h"
-#include "toolkit/ZDTableViewCell.h"
 
 #include <QAccessible>
-#include <QApplication>
 #include <QLabel>
-#include <QLineEdit>
 #include <QPushButton>
-#include <QTest>
-
-#include <memory>
-#include <vector>
 
 using namespace Qt::StringLiterals;
 
@@ -27,72 +16,35 @@ namespace {
 
 // Section 0: a row with a text editor and a plain row; section 1: three choice
 // rows, the first checked and the last not taking touches; a footer button.
-class Form : public ZDTableViewDataSource, public ZDTableViewDelegate
+struct Form : CellTable
 {
-public:
     Form()
     {
-        auto editorRow = std::make_unique<ZDTableViewCell>();
-        editor = new QLineEdit(editorRow.get());
+        cells.resize(2);
+        cells[0].push_back(std::make_unique<ZDTableViewCell>());
+        editor = new QLineEdit(cell(0, 0));
         editor->setAccessibleName(u"Title"_s);
-        rows.push_back({});
-        rows[0].push_back(std::move(editorRow));
-        rows[0].push_back(plain(u"Account"_s));
-        rows.push_back({});
+        cells[0].push_back(plain(u"Account"_s));
         for (const QString &name : {u"Small"_s, u"Medium"_s, u"Large"_s})
-            rows[1].push_back(plain(name));
-        rows[1][0]->setAccessoryType(ZDTableViewCell::Accessory::Checkmark);
-        rows[1][2]->setUserInteractionEnabled(false);
+            cells[1].push_back(plain(name));
+        cell(1, 0)->setAccessoryType(ZDTableViewCell::Accessory::Checkmark);
+        cell(1, 2)->setUserInteractionEnabled(false);
         footer.resize(320, 40);
         terms = new QPushButton(u"Terms"_s, &footer);
     }
-    static std::unique_ptr<ZDTableViewCell> plain(const QString &text)
-    {
-        auto cell = std::make_unique<ZDTableViewCell>();
-        cell->textLabel()->setText(text);
-        return cell;
-    }
-    ZDTableViewCell *cell(int s, int r) { return rows[size_t(s)][size_t(r)].get(); }
 
-    int numberOfSectionsInTableView(ZDTableView *) override { return int(rows.size()); }
-    int tableViewNumberOfRowsInSection(ZDTableView *, int section) override
-    {
-        return int(rows[size_t(section)].size());
-    }
-    ZDTableViewCell *tableViewCellForRowAtIndexPath(ZDTableView *, ZDIndexPath ip) override
-    {
-        return rows[size_t(ip.section)][size_t(ip.row)].get();
-    }
-    void tableViewDidSelectRowAtIndexPath(ZDTableView *, ZDIndexPath ip) override
-    {
-        selected.append(ip);
-    }
-
-    std::vector<std::vector<std::unique_ptr<ZDTableViewCell>>> rows;
     QLineEdit *editor = nullptr;
     QWidget footer;
     QPushButton *terms = nullptr;
-    QList<ZDIndexPath> selected;
 };
 
-struct Shown
+// The form in an active window, declared after the form so that it goes first.
+struct Shown : TableWindow
 {
-    explicit Shown(Form &form)
+    explicit Shown(Form &form) : TableWindow(&form, &form, QSize(320, 480), &form.footer)
     {
-        window.resize(320, 480);
-        table = new ZDTableView(&window);
-        table->setGeometry(window.rect());
-        table->setDataSource(&form);
-        table->setDelegate(&form);
-        table->reloadData();
-        table->setTableFooterView(&form.footer);
-        window.show();
-        QApplication::setActiveWindow(&window);
-        QVERIFY(QTest::qWaitForWindowActive(&window));
+        showActive(&widget);
     }
-    ~Shown() { table->setTableFooterView(nullptr); }
-    QWidget window;
-    ZDTableView *table = nullptr;
 };
 
 // The widgets Tab visits from `start`, until it comes back.
@@ -131,53 +83,48 @@ private Q_SLOTS:
         ZDDevice::setKind(ZDDeviceKind::Phone);
     }
 
-    void tabVisitsRowsInReadingOrderThenTheFooterNotTheTable();
-    void rowsAddedLaterTakeTheirPlaceInTheTabChain();
+    void tabVisitsRowsInReadingOrderThenTheFooterAndRingsTheFocusedRow();
     void arrowsMoveWithinASectionAndKeysActivateLikeATap_data();
     void arrowsMoveWithinASectionAndKeysActivateLikeATap();
-    void onlyTheFocusedRowWearsTheRing();
     void wheelTurnsWithKeysAndTellsItsDelegateOnlyWhenItMoves_data();
     void wheelTurnsWithKeysAndTellsItsDelegateOnlyWhenItMoves();
-    void alertKeepsTabInsideAndEscapeIsItsCancelButton();
+    void alertIsAModalDialogThatKeepsTabInsideAndEscapeIsItsCancelButton();
     void navigationBarButtonsComeAfterTheRootsControls();
     void rowsAreAnnouncedWithRoleNameValueAndState();
     void wheelIsAComboWithItsChoicesAndReportsItsValue();
-    void alertIsADialogWithItsMessageAndNamedFields();
     void keyboardPanelKeysAreNamedAndNeverTakeTheFocus();
 };
 
-void tst_KeyboardAccess::tabVisitsRowsInReadingOrderThenTheFooterNotTheTable()
+void tst_KeyboardAccess::tabVisitsRowsInReadingOrderThenTheFooterAndRingsTheFocusedRow()
 {
     Form form;
     Shown shown(form);
-    const QList<QWidget *> expected{form.editor,     form.cell(0, 1), form.cell(1, 0),
-                                    form.cell(1, 1), form.cell(1, 2), form.terms};
+    QList<QWidget *> expected{form.editor,     form.cell(0, 1), form.cell(1, 0),
+                              form.cell(1, 1), form.cell(1, 2), form.terms};
     QCOMPARE(tabRound(form.editor), expected);
     // Shift+Tab goes the same way back.
     QList<QWidget *> back = tabRound(form.editor, Qt::Key_Backtab);
     std::reverse(back.begin() + 1, back.end());
     QCOMPARE(back, expected);
     QCOMPARE(shown.table->focusPolicy(), Qt::NoFocus);
+    // Only the focused row wears the ring.
+    const QImage bare = form.cell(0, 1)->grab().toImage();
+    form.cell(0, 1)->setFocus(Qt::TabFocusReason);
+    QTRY_COMPARE(form.cell(0, 1)->grab().toImage().pixelColor(2, 20),
+                 form.cell(0, 1)->palette().color(QPalette::Highlight));
+    QTest::keyClick(form.cell(0, 1), Qt::Key_Tab);
+    QTRY_COMPARE(form.cell(0, 1)->grab().toImage(), bare);
     // A click on a row selects it and leaves the focus where it was.
     form.editor->setFocus();
-    QTest::mouseClick(shown.table->contentWidget(), Qt::LeftButton, {},
-                      shown.table->rectForRowAtIndexPath({1, 1}).center());
+    shown.click({1, 1});
     QCOMPARE(QApplication::focusWidget(), form.editor);
-    QVERIFY(!shown.table->hasFocus());
     QCOMPARE(form.selected, (QList<ZDIndexPath>{ZDIndexPath{1, 1}}));
-}
-
-void tst_KeyboardAccess::rowsAddedLaterTakeTheirPlaceInTheTabChain()
-{
-    Form form;
-    Shown shown(form);
-    form.rows[0].insert(form.rows[0].begin() + 1, Form::plain(u"New"_s));
+    // A row added later takes its place in the chain.
+    form.cells[0].insert(form.cells[0].begin() + 1, Form::plain(u"New"_s));
     shown.table->insertRowsAtIndexPaths({{0, 1}}, ZDTableView::RowAnimation::Top);
     QTRY_VERIFY(form.cell(0, 1)->isVisible());
-    const QList<QWidget *> round = tabRound(form.editor);
-    QCOMPARE(round.value(1), form.cell(0, 1));
-    QCOMPARE(round.value(2), form.cell(0, 2));
-    QCOMPARE(round.last(), form.terms);
+    expected.insert(1, form.cell(0, 1));
+    QCOMPARE(tabRound(form.editor), expected);
 }
 
 void tst_KeyboardAccess::arrowsMoveWithinASectionAndKeysActivateLikeATap_data()
@@ -200,7 +147,7 @@ void tst_KeyboardAccess::arrowsMoveWithinASectionAndKeysActivateLikeATap()
     QCOMPARE(QApplication::focusWidget(), form.cell(1, 1));
     QTest::keyClick(form.cell(1, 1), Qt::Key(key));
     QCOMPARE(form.selected, (QList<ZDIndexPath>{ZDIndexPath{1, 1}}));
-    QVERIFY(shown.table->indexPathForSelectedRow() == (ZDIndexPath{1, 1}));
+    QCOMPARE(shown.table->indexPathForSelectedRow(), (ZDIndexPath{1, 1}));
     QVERIFY(form.cell(1, 1)->isHighlighted());
     // A row that takes no touches takes no keys either, but can be reached.
     QTest::keyClick(form.cell(1, 1), Qt::Key_Down);
@@ -217,26 +164,12 @@ void tst_KeyboardAccess::arrowsMoveWithinASectionAndKeysActivateLikeATap()
     QCOMPARE(QApplication::focusWidget(), form.editor);
 }
 
-void tst_KeyboardAccess::onlyTheFocusedRowWearsTheRing()
-{
-    Form form;
-    Shown shown(form);
-    const QImage before = form.cell(0, 1)->grab().toImage();
-    form.cell(0, 1)->setFocus(Qt::TabFocusReason);
-    QTRY_VERIFY(form.cell(0, 1)->grab().toImage() != before);
-    const QColor ring = form.cell(0, 1)->palette().color(QPalette::Highlight);
-    QCOMPARE(form.cell(0, 1)->grab().toImage().pixelColor(2, 20), ring);
-    QTest::keyClick(form.cell(0, 1), Qt::Key_Tab);
-    QTRY_COMPARE(form.cell(0, 1)->grab().toImage(), before);
-}
-
 void tst_KeyboardAccess::wheelTurnsWithKeysAndTellsItsDelegateOnlyWhenItMoves_data()
 {
     QTest::addColumn<int>("from");
-    QTest::addColumn<QString>("keys"); // one key per character, see below
-    QTest::addColumn<int>("to");
+    QTest::addColumn<QString>("keys"); // d/u: Down/Up, n/p: Page Down/Up, h/e: Home/End
+    QTest::addColumn<int>("to");       // upper-case letters are typed
     QTest::addColumn<int>("calls");
-    // d/u: Down/Up, n/p: Page Down/Up, h/e: Home/End, other letters: typed.
     QTest::newRow("down") << 0 << u"d"_s << 1 << 1;
     QTest::newRow("up at the top stays") << 0 << u"u"_s << 0 << 0;
     QTest::newRow("end then home") << 3 << u"eh"_s << 0 << 2;
@@ -253,63 +186,50 @@ void tst_KeyboardAccess::wheelTurnsWithKeysAndTellsItsDelegateOnlyWhenItMoves()
     QFETCH(QString, keys);
     QFETCH(int, to);
     QFETCH(int, calls);
-    QWidget window;
-    window.resize(320, 216);
     NamedWheel fruit(kFruit);
-    auto *wheel = new ZDPickerView(&window);
-    wheel->setGeometry(window.rect());
-    wheel->setDelegate(&fruit);
-    wheel->selectRowInComponent(from, 0, false);
-    window.show();
-    QApplication::setActiveWindow(&window);
-    QVERIFY(QTest::qWaitForWindowActive(&window));
-    wheel->setFocus(Qt::TabFocusReason);
-    QVERIFY(wheel->hasFocus());
+    ZDPickerView wheel;
+    wheel.resize(320, 216);
+    wheel.setDelegate(&fruit);
+    wheel.selectRowInComponent(from, 0, false);
+    showActive(&wheel);
+    wheel.setFocus(Qt::TabFocusReason);
+    const QHash<QChar, Qt::Key> named{{u'd', Qt::Key_Down},     {u'u', Qt::Key_Up},
+                                      {u'n', Qt::Key_PageDown}, {u'p', Qt::Key_PageUp},
+                                      {u'h', Qt::Key_Home},     {u'e', Qt::Key_End}};
     for (const QChar c : keys) {
-        switch (c.unicode()) {
-        case u'd':
-            QTest::keyClick(wheel, Qt::Key_Down);
-            break;
-        case u'u':
-            QTest::keyClick(wheel, Qt::Key_Up);
-            break;
-        case u'n':
-            QTest::keyClick(wheel, Qt::Key_PageDown);
-            break;
-        case u'p':
-            QTest::keyClick(wheel, Qt::Key_PageUp);
-            break;
-        case u'h':
-            QTest::keyClick(wheel, Qt::Key_Home);
-            break;
-        case u'e':
-            QTest::keyClick(wheel, Qt::Key_End);
-            break;
-        default:
-            QTest::keyClick(wheel, c.toLower().toLatin1());
-            break;
-        }
+        if (named.contains(c))
+            QTest::keyClick(&wheel, named[c]);
+        else
+            QTest::keyClick(&wheel, c.toLower().toLatin1());
     }
-    QCOMPARE(wheel->selectedRowInComponent(0), to);
+    QCOMPARE(wheel.selectedRowInComponent(0), to);
     QCOMPARE(fruit.picked.size(), calls);
     if (calls > 0)
         QCOMPARE(fruit.picked.last(), to);
 }
 
-void tst_KeyboardAccess::alertKeepsTabInsideAndEscapeIsItsCancelButton()
+void tst_KeyboardAccess::alertIsAModalDialogThatKeepsTabInsideAndEscapeIsItsCancelButton()
 {
     QWidget window;
     window.resize(320, 480);
     auto *under = new QPushButton(u"Under"_s, &window);
-    window.show();
-    QApplication::setActiveWindow(&window);
-    QVERIFY(QTest::qWaitForWindowActive(&window));
+    showActive(&window);
     AlertRecorder recorder;
 
     QPointer<ZDAlertView> login =
-        new ZDAlertView(u"Sign in"_s, QString(), &recorder, u"Cancel"_s, {u"Sign In"_s});
+        new ZDAlertView(u"Sign in"_s, u"to Demo Video"_s, &recorder, u"Cancel"_s, {u"Sign In"_s});
     login->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
     login->show(&window);
+    QAccessibleInterface *dialog = accessible(login);
+    QCOMPARE(dialog->role(), QAccessible::Dialog);
+    QCOMPARE(dialog->text(QAccessible::Name), u"Sign in"_s);
+    QCOMPARE(dialog->text(QAccessible::Description), u"to Demo Video"_s);
+    QVERIFY(dialog->state().modal);
+    const QString user = accessible(login->textFieldAtIndex(0))->text(QAccessible::Name);
+    const QString password = accessible(login->textFieldAtIndex(1))->text(QAccessible::Name);
+    QVERIFY(!user.isEmpty() && !password.isEmpty() && user != password);
+    QCOMPARE(accessible(login->buttonAtIndex(1))->text(QAccessible::Name), u"Sign In"_s);
+
     QCOMPARE(QApplication::focusWidget(), login->textFieldAtIndex(0));
     const QList<QWidget *> round = tabRound(login->textFieldAtIndex(0));
     QCOMPARE(round, (QList<QWidget *>{login->textFieldAtIndex(0), login->textFieldAtIndex(1),
@@ -329,51 +249,38 @@ void tst_KeyboardAccess::alertKeepsTabInsideAndEscapeIsItsCancelButton()
     QTRY_VERIFY(!question);
 
     // Escape on an alert without a cancel button stays in the alert.
-    bool windowHeardEscape = false;
     struct EscapeWatch : QObject
     {
-        bool *heard;
+        bool heard = false;
         bool eventFilter(QObject *, QEvent *e) override
         {
-            if (e->type() == QEvent::KeyPress &&
-                static_cast<QKeyEvent *>(e)->key() == Qt::Key_Escape)
-                *heard = true;
+            heard |= e->type() == QEvent::KeyPress &&
+                     static_cast<QKeyEvent *>(e)->key() == Qt::Key_Escape;
             return false;
         }
     } watch;
-    watch.heard = &windowHeardEscape;
     window.installEventFilter(&watch);
     QPointer<ZDAlertView> notice =
         new ZDAlertView(u"Done"_s, QString(), &recorder, QString(), {u"OK"_s});
     notice->show(&window);
     QTest::keyClick(QApplication::focusWidget(), Qt::Key_Escape);
     QVERIFY(notice && notice->isVisibleAlert());
-    QVERIFY(!windowHeardEscape);
+    QVERIFY(!watch.heard);
     QTest::keyClick(QApplication::focusWidget(), Qt::Key_Space);
     QCOMPARE(recorder.dismissed, (QList<int>{0, 1, 0}));
 }
 
 void tst_KeyboardAccess::navigationBarButtonsComeAfterTheRootsControls()
 {
-    ZDViewController root;
-    int triggered = 0;
-    root.navigationItem()->setTitle(u"Publish"_s);
-    root.navigationItem()->setLeftBarButtonItem(
-        std::make_unique<ZDBarButtonItem>(u"Cancel"_s, ZDBarButtonItem::Style::Plain, [] {}));
-    root.navigationItem()->setRightBarButtonItem(std::make_unique<ZDBarButtonItem>(
-        u"Done"_s, ZDBarButtonItem::Style::Done, [&triggered] { ++triggered; }));
-    auto *field = new QLineEdit(root.view());
-    ZDNavigationController navigation(&root);
-    navigation.view()->resize(320, 480);
-    navigation.view()->show();
-    QApplication::setActiveWindow(navigation.view());
-    QVERIFY(QTest::qWaitForWindowActive(navigation.view()));
-    QCOMPARE(tabRound(field),
-             (QList<QWidget *>{field, navigation.leftButton(), navigation.rightButton()}));
-    QCOMPARE(navigation.view()->accessibleName(), u"Publish"_s);
-    navigation.rightButton()->setFocus();
-    QTest::keyClick(navigation.rightButton(), Qt::Key_Space);
-    QCOMPARE(triggered, 1);
+    NavigationScreen screen(u"Publish"_s);
+    auto *field = new QLineEdit(screen.root.view());
+    screen.show();
+    QCOMPARE(tabRound(field), (QList<QWidget *>{field, screen.navigation.leftButton(),
+                                                screen.navigation.rightButton()}));
+    QCOMPARE(screen.navigation.view()->accessibleName(), u"Publish"_s);
+    screen.navigation.rightButton()->setFocus();
+    QTest::keyClick(screen.navigation.rightButton(), Qt::Key_Space);
+    QCOMPARE(screen.done, 1);
 }
 
 void tst_KeyboardAccess::rowsAreAnnouncedWithRoleNameValueAndState()
@@ -382,9 +289,8 @@ void tst_KeyboardAccess::rowsAreAnnouncedWithRoleNameValueAndState()
     auto valueRow = std::make_unique<ZDTableViewCell>(ZDTableViewCell::Style::Value1);
     valueRow->textLabel()->setText(u"Category"_s);
     valueRow->detailTextLabel()->setText(u"Music"_s);
-    auto *size = new QLabel(u"(286.1 MB)"_s, form.cell(1, 0));
-    Q_UNUSED(size);
-    form.rows[0].push_back(std::move(valueRow));
+    new QLabel(u"(286.1 MB)"_s, form.cell(1, 0));
+    form.cells[0].push_back(std::move(valueRow));
     Shown shown(form);
 
     struct Expected
@@ -406,9 +312,7 @@ void tst_KeyboardAccess::rowsAreAnnouncedWithRoleNameValueAndState()
     };
     for (const Expected &row : rows) {
         QAccessibleInterface *iface = accessible(row.cell);
-        QVERIFY(iface);
-        const QByteArray what = row.name.toUtf8();
-        QVERIFY2(iface->role() == row.role, what.constData());
+        QVERIFY2(iface->role() == row.role, qPrintable(row.name));
         QCOMPARE(iface->text(QAccessible::Name), row.name);
         QCOMPARE(iface->text(QAccessible::Value), row.value);
         QCOMPARE(bool(iface->state().checked), row.checked);
@@ -424,14 +328,12 @@ void tst_KeyboardAccess::rowsAreAnnouncedWithRoleNameValueAndState()
     QCOMPARE(accessible(form.cell(1, 0))->childCount(), 0);
 
     // Pressing through the accessible action is a tap; the focus is announced.
+    const QString press = QAccessibleActionInterface::pressAction();
     QAccessibleActionInterface *actions = accessible(form.cell(1, 1))->actionInterface();
-    QVERIFY(actions->actionNames().contains(QAccessibleActionInterface::pressAction()));
-    actions->doAction(QAccessibleActionInterface::pressAction());
+    QVERIFY(actions->actionNames().contains(press));
+    actions->doAction(press);
     QCOMPARE(form.selected, (QList<ZDIndexPath>{ZDIndexPath{1, 1}}));
-    QVERIFY(!accessible(form.cell(1, 2))
-                 ->actionInterface()
-                 ->actionNames()
-                 .contains(QAccessibleActionInterface::pressAction()));
+    QVERIFY(!accessible(form.cell(1, 2))->actionInterface()->actionNames().contains(press));
     form.cell(1, 1)->setFocus(Qt::TabFocusReason);
     QVERIFY(accessible(form.cell(1, 1))->state().focused);
 }
@@ -462,55 +364,29 @@ void tst_KeyboardAccess::wheelIsAComboWithItsChoicesAndReportsItsValue()
     QVERIFY(fruit.picked.isEmpty()); // set from outside, like selectRowInComponent()
 }
 
-void tst_KeyboardAccess::alertIsADialogWithItsMessageAndNamedFields()
-{
-    QWidget window;
-    window.resize(320, 480);
-    window.show();
-    QVERIFY(QTest::qWaitForWindowExposed(&window));
-    QPointer<ZDAlertView> alert =
-        new ZDAlertView(u"Sign in"_s, u"to Demo Video"_s, nullptr, u"Cancel"_s, {u"Sign In"_s});
-    alert->setAlertViewStyle(ZDAlertView::Style::LoginAndPasswordInput);
-    alert->show(&window);
-    QAccessibleInterface *iface = accessible(alert);
-    QCOMPARE(iface->role(), QAccessible::Dialog);
-    QCOMPARE(iface->text(QAccessible::Name), u"Sign in"_s);
-    QCOMPARE(iface->text(QAccessible::Description), u"to Demo Video"_s);
-    QVERIFY(iface->state().modal);
-    QVERIFY(!accessible(alert->textFieldAtIndex(0))->text(QAccessible::Name).isEmpty());
-    QVERIFY(!accessible(alert->textFieldAtIndex(1))->text(QAccessible::Name).isEmpty());
-    QVERIFY(accessible(alert->textFieldAtIndex(0))->text(QAccessible::Name) !=
-            accessible(alert->textFieldAtIndex(1))->text(QAccessible::Name));
-    QCOMPARE(accessible(alert->buttonAtIndex(1))->text(QAccessible::Name), u"Sign In"_s);
-    alert->dismissWithClickedButtonIndex(0, false);
-}
-
 void tst_KeyboardAccess::keyboardPanelKeysAreNamedAndNeverTakeTheFocus()
 {
     QWidget window;
     window.resize(320, 480);
     auto *field = new QLineEdit(&window);
-    window.show();
-    QApplication::setActiveWindow(&window);
-    QVERIFY(QTest::qWaitForWindowActive(&window));
-    ZDKeyboard::shared().setEnabled(true);
+    showActive(&window);
+    ZDKeyboard &keyboard = ZDKeyboard::shared();
+    keyboard.setEnabled(true);
     field->clearFocus();
     field->setFocus();
-    QTRY_VERIFY(ZDKeyboard::shared().keyWithLabel(u"space"_s));
+    QTRY_VERIFY(keyboard.keyWithLabel(u"space"_s));
     for (const QString &label : {u"\u21e7"_s, u"\u232b"_s, u","_s, u"space"_s, u"return"_s}) {
-        QWidget *key = ZDKeyboard::shared().keyWithLabel(label);
-        QVERIFY(key);
+        QWidget *key = keyboard.keyWithLabel(label);
         QCOMPARE(key->focusPolicy(), Qt::NoFocus);
         // Symbols are said as words.
         const QString name = accessible(key)->text(QAccessible::Name);
         QVERIFY2(!name.isEmpty() && (label.size() > 1 || name != label), qPrintable(label));
     }
-    QCOMPARE(accessible(ZDKeyboard::shared().keyWithLabel(u"q"_s))->text(QAccessible::Name),
-             u"q"_s);
-    QTest::mouseClick(ZDKeyboard::shared().keyWithLabel(u"q"_s), Qt::LeftButton);
+    QCOMPARE(accessible(keyboard.keyWithLabel(u"q"_s))->text(QAccessible::Name), u"q"_s);
+    QTest::mouseClick(keyboard.keyWithLabel(u"q"_s), Qt::LeftButton);
     QCOMPARE(QApplication::focusWidget(), field);
     QCOMPARE(field->text(), u"q"_s);
-    ZDKeyboard::shared().setEnabled(false);
+    keyboard.setEnabled(false);
 }
 
 QTEST_MAIN(tst_KeyboardAccess)

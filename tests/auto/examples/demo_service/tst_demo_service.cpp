@@ -311,9 +311,7 @@ private Q_SLOTS:
     void cleanupTestCase();
     void givesATokenOnlyForASignedRequestWithTheRightPassword();
     void storesASignedUploadWithItsChecksumAndMetadata();
-    void refusesUploadsWithARevokedToken();
     void keepsNothingOfAnUploadCutShort();
-    void keepsNothingWhenRejectingUploads();
     void startUpClearsWhatADeadProcessLeftHalfWritten();
     void refusesResumableChunksThatAreUnsignedMisplacedOrCorrupt();
     void keepsASessionThroughARestartAndNothingElse();
@@ -437,23 +435,6 @@ void tst_DemoService::storesASignedUploadWithItsChecksumAndMetadata()
     QVERIFY(page.body.contains(QByteArray("/videos/" + id.toLatin1() + "/file")));
 }
 
-void tst_DemoService::refusesUploadsWithARevokedToken()
-{
-    const Token token = exchangeToken(m_service);
-    const Reply revoked = curl({u"-X"_s, u"POST"_s, m_service.url(u"/admin/revoke"_s)});
-    QCOMPARE(revoked.status, 200);
-    QVERIFY(QJsonDocument::fromJson(revoked.body).object().value(u"revoked").toInt() >= 1);
-
-    const QStringList published = entries(videos());
-    const QString path = writeFile(m_files, u"refused.mov"_s, randomBytes(64 * 1024));
-    const QJsonObject fields{{u"title"_s, u"Too late"_s}};
-    const Reply reply = curlUpload(m_service, token, fields, path, fields);
-    QCOMPARE(reply.status, 401);
-    QVERIFY(QJsonDocument::fromJson(reply.body).object().contains(u"error"));
-    QCOMPARE(entries(videos()), published);
-    QVERIFY(entries(incoming()).isEmpty());
-}
-
 void tst_DemoService::keepsNothingOfAnUploadCutShort()
 {
     const Token token = exchangeToken(m_service);
@@ -498,21 +479,6 @@ void tst_DemoService::keepsNothingOfAnUploadCutShort()
     QVERIFY(reply.body.contains("incomplete"));
     QCOMPARE(entries(videos()), published);
     QVERIFY(entries(incoming()).isEmpty());
-}
-
-void tst_DemoService::keepsNothingWhenRejectingUploads()
-{
-    QTemporaryDir data;
-    Service service;
-    QVERIFY(service.start(data.path(), {u"--reject-uploads"_s}));
-    const QString path = writeFile(m_files, u"rejected.mov"_s, randomBytes(64 * 1024));
-    const QJsonObject fields{{u"title"_s, u"Rejected"_s}};
-    const Reply reply = curlUpload(service, exchangeToken(service), fields, path, fields);
-    QCOMPARE(reply.status, 422);
-    QCOMPARE(reply.body,
-             QByteArray(R"({"error":"This demo service is not accepting videos right now."})"));
-    QVERIFY(entries(data.filePath(u"videos"_s)).isEmpty());
-    QVERIFY(entries(data.filePath(u"incoming"_s)).isEmpty());
 }
 
 void tst_DemoService::startUpClearsWhatADeadProcessLeftHalfWritten()

@@ -2,7 +2,9 @@
 // sign-in, refresh with rotation), a password-grant server with a second factor,
 // and a small server of our own for what the real ones never send.
 
+#include "ChildService.h"
 #include "LoopbackHTTPServer.h"
+#include "TestSupport.h"
 
 #include "auth/ZDAuthorizedRequest.h"
 #include "auth/ZDBearerSigner.h"
@@ -45,52 +47,18 @@ QString peersDir()
     return qEnvironmentVariable("ZD_SOURCE_DIR") + u"/tests/peers"_s;
 }
 
-// A node peer from tests/peers; fails the test with a clear message when it
-// cannot run.
-class Peer
+// A node peer from tests/peers; without it the run cannot go on.
+std::unique_ptr<ChildService> startPeer(const QString &script, const QStringList &args)
 {
-public:
-    bool start(const QString &script, const QStringList &args = {})
-    {
-        if (!QDir(peersDir() + u"/node_modules"_s).exists()) {
-            m_problem = u"tests/peers/node_modules is missing: run tools/install-deps"_s;
-            return false;
-        }
-        m_process.setWorkingDirectory(peersDir());
-        m_process.setProcessChannelMode(QProcess::SeparateChannels);
-        m_process.start(u"node"_s, QStringList{script} + args);
-        if (!m_process.waitForStarted(10000)) {
-            m_problem = u"node could not be started: "_s + m_process.errorString();
-            return false;
-        }
-        QByteArray out;
-        while (!out.contains('\n')) {
-            if (!m_process.waitForReadyRead(30000)) {
-                m_problem = u"%1 did not start: %2"_s.arg(
-                    script, QString::fromUtf8(m_process.readAllStandardError()));
-                return false;
-            }
-            out += m_process.readAllStandardOutput();
-        }
-        m_port = quint16(out.mid(out.indexOf("listening on ") + 13).trimmed().toUInt());
-        return m_port != 0;
-    }
-    ~Peer()
-    {
-        m_process.kill();
-        m_process.waitForFinished(5000);
-    }
-    QString problem() const { return m_problem; }
-    QUrl url(const QString &path) const
-    {
-        return QUrl(u"http://127.0.0.1:%1%2"_s.arg(m_port).arg(path));
-    }
-
-private:
-    QProcess m_process;
-    quint16 m_port = 0;
-    QString m_problem;
-};
+    auto peer = std::make_unique<ChildService>();
+    const QString problem = QDir(peersDir() + u"/node_modules"_s).exists()
+                                ? peer->start(u"node"_s, QStringList{script} + args,
+                                              QProcess::SeparateChannels, peersDir())
+                                : u"tests/peers/node_modules is missing: run tools/install-deps"_s;
+    if (!problem.isEmpty())
+        qFatal("%s cannot run: %s", qPrintable(script), qPrintable(problem));
+    return peer;
+}
 
 // The scripted browser: runs tests/peers/browser.js on an address.
 class Browser
@@ -143,7 +111,7 @@ public:
     QStringList entries;
 };
 
-ZDOAuth2Configuration providerConfiguration(const Peer &provider)
+ZDOAuth2Configuration providerConfiguration(const ChildService &provider)
 {
     ZDOAuth2Configuration configuration;
     configuration.authorizationEndpoint = provider.url(u"/auth"_s);
@@ -219,13 +187,11 @@ private Q_SLOTS:
 
     void browserSignInReachesSignedInAndTheProviderAcceptsTheToken();
     void tokensAreRenewedAheadOfExpiryOnUnauthorizedAndRotatedTokensAreSavedFirst();
-    void aRefusedRefreshSignsOutWithTheBasesNotificationsInOrder();
     void onlyARefusedGrantEndsTheSignInOnRefresh_data();
     void onlyARefusedGrantEndsTheSignInOnRefresh();
     void browserAttemptEndsWithAFailure_data();
     void browserAttemptEndsWithAFailure();
-    void redirectListenerAnswersOnlyOnTheLoopbackAddress();
-    void onlyTheFirstRedirectIsExchanged();
+    void redirectListenerIsLoopbackOnlyAndExchangesTheFirstRedirectOnly();
 
     void deviceSignInShowsTheCodeAndQRCodeAndPollsUntilApproved();
     void devicePollingSlowsDownAndEndsOnTerminalErrors_data();
@@ -240,13 +206,13 @@ private Q_SLOTS:
     void credentialStoreWithoutKeyringKeepsValuesInMemory();
 
 private:
-    Peer *provider();
+    ChildService *provider();
     void signInWithBrowser(ZDOAuth2Authenticator &authenticator, Browser &browser);
     void remember(ZDCredentialStore &store);
 
-    Peer *passwordServer();
-    std::unique_ptr<Peer> m_provider;
-    std::unique_ptr<Peer> m_passwordServer;
+    ChildService *passwordServer();
+    std::unique_ptr<ChildService> m_provider;
+    std::unique_ptr<ChildService> m_passwordServer;
     QStringList m_secrets; // every token seen, checked against logs, errors and files
     QStringList m_errorTexts;
     QTemporaryDir m_home;
@@ -283,16 +249,10 @@ void tst_oauth2::cleanupTestCase()
     }
 }
 
-Peer *tst_oauth2::provider()
+ChildService *tst_oauth2::provider()
 {
-    if (!m_provider) {
-        m_provider = std::make_unique<Peer>();
-        if (!m_provider->start(u"oidc_provider.mjs"_s, {u"--access-ttl"_s, u"3600"_s})) {
-            const QString problem = m_provider->problem();
-            m_provider.reset();
-            qFatal("the OpenID provider peer cannot run: %s", qPrintable(problem));
-        }
-    }
+    if (!m_provider)
+        m_provider = startPeer(u"oidc_provider.mjs"_s, {u"--access-ttl"_s, u"3600"_s});
     return m_provider.get();
 }
 
@@ -375,22 +335,12 @@ void tst_oauth2::browserSignInReachesSignedInAndTheProviderAcceptsTheToken()
     QVERIFY(query.queryItemValue(u"state"_s).size() >= 16);
 
     // The provider's user-info endpoint accepts the bearer token.
-    Peer *peer = provider();
-    struct Receiver : JSONHTTPRequestDelegate
-    {
-        QVariant object;
-        bool done = false;
-        void requestDidReceiveObject(JSONHTTPRequest *, const QVariant &o) override
-        {
-            object = o;
-            done = true;
-        }
-        void requestDidFailWithError(JSONHTTPRequest *, const ZDError &) override { done = true; }
-    } receiver;
+    ChildService *peer = provider();
+    RecordingDelegate receiver;
     JSONHTTPRequest me(peer->url(u"/me"_s), &receiver, authenticator.accountSigner());
     me.start();
-    QTRY_VERIFY_WITH_TIMEOUT(receiver.done, 30000);
-    QCOMPARE(receiver.object.toMap().value(u"sub"_s).toString(), u"alice"_s);
+    QTRY_COMPARE_WITH_TIMEOUT(receiver.endings(), 1, 30000);
+    QCOMPARE(receiver.last().object.toMap().value(u"sub"_s).toString(), u"alice"_s);
 
     // Stored as one value, found again by a new authenticator.
     remember(*store);
@@ -456,61 +406,29 @@ void tst_oauth2::tokensAreRenewedAheadOfExpiryOnUnauthorizedAndRotatedTokensAreS
     remember(*store);
 }
 
-void tst_oauth2::aRefusedRefreshSignsOutWithTheBasesNotificationsInOrder()
-{
-    auto store = std::make_shared<ZDMemoryCredentialStore>();
-    ZDOAuth2Authenticator authenticator(providerConfiguration(*provider()),
-                                        ZDOAuth2Authenticator::Flow::Browser, store);
-    Browser browser;
-    signInWithBrowser(authenticator, browser);
-    remember(*store);
-
-    // A second copy of the sign-in whose refresh token is about to be rotated out.
-    auto staleStore = std::make_shared<ZDMemoryCredentialStore>();
-    staleStore->save(u"oauth2"_s, *store->load(u"oauth2"_s));
-    QVERIFY(!ask(authenticator, ZDCredentialSource::Reason::Unauthorized).error);
-    remember(*store);
-
-    ZDOAuth2Authenticator stale(providerConfiguration(*provider()),
-                                ZDOAuth2Authenticator::Flow::Browser, staleStore);
-    stale.loadCredentials();
-    NotificationLog log(&stale);
-    const Answer answer = ask(stale, ZDCredentialSource::Reason::Unauthorized);
-    QVERIFY(answer.error);
-    QVERIFY(!answer.signer);
-    m_errorTexts << answer.error->localizedDescription();
-    QCOMPARE(answer.error->userInfo().value(ZDOAuth2ErrorCodeKey).toString(), u"invalid_grant"_s);
-    QCOMPARE(log.entries, (QStringList{u"state:0"_s, u"failure"_s}));
-    QCOMPARE(stale.authenticatorState(), ZDAuthenticatorStateSignedOut);
-    QCOMPARE(stale.lastFailureSentence(), ZDLocalizedString(u"OAUTH2_FAILED_EXPIRED"_s));
-    QVERIFY(!staleStore->load(u"oauth2"_s));
-    // Asking again while signed out is answered at once, never left hanging.
-    QVERIFY(ask(stale, ZDCredentialSource::Reason::BeforeRequest).error);
-}
-
 void tst_oauth2::onlyARefusedGrantEndsTheSignInOnRefresh_data()
 {
     QTest::addColumn<int>("status"); // 0: the connection is reset, no answer
-    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QString>("code");
     QTest::addColumn<bool>("signsOut");
-    QTest::newRow("503 temporarily_unavailable")
-        << 503 << QByteArray(R"({"error":"temporarily_unavailable"})") << false;
-    QTest::newRow("500 server_error") << 500 << QByteArray(R"({"error":"server_error"})") << false;
-    QTest::newRow("429") << 429 << QByteArray(R"({"error":"temporarily_unavailable"})") << false;
-    QTest::newRow("reset") << 0 << QByteArray() << false;
-    QTest::newRow("401 invalid_client")
-        << 401 << QByteArray(R"({"error":"invalid_client"})") << true;
+    QTest::newRow("503 temporarily_unavailable") << 503 << u"temporarily_unavailable"_s << false;
+    QTest::newRow("500 server_error") << 500 << u"server_error"_s << false;
+    QTest::newRow("429") << 429 << u"temporarily_unavailable"_s << false;
+    QTest::newRow("reset") << 0 << QString() << false;
+    QTest::newRow("400 invalid_grant") << 400 << u"invalid_grant"_s << true;
+    QTest::newRow("401 invalid_client") << 401 << u"invalid_client"_s << true;
 }
 
 void tst_oauth2::onlyARefusedGrantEndsTheSignInOnRefresh()
 {
     QFETCH(int, status);
-    QFETCH(QByteArray, body);
+    QFETCH(QString, code);
     QFETCH(bool, signsOut);
     LoopbackHTTPServer server;
     QVERIFY(server.listen());
     server.setHandler([&](const RecordedRequest &) {
-        CannedReply reply = CannedReply::json(body, status);
+        CannedReply reply =
+            CannedReply::json(QJsonDocument(QJsonObject{{u"error"_s, code}}).toJson(), status);
         if (!status)
             reply.ending = CannedReply::Ending::ResetAtOnce;
         return reply;
@@ -531,8 +449,15 @@ void tst_oauth2::onlyARefusedGrantEndsTheSignInOnRefresh()
     m_errorTexts << answer.error->localizedDescription();
     if (signsOut) {
         QCOMPARE(log.entries, (QStringList{u"state:0"_s, u"failure"_s}));
+        QCOMPARE(authenticator.authenticatorState(), ZDAuthenticatorStateSignedOut);
+        QCOMPARE(authenticator.lastFailureSentence(),
+                 ZDLocalizedString(u"OAUTH2_FAILED_EXPIRED"_s));
         QVERIFY(!store->load(u"oauth2"_s));
         QCOMPARE(answer.error->domain(), ZDOAuth2ErrorDomain);
+        QCOMPARE(answer.error->userInfo().value(ZDOAuth2ErrorCodeKey).toString(), code);
+        // Asking again while signed out is answered at once, never left hanging.
+        QVERIFY(ask(authenticator, ZDCredentialSource::Reason::BeforeRequest).error);
+        QCOMPARE(server.requests().size(), 1);
     } else {
         // A passing fault: the askers get the transport's error, nothing else changes.
         QVERIFY(log.entries.isEmpty());
@@ -599,19 +524,27 @@ void tst_oauth2::browserAttemptEndsWithAFailure()
     }
 }
 
-void tst_oauth2::redirectListenerAnswersOnlyOnTheLoopbackAddress()
+void tst_oauth2::redirectListenerIsLoopbackOnlyAndExchangesTheFirstRedirectOnly()
 {
-    ZDOAuth2Authenticator authenticator(providerConfiguration(*provider()),
-                                        ZDOAuth2Authenticator::Flow::Browser, nullptr);
-    ZDDevice::setURLOpener([](const QUrl &) { return true; });
+    LoopbackHTTPServer server;
+    QVERIFY(server.listen());
+    server.setHandler([](const RecordedRequest &) {
+        // Still thinking when the second redirect comes.
+        CannedReply reply = CannedReply::json(R"({"error":"invalid_grant"})", 400);
+        reply.delayMs = 3000;
+        return reply;
+    });
+    const ZDOAuth2Configuration configuration = loopbackConfiguration(server);
+    ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow::Browser,
+                                        nullptr);
+    QUrl opened;
+    ZDDevice::setURLOpener([&](const QUrl &url) {
+        opened = url;
+        return true;
+    });
     authenticator.authenticateWithUsernamePassword(QString(), QString());
     const quint16 port = authenticator.redirectPort();
     QVERIFY(port != 0);
-
-    QTcpSocket loopback;
-    loopback.connectToHost(QHostAddress::LocalHost, port);
-    QVERIFY(loopback.waitForConnected(5000));
-    loopback.abort();
 
     QList<QHostAddress> others{QHostAddress::LocalHostIPv6};
     for (const QHostAddress &address : QNetworkInterface::allAddresses()) {
@@ -633,31 +566,11 @@ void tst_oauth2::redirectListenerAnswersOnlyOnTheLoopbackAddress()
     QVERIFY(stray.readAll().startsWith("HTTP/1.1 404"));
     QCOMPARE(authenticator.redirectPort(), port);
     QCOMPARE(authenticator.authenticatorState(), ZDOAuth2Authenticator::StateSigningIn);
-}
 
-void tst_oauth2::onlyTheFirstRedirectIsExchanged()
-{
-    LoopbackHTTPServer server;
-    QVERIFY(server.listen());
-    server.setHandler([](const RecordedRequest &) {
-        // Still thinking when the second redirect comes.
-        CannedReply reply = CannedReply::json(R"({"error":"invalid_grant"})", 400);
-        reply.delayMs = 3000;
-        return reply;
-    });
-    const ZDOAuth2Configuration configuration = loopbackConfiguration(server);
-    ZDOAuth2Authenticator authenticator(configuration, ZDOAuth2Authenticator::Flow::Browser,
-                                        nullptr);
-    QUrl opened;
-    ZDDevice::setURLOpener([&](const QUrl &url) {
-        opened = url;
-        return true;
-    });
-    authenticator.authenticateWithUsernamePassword(QString(), QString());
     // Two connections open before the first redirect arrives; both carry it.
     QTcpSocket first, second;
     for (QTcpSocket *socket : {&first, &second}) {
-        socket->connectToHost(QHostAddress::LocalHost, authenticator.redirectPort());
+        socket->connectToHost(QHostAddress::LocalHost, port);
         QVERIFY(socket->waitForConnected(5000));
     }
     const QByteArray redirect =
@@ -775,18 +688,14 @@ void tst_oauth2::devicePollingSlowsDownAndEndsOnTerminalErrors()
     m_secrets << u"dc-secret-1"_s << u"at-secret-1"_s;
 }
 
-Peer *tst_oauth2::passwordServer()
+ChildService *tst_oauth2::passwordServer()
 {
-    if (!m_passwordServer) {
-        m_passwordServer = std::make_unique<Peer>();
-        if (!m_passwordServer->start(u"password_server.js"_s, {u"--access-ttl"_s, u"2"_s}))
-            qFatal("the password-grant peer cannot run: %s",
-                   qPrintable(m_passwordServer->problem()));
-    }
+    if (!m_passwordServer)
+        m_passwordServer = startPeer(u"password_server.js"_s, {u"--access-ttl"_s, u"2"_s});
     return m_passwordServer.get();
 }
 
-static ZDOAuth2Configuration passwordConfiguration(const Peer &server)
+static ZDOAuth2Configuration passwordConfiguration(const ChildService &server)
 {
     ZDOAuth2Configuration configuration;
     configuration.tokenEndpoint = server.url(u"/token"_s);
@@ -963,7 +872,7 @@ void tst_oauth2::anUnregisteredErrorCodeStaysOutOfTheDescription()
 
 void tst_oauth2::aRequestRefusedWith401IsRenewedAndRepeatedOnce()
 {
-    Peer *server = passwordServer(); // access tokens live 2 seconds there
+    ChildService *server = passwordServer(); // access tokens live 2 seconds there
     auto store = std::make_shared<ZDMemoryCredentialStore>();
     ZDOAuth2Authenticator authenticator(passwordConfiguration(*server),
                                         ZDOAuth2Authenticator::Flow::Password, store);
@@ -975,7 +884,14 @@ void tst_oauth2::aRequestRefusedWith401IsRenewedAndRepeatedOnce()
                               30000);
     remember(*store);
 
-    const auto me = [&](int &attempts, QVariant &object, std::optional<ZDError> &error) {
+    struct Outcome
+    {
+        int attempts = 0;
+        QVariant object;
+        std::optional<ZDError> error;
+    };
+    const auto me = [&] {
+        Outcome outcome;
         bool done = false;
         ZDAuthorizedRequest request(
             &authenticator,
@@ -983,45 +899,37 @@ void tst_oauth2::aRequestRefusedWith401IsRenewedAndRepeatedOnce()
                 return std::make_unique<JSONHTTPRequest>(server->url(u"/api/me"_s), delegate,
                                                          signer);
             },
-            [&](const QVariant &o, const std::optional<ZDError> &e) {
-                object = o;
-                error = e;
+            [&](const QVariant &object, const std::optional<ZDError> &error) {
+                outcome.object = object;
+                outcome.error = error;
                 done = true;
             });
         request.start();
-        QTRY_VERIFY_WITH_TIMEOUT(done, 30000);
-        attempts = request.attempts();
+        [&] { QTRY_VERIFY_WITH_TIMEOUT(done, 30000); }();
+        outcome.attempts = request.attempts();
+        return outcome;
     };
-    int attempts = 0;
-    QVariant object;
-    std::optional<ZDError> error;
-    me(attempts, object, error);
-    QVERIFY(!error);
-    QCOMPARE(attempts, 1);
+    Outcome outcome = me();
+    QVERIFY(!outcome.error);
+    QCOMPARE(outcome.attempts, 1);
 
-    // Wait until the service itself refuses the token (401, invalid_token).
+    // Wait until the service itself refuses the token.
     const QByteArray bearer = bearerOf(authenticator.accountSigner());
-    QTRY_VERIFY_WITH_TIMEOUT(
-        [&] {
-            QTcpSocket socket;
-            socket.connectToHost(QHostAddress::LocalHost, quint16(server->url({}).port()));
-            if (!socket.waitForConnected(5000))
-                return false;
-            socket.write("GET /api/me HTTP/1.1\r\nHost: 127.0.0.1\r\nAuthorization: " + bearer +
-                         "\r\nConnection: close\r\n\r\n");
-            QByteArray answer;
-            while (socket.waitForReadyRead(5000))
-                answer += socket.readAll();
-            return answer.startsWith("HTTP/1.1 401") &&
-                   answer.toLower().contains("www-authenticate: bearer") &&
-                   answer.contains("invalid_token");
-        }(),
-        30000);
+    const auto old = std::make_shared<ZDBearerSigner>(QString::fromLatin1(bearer.mid(7)));
+    const auto refused = [&] {
+        RecordingDelegate delegate;
+        JSONHTTPRequest probe(server->url(u"/api/me"_s), &delegate, old);
+        probe.start();
+        return QTest::qWaitFor([&] { return delegate.endings() == 1; }, 30000) &&
+               probe.response() && probe.response()->statusCode() == 401;
+    };
+    QTRY_VERIFY_WITH_TIMEOUT(refused(), 30000);
 
-    me(attempts, object, error);
-    QVERIFY2(!error, qPrintable(error ? error->localizedDescription() : QString()));
-    QCOMPARE(attempts, 2);
-    QCOMPARE(object.toMap().value(u"username"_s).toString(), u"alice"_s);
+    outcome = me();
+    QVERIFY2(!outcome.error,
+             qPrintable(outcome.error ? outcome.error->localizedDescription() : QString()));
+    QCOMPARE(outcome.attempts, 2);
+    QCOMPARE(outcome.object.toMap().value(u"username"_s).toString(), u"alice"_s);
     QVERIFY(bearerOf(authenticator.accountSigner()) != bearer);
     remember(*store);
 }

@@ -5,7 +5,6 @@
 #include "net/ZDFileUpload.h"
 #include "net/ZDTransportSettings_p.h"
 
-#include <QProcess>
 #include <QTcpServer>
 #include <QTemporaryDir>
 #include <QTest>
@@ -54,31 +53,27 @@ private Q_SLOTS:
     void queryFollowsTheQuestionMarkRule();
     void formBodyAppendsUnsignedParametersAfterSigning_data();
     void formBodyAppendsUnsignedParametersAfterSigning();
-    void multipartBodyHoldsSignedThenUnsignedSequences();
+    void multipartBodyIsSignedThenUnsignedAndOnlyItsQueryIsSigned_data();
+    void multipartBodyIsSignedThenUnsignedAndOnlyItsQueryIsSigned();
     void largePartsGoOutWhole_data();
     void largePartsGoOutWhole();
     void aStreamedFileThatGoesAwayFailsTheRequest_data();
     void aStreamedFileThatGoesAwayFailsTheRequest();
-    void signerSeesPostParametersInQueryButRequestGoesToPlainURL();
-    void putAndOverrideBodiesSendExactlyWhatWasGiven();
-    void unknownMethodKeepsTheVerbAndBuildsNoBody();
+    void bodyFollowsTheMethodOrTheOverride_data();
+    void bodyFollowsTheMethodOrTheOverride();
     void headerSetTwiceCarriesBothValues();
-    void statusClassesDecideValidity_data();
-    void statusClassesDecideValidity();
+    void answersBecomeObjectsOrErrors_data();
+    void answersBecomeObjectsOrErrors();
     void redirectsAreFollowedAndPostBecomesGet_data();
     void redirectsAreFollowedAndPostBecomesGet();
-    void responseTypesDeliverTheirObjects_data();
-    void responseTypesDeliverTheirObjects();
-    void hostileJSONFailsWithTheParsersError();
     void progressReportsRunningTotalsThatNeverGoBack();
     void cancelSendsNothingMore();
     void delegateMayDestroyTheRequestInsideEveryCallback();
     void destroyedDelegateIsNotCalled();
     void transportFailuresGiveExactlyOneFailure_data();
     void transportFailuresGiveExactlyOneFailure();
-    void cellularFlagIsHonouredWhenTheLinkIsCellular();
-    void headerInjectionIsRefused();
-    void failuresToStartArriveLaterFromTheEventLoop();
+    void requestsThatMayNotGoFailBeforeSending_data();
+    void requestsThatMayNotGoFailBeforeSending();
 
 private:
     RecordedRequest runAndRecord(JSONHTTPRequest &request, RecordingDelegate &delegate);
@@ -192,26 +187,43 @@ void tst_JSONHTTPRequest::formBodyAppendsUnsignedParametersAfterSigning()
     QVERIFY(!signer->seen[0].hasHTTPHeaderField("Content-Type"));
 }
 
-// The part layout itself is tst_multipart's; here the sequences and the header.
-void tst_JSONHTTPRequest::multipartBodyHoldsSignedThenUnsignedSequences()
+// The part layout itself is tst_multipart's; here the sequences, the header and
+// what the signer sees.
+void tst_JSONHTTPRequest::multipartBodyIsSignedThenUnsignedAndOnlyItsQueryIsSigned_data()
 {
-    const QVariantMap title{{u"title"_s, u"Trip"_s}};
-    const QVariantMap number{{u"n"_s, 1080}};
-    for (const bool withSigned : {true, false}) {
-        m_server.clear();
-        RecordingDelegate delegate;
-        InspectableRequest request(m_server.url(u"/upload"_s), &delegate);
-        request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
-        if (withSigned)
-            request.setPostParams(title);
-        request.setUnsignedPostParams(number);
-        const RecordedRequest seen = runAndRecord(request, delegate);
-        QCOMPARE(seen.headerValues("Content-Type"),
-                 QList<QByteArray>{"multipart/form-data; boundary=" +
-                                   request.HTTPRequestBoundary().toLatin1()});
-        QCOMPARE(seen.body, (withSigned ? request._multipartParamData(title) : QByteArray()) +
-                                request._multipartParamData(number));
-    }
+    QTest::addColumn<bool>("withSigned");
+    QTest::newRow("signed and unsigned") << true;
+    QTest::newRow("unsigned only") << false;
+}
+
+void tst_JSONHTTPRequest::multipartBodyIsSignedThenUnsignedAndOnlyItsQueryIsSigned()
+{
+    QFETCH(bool, withSigned);
+    const QVariantMap title{{u"title"_s, u"A & B"_s}};
+    const QVariantMap video{{u"video"_s, QByteArray("bytes")}, {u"n"_s, 1080}};
+    RecordingDelegate delegate;
+    auto signer = std::make_shared<RecordingSigner>();
+    InspectableRequest request(m_server.url(u"/upload?v=2"_s), &delegate, signer);
+    request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
+    request.setSignsMultipartPOSTData(true);
+    request.setGetParams(QVariantMap{{u"g"_s, u"1"_s}});
+    if (withSigned)
+        request.setPostParams(title);
+    request.setUnsignedPostParams(video);
+    const RecordedRequest seen = runAndRecord(request, delegate);
+
+    QCOMPARE(seen.target, QByteArray("/upload?v=2&g=1"));
+    QCOMPARE(seen.header("Authorization"), QByteArray("Test signature"));
+    QCOMPARE(seen.headerValues("Content-Type"),
+             QList<QByteArray>{"multipart/form-data; boundary=" +
+                               request.HTTPRequestBoundary().toLatin1()});
+    QCOMPARE(seen.body, (withSigned ? request._multipartParamData(title) : QByteArray()) +
+                            request._multipartParamData(video));
+    // The signer saw the signed parameters in the query, never the unsigned ones.
+    QCOMPARE(signer->seen.size(), 1);
+    QVERIFY(signer->seen[0].URLString().endsWith(withSigned ? "/upload?v=2&g=1&title=A%20%26%20B"
+                                                            : "/upload?v=2&g=1"));
+    QVERIFY(!signer->seen[0].HTTPBody().value_or(QByteArray()).contains("bytes"));
 }
 
 // Large contents travel as pieces of their own; the wire must not show it, also
@@ -302,74 +314,52 @@ void tst_JSONHTTPRequest::aStreamedFileThatGoesAwayFailsTheRequest()
     QCOMPARE(delegate.last().error.code(), qint64(ZDURLErrorBodyFileUnreadable));
 }
 
-void tst_JSONHTTPRequest::signerSeesPostParametersInQueryButRequestGoesToPlainURL()
+void tst_JSONHTTPRequest::bodyFollowsTheMethodOrTheOverride_data()
 {
-    RecordingDelegate delegate;
-    auto signer = std::make_shared<RecordingSigner>();
-    JSONHTTPRequest request(m_server.url(u"/upload?v=2"_s), &delegate, signer);
-    request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
-    request.setSignsMultipartPOSTData(true);
-    request.setGetParams(QVariantMap{{u"g"_s, u"1"_s}});
-    request.setPostParams(QVariantMap{{u"title"_s, u"A & B"_s}});
-    request.setUnsignedPostParams(QVariantMap{{u"video"_s, QByteArray("bytes")}});
-    const RecordedRequest seen = runAndRecord(request, delegate);
-
-    QCOMPARE(signer->seen.size(), 1);
-    QVERIFY(signer->seen[0].URLString().endsWith("/upload?v=2&g=1&title=A%20%26%20B"));
-    QCOMPARE(seen.target, QByteArray("/upload?v=2&g=1"));
-    QCOMPARE(seen.header("Authorization"), QByteArray("Test signature"));
-    QVERIFY(seen.body.contains("name=\"title\"\r\n\r\nA & B\r\n"));
-    QVERIFY(seen.body.contains(
-        "name=\"video\"\r\nContent-Type: application/octet-stream\r\n\r\nbytes"));
-    // What the signer saw carried the signed sequence only.
-    QVERIFY(!signer->seen[0].HTTPBody()->contains("bytes"));
-}
-
-void tst_JSONHTTPRequest::putAndOverrideBodiesSendExactlyWhatWasGiven()
-{
-    RecordingDelegate delegate;
-    JSONHTTPRequest put(m_server.url(u"/put"_s), &delegate);
-    put.setHTTPMethod(JSONHTTPRequestMethodPUT);
-    put.setPostParams(QVariantMap{{u"ignored"_s, u"1"_s}});
-    RecordedRequest seen = runAndRecord(put, delegate);
-    QCOMPARE(seen.method, QByteArray("PUT"));
-    QCOMPARE(seen.body, QByteArray());
-
+    QTest::addColumn<int>("before"); // a method set first; -2: none
+    QTest::addColumn<int>("method");
+    QTest::addColumn<std::optional<QByteArray>>("overrideBody");
+    QTest::addColumn<QByteArray>("verb");
+    QTest::addColumn<QByteArray>("body");
     const QByteArray exact("\x00\r\n--not multipart\xff", 19);
-    for (JSONHTTPRequestMethod method : {JSONHTTPRequestMethodPUT, JSONHTTPRequestMethodFormPOST,
-                                         JSONHTTPRequestMethodMultipartPOST}) {
-        m_server.clear();
-        RecordingDelegate d;
-        JSONHTTPRequest request(m_server.url(u"/override"_s), &d);
-        request.setHTTPMethod(method);
-        request.setPostParams(QVariantMap{{u"a"_s, u"1"_s}});
-        request.setUnsignedPostParams(QVariantMap{{u"b"_s, u"2"_s}});
-        request.setOverridePostBody(exact);
-        seen = runAndRecord(request, d);
-        QCOMPARE(seen.body, exact);
-        // The multipart header depends on the parameters, not on the body sent.
-        QCOMPARE(seen.header("Content-Type").startsWith("multipart/form-data"), false);
-    }
+    QTest::newRow("PUT sends no parameters")
+        << -2 << int(JSONHTTPRequestMethodPUT) << std::optional<QByteArray>() << QByteArray("PUT")
+        << QByteArray();
+    QTest::newRow("PUT override") << -2 << int(JSONHTTPRequestMethodPUT) << std::optional(exact)
+                                  << QByteArray("PUT") << exact;
+    QTest::newRow("form override") << -2 << int(JSONHTTPRequestMethodFormPOST)
+                                   << std::optional(exact) << QByteArray("POST") << exact;
+    QTest::newRow("multipart override") << -2 << int(JSONHTTPRequestMethodMultipartPOST)
+                                        << std::optional(exact) << QByteArray("POST") << exact;
+    QTest::newRow("unknown method")
+        << -2 << 7 << std::optional<QByteArray>() << QByteArray("GET") << QByteArray();
+    QTest::newRow("unknown after PUT")
+        << int(JSONHTTPRequestMethodPUT) << -1 << std::optional<QByteArray>() << QByteArray("PUT")
+        << QByteArray();
 }
 
-void tst_JSONHTTPRequest::unknownMethodKeepsTheVerbAndBuildsNoBody()
+void tst_JSONHTTPRequest::bodyFollowsTheMethodOrTheOverride()
 {
+    QFETCH(int, before);
+    QFETCH(int, method);
+    QFETCH(std::optional<QByteArray>, overrideBody);
+    QFETCH(QByteArray, verb);
+    QFETCH(QByteArray, body);
     RecordingDelegate delegate;
-    JSONHTTPRequest request(m_server.url(u"/seven"_s), &delegate);
-    request.setHTTPMethod(JSONHTTPRequestMethod(7));
+    JSONHTTPRequest request(m_server.url(u"/body"_s), &delegate);
+    if (before != -2)
+        request.setHTTPMethod(JSONHTTPRequestMethod(before));
+    request.setHTTPMethod(JSONHTTPRequestMethod(method));
+    QCOMPARE(request.HTTPMethod(), JSONHTTPRequestMethod(method));
     request.setPostParams(QVariantMap{{u"a"_s, u"1"_s}});
-    QCOMPARE(request.HTTPMethod(), JSONHTTPRequestMethod(7));
+    request.setUnsignedPostParams(QVariantMap{{u"b"_s, u"2"_s}});
+    if (overrideBody)
+        request.setOverridePostBody(*overrideBody);
     const RecordedRequest seen = runAndRecord(request, delegate);
-    QCOMPARE(seen.method, QByteArray("GET"));
-    QVERIFY(seen.body.isEmpty());
-
-    // After PUT, an unknown method leaves "PUT" in place.
-    m_server.clear();
-    RecordingDelegate second;
-    JSONHTTPRequest put(m_server.url(u"/seven"_s), &second);
-    put.setHTTPMethod(JSONHTTPRequestMethodPUT);
-    put.setHTTPMethod(JSONHTTPRequestMethod(-1));
-    QCOMPARE(runAndRecord(put, second).method, QByteArray("PUT"));
+    QCOMPARE(seen.method, verb);
+    QCOMPARE(seen.body, body);
+    // An overridden body is sent as it is, never announced as multipart.
+    QVERIFY(!seen.header("Content-Type").startsWith("multipart/form-data"));
 }
 
 void tst_JSONHTTPRequest::headerSetTwiceCarriesBothValues()
@@ -384,54 +374,190 @@ void tst_JSONHTTPRequest::headerSetTwiceCarriesBothValues()
     QCOMPARE(seen.header("Accept"), QByteArray("application/json"));
 }
 
-// --- responses --------------------------------------------------------------
-
-void tst_JSONHTTPRequest::statusClassesDecideValidity_data()
+// Refusals come from the event loop, never from inside start(), in one line, and
+// the server sees nothing.
+void tst_JSONHTTPRequest::requestsThatMayNotGoFailBeforeSending_data()
 {
-    QTest::addColumn<int>("status");
-    QTest::addColumn<QByteArray>("body");
-    QTest::addColumn<bool>("succeeds");
-    QTest::addColumn<QVariant>("object");
-    QTest::newRow("200 with empty body") << 200 << QByteArray() << true << QVariant(QVariantMap());
-    QTest::newRow("204") << 204 << QByteArray() << true << QVariant(QVariantMap());
-    QTest::newRow("3xx without Location")
-        << 302 << QByteArray("[1]") << true << QVariant(QVariantList{qint64(1)});
-    QTest::newRow("600 is valid") << 600 << QByteArray("\"x\"") << true << QVariant(u"x"_s);
-    QTest::newRow("404") << 404 << QByteArray("{\"error\":1}") << false << QVariant();
-    QTest::newRow("500 with empty body") << 500 << QByteArray() << false << QVariant();
-    QTest::newRow("499 with invalid body") << 499 << QByteArray("<html>") << false << QVariant();
+    QTest::addColumn<QString>("what"); // what `value` is
+    QTest::addColumn<QString>("value");
+    QTest::addColumn<qint64>("code"); // a ZDURLError; 0: it goes; -1: any failure
+    const auto row = [](const char *name, const QString &what, const QString &value, qint64 code) {
+        QTest::newRow(name) << what << value << code;
+    };
+    row("huge URL", u"url"_s, m_server.url(u"/r?q="_s + QString(9000000, u'a')).toString(),
+        ZDURLErrorBadURL);
+    row("line break in a header", u"header"_s, u"a\r\nX-Injected: 1"_s,
+        ZDURLErrorInvalidHeaderField);
+    const qint64 forged = ZDURLErrorInvalidMultipartKey;
+    row("key with a quote forging a filename", u"signed key"_s, u"t\"; filename=\"evil.sh"_s,
+        forged);
+    row("key with CR LF injecting a header", u"signed key"_s, u"a\r\nContent-Type: text/html"_s,
+        forged);
+    row("key with a bare LF", u"key"_s, u"a\nb"_s, forged);
+    row("key with a bare CR", u"key"_s, u"a\rb"_s, forged);
+    row("cellular refused", u"cellular"_s, u"refused"_s, ZDURLErrorCellularAccessDenied);
+    row("cellular never set", u"cellular"_s, QString(), 0);
+    row("cellular refused, link is not", u"wifi"_s, u"refused"_s, 0);
+    row("ftp", u"url"_s, u"ftp://127.0.0.1/file"_s, -1);
+    row("unparsable", u"url"_s, u"http://[::1"_s, -1);
+    row("file", u"url"_s, u"file:///etc/passwd"_s, -1);
 }
 
-void tst_JSONHTTPRequest::statusClassesDecideValidity()
+void tst_JSONHTTPRequest::requestsThatMayNotGoFailBeforeSending()
+{
+    QFETCH(QString, what);
+    QFETCH(QString, value);
+    QFETCH(qint64, code);
+    zdSetCellularProbeForTesting([what] { return what == u"cellular"_s; });
+    RecordingDelegate delegate;
+    auto signer = std::make_shared<RecordingSigner>();
+    JSONHTTPRequest request(what == u"url"_s ? QUrl(value) : m_server.url(u"/r"_s), &delegate,
+                            signer);
+    QCOMPARE(request.allowsCellularAccess(), false); // never set reads false, yet may go
+    if (what == u"header"_s)
+        request.setHTTPHeaderValue(u"X-Note"_s, value);
+    if (value == u"refused"_s)
+        request.setAllowsCellularAccess(false);
+    if (what.endsWith(u"key"_s)) {
+        request.setHTTPMethod(JSONHTTPRequestMethodMultipartPOST);
+        const QVariantMap params{{value, u"value"_s}, {u"fine"_s, u"1"_s}};
+        (what == u"key"_s ? request.setUnsignedPostParams(params) : request.setPostParams(params));
+    }
+    request.start();
+    QVERIFY(delegate.events.empty());
+    QTRY_VERIFY_WITH_TIMEOUT(delegate.endings() == 1, kTimeoutMs);
+    settle(100);
+    QCOMPARE(delegate.endings(), 1);
+    QCOMPARE(m_server.requests().size(), code == 0 ? 1 : 0);
+    if (code == 0) {
+        QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Object);
+        return;
+    }
+    QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Failure);
+    QVERIFY(!delegate.last().error.localizedDescription().contains(u'\n'));
+    if (what.endsWith(u"key"_s)) // refused before anything is built or signed
+        QVERIFY(signer->seen.isEmpty());
+    if (code > 0) {
+        QCOMPARE(delegate.last().error.domain(), ZDURLErrorDomain);
+        QCOMPARE(delegate.last().error.code(), code);
+    }
+}
+
+// --- responses --------------------------------------------------------------
+
+void tst_JSONHTTPRequest::answersBecomeObjectsOrErrors_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::addColumn<int>("type");
+    QTest::addColumn<QByteArray>("body");
+    QTest::addColumn<QVariant>("object"); // invalid: a failure is expected
+    QTest::addColumn<QString>("errorDomain");
+    QTest::addColumn<qint64>("errorCode"); // -1: the parser's, any but 0
+
+    const QString own = JSONHTTPRequestErrorDomain;
+    const qint64 badStatus = JSONHTTPRequestErrorBadStatus;
+    const qint64 noResult = JSONHTTPRequestErrorNoResult;
+    const auto ok = [](const char *name, int status, int type, const QByteArray &body,
+                       const QVariant &object) {
+        QTest::newRow(name) << status << type << body << object << QString() << qint64(0);
+    };
+    const auto fails = [](const char *name, int status, int type, const QByteArray &body,
+                          const QString &domain, qint64 code) {
+        QTest::newRow(name) << status << type << body << QVariant() << domain << code;
+    };
+    ok("200 with empty body", 200, 0, {}, QVariantMap());
+    ok("204", 204, 0, {}, QVariantMap());
+    ok("3xx without Location", 302, 0, "[1]", QVariantList{qint64(1)});
+    ok("600 is valid", 600, 0, "\"x\"", u"x"_s);
+    fails("404", 404, 0, "{\"error\":1}", own, badStatus);
+    fails("500 with empty body", 500, 0, {}, own, badStatus);
+    fails("499 with invalid body", 499, 0, "<html>", own, badStatus);
+
+    ok("json object", 200, 0, R"({"a":[1,2.5,"x",true,null],"b":{"c":-3}})",
+       QVariantMap{
+           {u"a"_s, QVariantList{qint64(1), 2.5, u"x"_s, true, QVariant::fromValue(nullptr)}},
+           {u"b"_s, QVariantMap{{u"c"_s, qint64(-3)}}}});
+    ok("json string fragment", 200, 0, " \"h\\u00e9llo\" ", u"h\u00e9llo"_s);
+    ok("json number fragment", 200, 0, "42", qint64(42));
+    ok("json big unsigned", 200, 0, "18446744073709551615", quint64(18446744073709551615ull));
+    ok("json null fragment", 200, 0, "null", QVariant::fromValue(nullptr));
+    QByteArray big = "[";
+    QVariantList bigList;
+    for (int i = 0; i < 200000; ++i) {
+        big += "{\"n\":" + QByteArray::number(i) + "},";
+        bigList.append(QVariantMap{{u"n"_s, qint64(i)}});
+    }
+    bigList.append(QVariant::fromValue(nullptr));
+    ok("json large document", 200, 0, big + "null]", bigList);
+    const QList<QByteArray> hostile{"not json",
+                                    "{\"a\":1,}",
+                                    "\"raw \x01 control\"",
+                                    "2.",
+                                    ".2e-3",
+                                    "[1] [2]",
+                                    "\"\xff\xfe\"",
+                                    QByteArray(200000, '['),
+                                    QByteArray(100000, '[') + QByteArray(100000, ']'),
+                                    "1e999999"};
+    for (qsizetype i = 0; i < hostile.size(); ++i)
+        fails(QByteArray("hostile json " + QByteArray::number(i)).constData(), 200, 0, hostile[i],
+              ZDJSONErrorDomain, -1);
+
+    ok("form string keeps escapes", 200, 1, "a=1%202&b=2",
+       QVariantMap{{u"a"_s, u"1%202"_s}, {u"b"_s, u"2"_s}});
+    fails("form string not utf-8", 200, 1, "a=\xff", own, noResult);
+    ok("form string with no pairs", 200, 1, "garbage", QVariantMap());
+    QByteArray everyByte;
+    for (int i = 0; i < 256; ++i)
+        everyByte += char(i);
+    ok("raw bytes exact", 200, 2, everyByte, everyByte);
+    ok("raw, empty body", 200, 2, {}, QVariantMap());
+    fails("unknown type", 200, 5, "x", own, noResult);
+    ok("unknown type, empty body", 200, 5, {}, QVariantMap());
+}
+
+void tst_JSONHTTPRequest::answersBecomeObjectsOrErrors()
 {
     QFETCH(int, status);
+    QFETCH(int, type);
     QFETCH(QByteArray, body);
-    QFETCH(bool, succeeds);
     QFETCH(QVariant, object);
+    QFETCH(QString, errorDomain);
+    QFETCH(qint64, errorCode);
     m_server.setHandler([&](const RecordedRequest &) {
         CannedReply reply = CannedReply::json(body, status);
         reply.reason = "Status";
         return reply;
     });
     RecordingDelegate delegate;
-    InspectableRequest request(m_server.url(u"/status"_s), &delegate);
+    InspectableRequest request(m_server.url(u"/typed"_s), &delegate);
+    request.setResponseType(JSONHTTPResponseType(type));
     runAndRecord(request, delegate);
-    QVERIFY(request.response().has_value());
     QCOMPARE(request.response()->statusCode(), status);
-    QCOMPARE(request.receivedValidResponse(), succeeds);
-    if (succeeds) {
+    QCOMPARE(request.receivedValidResponse(), errorCode != JSONHTTPRequestErrorBadStatus);
+    if (object.isValid()) {
         QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Object);
         QCOMPARE(delegate.last().object, object);
+        QCOMPARE(delegate.last().object.typeId(), object.typeId());
         return;
     }
+    QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Failure);
     const ZDError error = delegate.last().error;
-    QCOMPARE(error.domain(), JSONHTTPRequestErrorDomain);
-    QCOMPARE(error.code(), qint64(JSONHTTPRequestErrorBadStatus));
-    QCOMPARE(error.userInfo().size(), 1);
-    QCOMPARE(error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode(),
-             status);
-    // The error body is kept as received but never parsed or delivered.
-    QCOMPARE(request.responseBody().value_or(QByteArray()), body);
+    QCOMPARE(error.domain(), errorDomain);
+    if (errorCode < 0) {
+        QVERIFY(error.code() != 0);
+        QVERIFY(!error.userInfo().value(ZDLocalizedDescriptionKey).toString().isEmpty());
+    } else if (errorCode == JSONHTTPRequestErrorBadStatus) {
+        QCOMPARE(error.code(), errorCode);
+        QCOMPARE(error.userInfo().size(), 1);
+        QCOMPARE(error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode(),
+                 status);
+        // The error body is kept as received but never parsed or delivered.
+        QCOMPARE(request.responseBody().value_or(QByteArray()), body);
+    } else {
+        QCOMPARE(error.code(), errorCode);
+        QVERIFY(error.userInfo().isEmpty());
+    }
 }
 
 void tst_JSONHTTPRequest::redirectsAreFollowedAndPostBecomesGet_data()
@@ -467,119 +593,7 @@ void tst_JSONHTTPRequest::redirectsAreFollowedAndPostBecomesGet()
     QCOMPARE(m_server.requests()[1].target, QByteArray("/final"));
     QCOMPARE(delegate.last().object.toMap().value(u"arrived"_s).toString(),
              QString::fromLatin1(finalMethod));
-    QCOMPARE(request.response()->statusCode(), 200);
     QCOMPARE(request.response()->URL().path(), u"/final"_s);
-}
-
-void tst_JSONHTTPRequest::responseTypesDeliverTheirObjects_data()
-{
-    QTest::addColumn<int>("type");
-    QTest::addColumn<QByteArray>("body");
-    QTest::addColumn<QVariant>("object"); // invalid: a failure is expected
-    QTest::addColumn<QString>("errorDomain");
-    QTest::addColumn<qint64>("errorCode");
-
-    const QString own = JSONHTTPRequestErrorDomain;
-    QTest::newRow("json object") << 0 << QByteArray(R"({"a":[1,2.5,"x",true,null],"b":{"c":-3}})")
-                                 << QVariant(QVariantMap{
-                                        {u"a"_s, QVariantList{qint64(1), 2.5, u"x"_s, true,
-                                                              QVariant::fromValue(nullptr)}},
-                                        {u"b"_s, QVariantMap{{u"c"_s, qint64(-3)}}}})
-                                 << QString() << qint64(0);
-    QTest::newRow("json string fragment") << 0 << QByteArray(" \"h\\u00e9llo\" ")
-                                          << QVariant(u"h\u00e9llo"_s) << QString() << qint64(0);
-    QTest::newRow("json number fragment")
-        << 0 << QByteArray("42") << QVariant(qint64(42)) << QString() << qint64(0);
-    QTest::newRow("json big unsigned")
-        << 0 << QByteArray("18446744073709551615") << QVariant(quint64(18446744073709551615ull))
-        << QString() << qint64(0);
-    QTest::newRow("json null fragment")
-        << 0 << QByteArray("null") << QVariant::fromValue(nullptr) << QString() << qint64(0);
-    QTest::newRow("form string keeps escapes")
-        << 1 << QByteArray("a=1%202&b=2")
-        << QVariant(QVariantMap{{u"a"_s, u"1%202"_s}, {u"b"_s, u"2"_s}}) << QString() << qint64(0);
-    QTest::newRow("form string not utf-8")
-        << 1 << QByteArray("a=\xff") << QVariant() << own << qint64(JSONHTTPRequestErrorNoResult);
-    QTest::newRow("form string with no pairs")
-        << 1 << QByteArray("garbage") << QVariant(QVariantMap()) << QString() << qint64(0);
-    QByteArray everyByte;
-    for (int i = 0; i < 256; ++i)
-        everyByte += char(i);
-    QTest::newRow("raw bytes exact")
-        << 2 << everyByte << QVariant(everyByte) << QString() << qint64(0);
-    QTest::newRow("unknown type") << 5 << QByteArray("x") << QVariant() << own
-                                  << qint64(JSONHTTPRequestErrorNoResult);
-    QTest::newRow("unknown type, empty body")
-        << 5 << QByteArray() << QVariant(QVariantMap()) << QString() << qint64(0);
-    QTest::newRow("raw, empty body")
-        << 2 << QByteArray() << QVariant(QVariantMap()) << QString() << qint64(0);
-}
-
-void tst_JSONHTTPRequest::responseTypesDeliverTheirObjects()
-{
-    QFETCH(int, type);
-    QFETCH(QByteArray, body);
-    QFETCH(QVariant, object);
-    QFETCH(QString, errorDomain);
-    QFETCH(qint64, errorCode);
-    m_server.setHandler([&](const RecordedRequest &) { return CannedReply::json(body); });
-    RecordingDelegate delegate;
-    JSONHTTPRequest request(m_server.url(u"/typed"_s), &delegate);
-    request.setResponseType(JSONHTTPResponseType(type));
-    runAndRecord(request, delegate);
-    if (object.isValid()) {
-        QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Object);
-        QCOMPARE(delegate.last().object, object);
-        QCOMPARE(delegate.last().object.typeId(), object.typeId());
-    } else {
-        QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Failure);
-        QCOMPARE(delegate.last().error.domain(), errorDomain);
-        QCOMPARE(delegate.last().error.code(), errorCode);
-        QVERIFY(delegate.last().error.userInfo().isEmpty());
-    }
-}
-
-void tst_JSONHTTPRequest::hostileJSONFailsWithTheParsersError()
-{
-    const QList<QByteArray> bodies{
-        "not json",
-        "{\"a\":1,}",
-        "\"raw \x01 control\"",
-        "2.",
-        ".2e-3",
-        "[1] [2]",
-        "\"\xff\xfe\"",
-        QByteArray(200000, '['),
-        QByteArray(100000, '[') + QByteArray(100000, ']'),
-        "1e999999",
-    };
-    for (const QByteArray &body : bodies) {
-        m_server.clear();
-        m_server.setHandler([&](const RecordedRequest &) { return CannedReply::json(body); });
-        RecordingDelegate delegate;
-        JSONHTTPRequest request(m_server.url(u"/hostile"_s), &delegate);
-        runAndRecord(request, delegate);
-        QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Failure);
-        const ZDError error = delegate.last().error;
-        QCOMPARE(error.domain(), ZDJSONErrorDomain);
-        QVERIFY(error.code() != 0);
-        QVERIFY2(!error.userInfo().value(ZDLocalizedDescriptionKey).toString().isEmpty(),
-                 body.left(20).constData());
-    }
-
-    // A large valid document arrives whole.
-    QByteArray big = "[";
-    for (int i = 0; i < 200000; ++i)
-        big += "{\"n\":" + QByteArray::number(i) + "},";
-    big += "null]";
-    m_server.setHandler([&](const RecordedRequest &) { return CannedReply::json(big); });
-    RecordingDelegate delegate;
-    JSONHTTPRequest request(m_server.url(u"/big"_s), &delegate);
-    request.start();
-    QTRY_VERIFY_WITH_TIMEOUT(delegate.endings() == 1, kTimeoutMs);
-    QCOMPARE(delegate.last().object.toList().size(), 200001);
-    QCOMPARE(delegate.last().object.toList().at(199999).toMap().value(u"n"_s),
-             QVariant(qint64(199999)));
 }
 
 // --- progress, cancelling and lifetime --------------------------------------
@@ -718,61 +732,6 @@ void tst_JSONHTTPRequest::transportFailuresGiveExactlyOneFailure()
         QCOMPARE(error.code(), curlCode);
     QVERIFY(!error.localizedDescription().isEmpty());
     QVERIFY(error.userInfo().value(ZDURLErrorURLKey).toString().contains(u"/"_s));
-}
-
-void tst_JSONHTTPRequest::cellularFlagIsHonouredWhenTheLinkIsCellular()
-{
-    zdSetCellularProbeForTesting([] { return true; });
-
-    // Never set: reads false, yet the request may use the cellular link.
-    RecordingDelegate allowed;
-    JSONHTTPRequest untouched(m_server.url(u"/cell"_s), &allowed);
-    QCOMPARE(untouched.allowsCellularAccess(), false);
-    runAndRecord(untouched, allowed);
-    QCOMPARE(allowed.last().kind, RecordingDelegate::Event::Object);
-
-    m_server.clear();
-    RecordingDelegate refused;
-    JSONHTTPRequest request(m_server.url(u"/cell"_s), &refused);
-    request.setAllowsCellularAccess(false);
-    request.start();
-    QTRY_VERIFY_WITH_TIMEOUT(refused.endings() == 1, kTimeoutMs);
-    QCOMPARE(refused.last().error.domain(), ZDURLErrorDomain);
-    QCOMPARE(refused.last().error.code(), qint64(ZDURLErrorCellularAccessDenied));
-    QVERIFY(m_server.requests().isEmpty());
-
-    zdSetCellularProbeForTesting([] { return false; });
-    RecordingDelegate wifi;
-    JSONHTTPRequest onWifi(m_server.url(u"/cell"_s), &wifi);
-    onWifi.setAllowsCellularAccess(false);
-    runAndRecord(onWifi, wifi);
-    QCOMPARE(wifi.last().kind, RecordingDelegate::Event::Object);
-}
-
-void tst_JSONHTTPRequest::headerInjectionIsRefused()
-{
-    RecordingDelegate delegate;
-    JSONHTTPRequest request(m_server.url(u"/inject"_s), &delegate);
-    request.setHTTPHeaderValue(u"X-Note"_s, u"a\r\nX-Injected: 1"_s);
-    request.start();
-    QTRY_VERIFY_WITH_TIMEOUT(delegate.endings() == 1, kTimeoutMs);
-    QCOMPARE(delegate.last().error.domain(), ZDURLErrorDomain);
-    QCOMPARE(delegate.last().error.code(), qint64(ZDURLErrorInvalidHeaderField));
-    settle(100);
-    QVERIFY(m_server.requests().isEmpty());
-}
-
-void tst_JSONHTTPRequest::failuresToStartArriveLaterFromTheEventLoop()
-{
-    for (const QString &url :
-         {u"ftp://127.0.0.1/file"_s, u"http://[::1"_s, u"file:///etc/passwd"_s}) {
-        RecordingDelegate delegate;
-        JSONHTTPRequest request(QUrl(url), &delegate);
-        request.start();
-        QVERIFY(delegate.events.empty());
-        QTRY_VERIFY_WITH_TIMEOUT(delegate.endings() == 1, kTimeoutMs);
-        QCOMPARE(delegate.last().kind, RecordingDelegate::Event::Failure);
-    }
 }
 
 QTEST_GUILESS_MAIN(tst_JSONHTTPRequest)

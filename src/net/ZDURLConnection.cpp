@@ -93,6 +93,10 @@ struct ZDURLConnection::Private
     QPointer<ZDCurlDriver> driver;
     bool inMulti = false;
     bool cancelled = false;
+    // Only a handle whose transfer ended well goes back to the pool: one that
+    // failed early (a refused scheme, say) keeps a state in which curl refuses
+    // some options on the next use.
+    bool recyclable = false;
     char errorBuffer[CURL_ERROR_SIZE] = {};
 
     // The header block being read, and the last complete final response.
@@ -155,7 +159,7 @@ ZDURLConnection::~ZDURLConnection()
 {
     p->detach();
     if (p->easy) {
-        if (p->driver)
+        if (p->driver && p->recyclable)
             p->driver->recycleEasyHandle(p->easy);
         else
             curl_easy_cleanup(p->easy);
@@ -573,6 +577,7 @@ void ZDURLConnection::Private::dispatchProgress()
 
 void ZDURLConnection::Private::dispatchDone(CURLcode result)
 {
+    recyclable = result == CURLE_OK;
     if (cancelled)
         return;
     long status = 0;

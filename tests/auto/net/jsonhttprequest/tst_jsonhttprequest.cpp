@@ -441,6 +441,11 @@ void tst_JSONHTTPRequest::requestsThatMayNotGoFailBeforeSending()
         QCOMPARE(delegate.last().error.domain(), ZDURLErrorDomain);
         QCOMPARE(delegate.last().error.code(), code);
     }
+    // A refusal leaves the transport as it was: the next request goes.
+    zdSetCellularProbeForTesting({});
+    RecordingDelegate next;
+    JSONHTTPRequest after(m_server.url(u"/after"_s), &next);
+    runAndRecord(after, next);
 }
 
 // --- responses --------------------------------------------------------------

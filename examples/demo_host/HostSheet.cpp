@@ -128,12 +128,28 @@ ZDNavigationController *HostSheet::navigation() const
     return m_agent->navigationController();
 }
 
-void HostSheet::open()
+void HostSheet::open(bool ownWindow)
 {
     QWidget *sheet = m_agent->navigationController()->view();
+    if (ownWindow) {
+        m_ownWindowSheet = sheet;
+        sheet->setWindowTitle(windowTitle());
+        sheet->resize(size().isEmpty() ? QSize(320, 480) : size());
+        sheet->show();
+        return;
+    }
     m_pages->insertWidget(0, sheet);
     m_pages->setCurrentWidget(sheet);
     show();
+}
+
+void HostSheet::showPage(QWidget *page)
+{
+    m_pages->setCurrentWidget(page);
+    if (m_ownWindowSheet) {
+        m_ownWindowSheet->hide();
+        show();
+    }
 }
 
 QString HostSheet::describeInterruptedUpload(const ZDUploadJournalEntry &upload)
@@ -249,7 +265,7 @@ void HostSheet::resumeNext()
     // The sign-in's fields are done with: the focus (and with it any
     // on-screen keyboard) goes to the page that is shown now.
     m_agent->resignPublishingSheetResponders();
-    m_pages->setCurrentWidget(m_progressPage);
+    showPage(m_progressPage);
     m_cancelButton->setFocus();
     std::printf("Resuming %s\n", qPrintable(describeInterruptedUpload(upload)));
     std::fflush(stdout);
@@ -325,7 +341,7 @@ void HostSheet::publishingConfirmed()
     const QString title = m_agent->mediaTitle();
     m_progressTitle->setText(u"Publishing \u201c%1\u201d to Demo Video"_s.arg(title));
     m_progressText->setText(u"Preparing\u2026"_s);
-    m_pages->setCurrentWidget(m_progressPage);
+    showPage(m_progressPage);
     std::printf("Publishing \"%s\" (%s, %s quality) to %s\n", qPrintable(title),
                 qPrintable(sizeText(m_videoSize)),
                 m_agent->chosenOption() == 1 ? "high" : "standard",
@@ -475,7 +491,7 @@ void HostSheet::showResult(HostOutcome outcome, const QString &title, const QStr
 {
     m_resultTitle->setText(title);
     m_resultMessage->setText(message);
-    m_pages->setCurrentWidget(m_resultPage);
+    showPage(m_resultPage);
     std::printf("%s: %s\n", qPrintable(title), qPrintable(resultText()));
     std::fflush(stdout);
     if (int(outcome) > int(m_worstOutcome))

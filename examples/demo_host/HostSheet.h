@@ -59,8 +59,10 @@ public:
     HostSheet(const QString &videoPath, const DemoUploadOptions &uploadOptions);
     ~HostSheet() override;
 
-    // Asks the agent for its navigation controller and shows the form.
-    void open();
+    // Asks the agent for its navigation controller and shows the form: inside
+    // this window, or with `ownWindow` as a window of its own with this
+    // window's title (as a host may show a sheet), until the progress page.
+    void open(bool ownWindow = false);
     // Resumes the interrupted uploads one after the other once the user is
     // signed in (at once when already signed in), each on the progress page
     // with a line on the terminal; finished() follows the last, with the worst
@@ -130,6 +132,8 @@ private:
     QPushButton *m_doneButton = nullptr;
     QElapsedTimer m_uploadClock;
     bool m_onTerminal = false;
+    QPointer<QWidget> m_ownWindowSheet; // the form's window, when it has one
+    void showPage(QWidget *page);
     int m_printedPercent = -1;
     ZDPublishPhase m_phase = ZDPublishPhase::Preparing;
     qint64 m_resumedAt = 0;

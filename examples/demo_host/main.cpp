@@ -158,6 +158,9 @@ int main(int argc, char **argv)
     const QCommandLineOption staySignedIn(u"stay-signed-in"_s,
                                           u"The scripted run keeps a stored sign-in."_s);
     const QCommandLineOption dark(u"dark"_s, u"A dark colour scheme."_s);
+    const QCommandLineOption sheetWindow(
+        u"sheet-window"_s,
+        u"Show the publishing sheet as a window of its own, as some hosts do."_s);
     const QCommandLineOption keyboardOnly(
         u"keyboard-only"_s, u"The scripted user uses the keyboard alone, never the mouse."_s);
     const QCommandLineOption journal(
@@ -178,12 +181,12 @@ int main(int argc, char **argv)
         u"yes|no"_s);
     const QCommandLineOption screenshots(u"screenshots"_s, u"Save pictures of the sheet here."_s,
                                          u"dir"_s);
-    parser.addOptions({service,     scriptedOption, tablet,     noKeyring,    mode,
-                       threshold,   memoryLimit,    title,      description,  tags,
-                       category,    access,         hd,         rightFirst,   cancelSheet,
-                       cancelAfter, revoke,         deleteFile, staySignedIn, screenshots,
-                       oauth2,      keyboardOnly,   dark,       journal,      resumeInterrupted,
-                       answerResume});
+    parser.addOptions({service,      scriptedOption, tablet,     noKeyring,    mode,
+                       threshold,    memoryLimit,    title,      description,  tags,
+                       category,     access,         hd,         rightFirst,   cancelSheet,
+                       cancelAfter,  revoke,         deleteFile, staySignedIn, screenshots,
+                       oauth2,       keyboardOnly,   dark,       journal,      resumeInterrupted,
+                       answerResume, sheetWindow});
     parser.process(app);
     if (parser.isSet(dark)) {
         // What a dark system colour scheme hands the application.
@@ -346,7 +349,7 @@ int main(int argc, char **argv)
         // Read the stored sign-in now, before the sheet appears.
         DemoAuthenticator::activeAuthenticator()->loadCredentials();
     }
-    sheet->open();
+    sheet->open(parser.isSet(sheetWindow));
     if (resuming)
         sheet->resumeInterruptedUploads(interrupted);
     else if (offering)

@@ -6,7 +6,8 @@ Usage (under tools/with-atspi): atspi_walk.py ZD_DEMO_HOST
 Starts the host on the display, finds its application on the accessibility bus,
 walks its tree and checks what a screen-reader user would hear: the sign-in
 dialog with named fields, and the form's rows with their roles, names and
-states. Prints the walk; exits non-zero with the reason when something is
+states. The host shows its sheet as a window of its own (--sheet-window), which
+must be announced as a window with the host's title. Prints the walk; exits non-zero with the reason when something is
 missing.
 """
 import os
@@ -87,7 +88,8 @@ def main():
         env = dict(os.environ, QT_QPA_PLATFORM="xcb",
                    XDG_CONFIG_HOME=os.path.join(tmp, "config"),
                    XDG_DATA_HOME=os.path.join(tmp, "data"))
-        proc = subprocess.Popen([host, video, "--no-keyring", "--service", "http://127.0.0.1:9/"],
+        proc = subprocess.Popen([host, video, "--no-keyring", "--sheet-window",
+                                 "--service", "http://127.0.0.1:9/"],
                                 env=env, stdout=log, stderr=subprocess.STDOUT)
         try:
             deadline = time.time() + 60
@@ -120,6 +122,11 @@ def main():
             missing = [w for w in wanted if w not in seen]
             if missing:
                 print("atspi_walk: not on the bus: %s" % missing)
+                return 1
+            windows = [(r[1], r[2]) for r in rows if r[0] == 1]
+            if ("frame", "Photos \u2014 Publish to Demo Video") not in windows:
+                print("atspi_walk: the sheet's own window is not a frame with the host's title: %s"
+                      % windows)
                 return 1
             radios = [r for r in rows if r[1] == "radio button"]
             standard = [r for r in radios if r[2].startswith("Standard, ") and "checked" in r[4]]

@@ -31,6 +31,9 @@ constexpr int kChunksWithoutProgressAllowed = 3;
 // Renewals after a 401 before bytes are confirmed again: tokens may die often,
 // but a service that refuses every fresh one must not hold the upload forever.
 constexpr int kRenewalsWithoutProgress = 3;
+// Answers to the offset query that may disagree before the retry policy takes
+// over: a server still taking in a lost request moves its offset for a while.
+constexpr int kSettleAsksAllowed = 5;
 
 QVariant responseObject(const QByteArray &body)
 {
@@ -271,6 +274,8 @@ void ZDResumableUploadPrivate::sendChunk()
         return;
     chunkStart = entry.offset;
     chunkLength = std::min(chunkSize, total - chunkStart);
+    settlingOffset = -1; // bytes are on the way: earlier answers say nothing any more
+    settleAsks = 0;
     // Recorded before the bytes leave: a server that later claims more is wrong.
     entry.sentUpTo = std::max(entry.sentUpTo, chunkStart + chunkLength);
     saveJournal();
@@ -358,6 +363,8 @@ void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response,
         return failWith(ZDResumableUploadErrorProtocolViolation,
                         u"The service reported %1 bytes, more than the %2 sent."_s.arg(offset).arg(
                             entry.sentUpTo));
+    if (!answer.complete && awaitsSettledOffset(offset))
+        return;
     const bool wasInterrupted = std::exchange(interrupted, false);
     refreshedAfter401 = false; // the renewed credentials were accepted
     if (offset > entry.offset)
@@ -372,7 +379,7 @@ void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response,
             return;
     }
     if (answer.complete)
-        return finish(QByteArray());
+        return finish(body);
     withCredentials(ZDCredentialSource::Reason::BeforeRequest, [this] { sendChunk(); });
 }
 
@@ -555,9 +562,15 @@ void ZDResumableUploadPrivate::retryAfter(const ZDError &reason, qint64 retryAft
         if (!q || step != Step::Waiting)
             return;
     }
-    waitedMsecs += delay;
+    proceedAfter(delay);
+}
+
+void ZDResumableUploadPrivate::proceedAfter(qint64 msecs)
+{
+    step = Step::Waiting;
+    waitedMsecs += msecs;
     std::weak_ptr<ZDResumableUploadPrivate> weak = weak_from_this();
-    timer = clock->callAfter(delay, [weak] {
+    timer = clock->callAfter(msecs, [weak] {
         const auto self = weak.lock();
         if (!self || self->step != Step::Waiting)
             return;
@@ -658,6 +671,35 @@ void ZDResumableUploadPrivate::adaptChunkSize(qint64 bytes, qint64 msecs)
     wanted = std::clamp(wanted / granularity * granularity, granularity,
                         std::max(granularity, kMaximumChunk / granularity * granularity));
     chunkSize = wanted;
+}
+
+bool ZDResumableUploadPrivate::awaitsSettledOffset(qint64 offset)
+{
+    // A server that answers the offset query while it still takes in (or rolls
+    // back) a lost request reports a number that later changes under the next
+    // chunk: bytes would be written at an offset the server then undoes.
+    if (!interrupted || dialect->settlesLostRequests())
+        return false;
+    if (std::exchange(settlingOffset, offset) == offset) {
+        settlingOffset = -1;
+        settleAsks = 0;
+        return false;
+    }
+    // The asks spend the budget as the policy's waits do.
+    const qint64 wait = policy.initialDelayMsecs;
+    if (++settleAsks > kSettleAsksAllowed || waitedMsecs + wait > policy.budgetMsecs) {
+        settlingOffset = -1;
+        settleAsks = 0;
+        retryAfter(ZDError(ZDResumableUploadErrorDomain, ZDResumableUploadErrorProtocolViolation,
+                           {{ZDLocalizedDescriptionKey,
+                             u"The service's offset did not settle after an interruption."_s}}),
+                   -1);
+        return true;
+    }
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "asks again in" << wait << "ms whether"
+                               << offset << "bytes stay";
+    proceedAfter(wait);
+    return true;
 }
 
 void ZDResumableUploadPrivate::reportProgress(qint64 sent)

@@ -457,6 +457,7 @@ void tst_ResumableUpload::resumesFromTheServersOffsetAfterCutsAtRandomOffsets()
 
 void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
 {
+    constexpr qint64 kChunk = 1024 * 1024;
     if (qEnvironmentVariableIsSet("ZD_UPLOAD_CHILD")) {
         // The child: uploads through the throttled proxy until it is killed.
         Recorder recorder;
@@ -464,8 +465,8 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
             ZDUploadProtocol(qEnvironmentVariableIntValue("ZD_UPLOAD_PROTOCOL")),
             QUrl(qEnvironmentVariable("ZD_UPLOAD_ENDPOINT")),
             qEnvironmentVariable("ZD_UPLOAD_FILE"), &recorder);
-        upload.setChunkSize(64 * 1024);
         upload.setChunkGranularity(64 * 1024);
+        upload.setChunkSize(kChunk);
         upload.setJournal(ZDUploadJournal(qEnvironmentVariable("ZD_UPLOAD_JOURNAL")));
         upload.start();
         QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 600000);
@@ -475,9 +476,11 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
     const quint32 seed = QRandomGenerator::global()->generate();
     qInfo("seed %u", seed);
     QRandomGenerator random(seed);
-    for (const ZDUploadProtocol protocol :
-         {ZDUploadProtocol::Tus, ZDUploadProtocol::ResumeIncomplete}) {
-        for (int run = 0; run < 2; ++run) {
+    // The 308 server is still settling the dead chunk when the new upload asks
+    // where it stands, so it gets the most runs: the race must be lost often.
+    for (const auto &[protocol, runs] :
+         {std::pair(ZDUploadProtocol::Tus, 1), std::pair(ZDUploadProtocol::ResumeIncomplete, 5)}) {
+        for (int run = 0; run < runs; ++run) {
             const QString tag = u"%1-%2"_s.arg(int(protocol)).arg(run);
             ResumableServer server;
             const QString failure =
@@ -487,7 +490,7 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
             FaultProxy proxy(server.port());
             QVERIFY(proxy.listen());
             proxy.setThrottle(1024 * 1024);
-            const qint64 size = 1024 * 1024;
+            const qint64 size = 2 * kChunk + 512 * 1024;
             const QByteArray content = patternBytes(size, seed + run);
             const QString path = writeFile(dir, u"clip-"_s + tag, content);
             const QString journalDir = dir.filePath(u"journal-"_s + tag);
@@ -503,7 +506,9 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
             child.start(QCoreApplication::applicationFilePath(),
                         {u"killedUploaderIsResumedFromTheJournalByANewProcess"_s});
             QVERIFY(child.waitForStarted());
-            const qint64 killAt = 64 * 1024 + random.bounded(size - 192 * 1024);
+            // Well inside the first or second chunk.
+            const qint64 killAt =
+                random.bounded(2) * kChunk + 128 * 1024 + random.bounded(256 * 1024);
             QTRY_VERIFY_WITH_TIMEOUT(proxy.uploadedBytes() >= killAt, 60000);
             const ZDUploadJournal journal(journalDir);
             // While the child runs, its entry is not an interrupted upload, and
@@ -511,7 +516,7 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
             const QStringList files = QDir(journalDir).entryList({u"*.json"_s});
             QCOMPARE(files.size(), 1);
             QVERIFY(journal.entries().isEmpty());
-            {
+            if (run == 0) {
                 Recorder second;
                 ZDResumableUpload meddler(*journal.entry(files.front().chopped(5)), &second);
                 meddler.setJournal(journal);
@@ -529,18 +534,31 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
             QCOMPARE(entries.size(), 1);
             // The journal never claims more than went through the proxy.
             QVERIFY(entries.front().offset <= proxy.uploadedBytes());
+            // Resumed at once, as an application restarted by its user would, on
+            // a path of its own while the dead chunk still trickles in.
+            ZDUploadJournalEntry entry = entries.front();
+            entry.endpoint.setPort(server.port());
+            entry.sessionURL.setPort(server.port());
             Recorder recorder;
-            ZDResumableUpload resumed(entries.front(), &recorder);
+            ZDResumableUpload resumed(entry, &recorder);
             resumed.setJournal(journal);
-            proxy.setThrottle(0);
+            resumed.setRetryPolicy(quickPolicy());
+            // Bytes of the dead chunk arriving after the resumption would
+            // land under the new ones (or roll them back).
+            qint64 trickledAfterResuming = 0;
+            proxy.setOnForward(
+                [&](qint64) { trickledAfterResuming += !recorder.resumes.isEmpty(); });
             resumed.start();
             QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
             QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
             QCOMPARE(recorder.resumes.size(), 1);
             QVERIFY(recorder.resumes.front() >= entries.front().offset);
+            if (protocol == ZDUploadProtocol::ResumeIncomplete) // tus servers lock the upload
+                QCOMPARE(trickledAfterResuming, 0);
             QVERIFY(resumed.bytesSent() <= size - recorder.resumes.front());
             QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), 1, 30000);
-            QVERIFY(readFile(server.stored().front()) == content);
+            QVERIFY2(readFile(server.stored().front()) == content,
+                     qPrintable(u"run %1 resumed at %2"_s.arg(tag).arg(recorder.resumes.front())));
             QVERIFY(journal.entries().isEmpty());
         }
     }
@@ -687,10 +705,9 @@ void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter()
         return;
     }
     QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
-    QCOMPARE(clock->waits.size(), 1);
-    QVERIFY2(clock->waits.front() >= minimumWait && clock->waits.front() <= maximumWait,
-             qPrintable(QString::number(clock->waits.front())));
     QCOMPARE(recorder.retries.size(), 1);
+    const qint64 waited = recorder.retries.front().delay;
+    QVERIFY2(waited >= minimumWait && waited <= maximumWait, qPrintable(QString::number(waited)));
     QCOMPARE(recorder.retries.front().offset, 256 * 1024);
     QVERIFY(service.stored == run.content);
     // Resumed where the server stood: the first chunk went once.
@@ -747,7 +764,10 @@ void tst_ResumableUpload::asksAgainAtOnceAfterACutThenWaitsByPolicy()
         QTRY_COMPARE_WITH_TIMEOUT(run.recorder.endings(), 1, 30000);
         QVERIFY2(run.recorder.finishes == 1, qPrintable(run.recorder.error.localizedDescription()));
         QVERIFY(service.stored == run.content);
-        QCOMPARE(run.clock->waits, (QList<qint64>{300, 600, 1000, 300}));
+        QList<qint64> delays;
+        for (const Recorder::Retry &retry : run.recorder.retries)
+            delays.append(retry.delay);
+        QCOMPARE(delays, (QList<qint64>{300, 600, 1000, 300}));
     }
 }
 
@@ -825,7 +845,7 @@ void tst_ResumableUpload::renewsAsOftenAsTokensDieButNotForever()
             QVERIFY2(run.recorder.finishes == 1,
                      qPrintable(run.recorder.error.localizedDescription()));
             QVERIFY(run.service.stored == run.content);
-            QCOMPARE(renewals, 2);
+            QCOMPARE(renewals, 3);
         } else {
             QCOMPARE(run.recorder.failures, 1);
             QCOMPARE(renewals, 3);

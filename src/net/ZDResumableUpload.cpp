@@ -274,6 +274,7 @@ void ZDResumableUploadPrivate::sendChunk()
         return;
     chunkStart = entry.offset;
     chunkLength = std::min(chunkSize, total - chunkStart);
+    chunkCut = false;
     settlingOffset = -1; // bytes are on the way: earlier answers say nothing any more
     settleAsks = 0;
     // Recorded before the bytes leave: a server that later claims more is wrong.
@@ -365,6 +366,7 @@ void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response,
                             entry.sentUpTo));
     if (!answer.complete && awaitsSettledOffset(offset))
         return;
+    shrinkAfterCut(offset);
     const bool wasInterrupted = std::exchange(interrupted, false);
     refreshedAfter401 = false; // the renewed credentials were accepted
     if (offset > entry.offset)
@@ -450,6 +452,8 @@ void ZDResumableUploadPrivate::requestFailed(const ZDError &error,
                                              const std::optional<ZDHTTPResponse> &response,
                                              const QByteArray &body)
 {
+    if (step == Step::SendChunk && isNetworkFault(error))
+        chunkCut = true;
     ZDError annotated = error;
     if (!body.isEmpty()) {
         QVariantMap info = error.userInfo();
@@ -668,9 +672,27 @@ void ZDResumableUploadPrivate::adaptChunkSize(qint64 bytes, qint64 msecs)
     // Grow at most fourfold per chunk and shrink at most by half, so one odd
     // measurement does not swing it.
     wanted = std::clamp(wanted, chunkSize / 2, chunkSize * 4);
-    wanted = std::clamp(wanted / granularity * granularity, granularity,
-                        std::max(granularity, kMaximumChunk / granularity * granularity));
-    chunkSize = wanted;
+    const qint64 maximum = std::max(granularity, kMaximumChunk / granularity * granularity);
+    const qint64 ceiling = chunkCeiling > 0 ? chunkCeiling : maximum;
+    chunkSize =
+        std::clamp(wanted / granularity * granularity, granularity, std::max(granularity, ceiling));
+    // Each chunk that goes through whole lets the size grow back a step
+    // towards where the cuts began.
+    if (chunkCeiling > 0 && bytes >= chunkLength)
+        chunkCeiling = chunkCeiling * 2 >= maximum ? 0 : chunkCeiling * 2;
+}
+
+void ZDResumableUploadPrivate::shrinkAfterCut(qint64 offset)
+{
+    // A service that keeps nothing of a cut chunk (a checksum covers it whole)
+    // would be sent the same range after every cut: a network that breaks more
+    // often than a chunk takes must meet smaller chunks.
+    if (!std::exchange(chunkCut, false) || fixedChunkSize > 0 || offset > chunkStart)
+        return;
+    chunkSize = std::max(granularity, chunkSize / 2 / granularity * granularity);
+    chunkCeiling = chunkSize;
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "lost a chunk whole; chunks are now"
+                               << chunkSize << "bytes";
 }
 
 bool ZDResumableUploadPrivate::awaitsSettledOffset(qint64 offset)

@@ -114,6 +114,8 @@ public:
 // whatever the file's size. Without setChunkSize() the size is chosen so that a
 // request lasts about five seconds at the measured rate: it starts at 1 MiB,
 // stays a multiple of the granularity (256 KiB unless set) and at most 64 MiB.
+// A chunk cut without a byte of it kept halves the size (down to the
+// granularity); it grows back a step with each chunk that goes through whole.
 //
 // Credentials: with a credential source, the engine asks it before every
 // request (Reason::BeforeRequest) and once more after a 401 (Reason::Unauthorized),

@@ -31,6 +31,7 @@ public:
     qint64 fixedChunkSize = 0;
     qint64 granularity = 256 * 1024;
     qint64 chunkSize = 1024 * 1024;
+    qint64 chunkCeiling = 0; // how far the measured rate may grow chunks (0: the maximum)
     bool checksums = true;
     QString serverDigestKey;
     ZDDigestAlgorithm serverDigestAlgorithm = ZDDigestAlgorithm::MD5;
@@ -64,6 +65,7 @@ public:
     int renewalsSinceProgress = 0;
     int chunksWithoutProgress = 0;
     bool interrupted = false;   // a failure happened: the next offset is a resumption
+    bool chunkCut = false;      // the chunk in flight was lost on the way
     qint64 settlingOffset = -1; // the last answer while the offset is not yet trusted
     int settleAsks = 0;
 
@@ -117,6 +119,8 @@ public:
     // After a resumption on a server that may still be settling a lost request:
     // whether `offset` needs asking again before it is trusted (and asks).
     bool awaitsSettledOffset(qint64 offset);
+    // A chunk lost whole makes the next ones smaller.
+    void shrinkAfterCut(qint64 offset);
     bool fileStillSame(); // fails the upload when not
     void reportProgress(qint64 sent);
 

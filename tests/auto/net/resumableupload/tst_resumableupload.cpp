@@ -261,6 +261,7 @@ private Q_SLOTS:
     void resumesFromTheServersOffsetAfterCutsAtRandomOffsets_data();
     void resumesFromTheServersOffsetAfterCutsAtRandomOffsets();
     void killedUploaderIsResumedFromTheJournalByANewProcess();
+    void shrinksChunksUntilTheyFitBetweenCuts();
     void aChangedFileIsNeverResumedOntoItsOldSession_data();
     void aChangedFileIsNeverResumedOntoItsOldSession();
     void retriesOnlyWhatIsRetryableAndHonoursRetryAfter_data();
@@ -562,6 +563,35 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
             QVERIFY(journal.entries().isEmpty());
         }
     }
+}
+
+void tst_ResumableUpload::shrinksChunksUntilTheyFitBetweenCuts()
+{
+    // The 308 server keeps nothing of a chunk whose checksum it could not
+    // check; the chunks begin at 1 MiB, larger than the stretch between cuts.
+    QTemporaryDir dir;
+    ResumableServer server;
+    const QString failure = server.start(u"308"_s, dir.filePath(u"store"_s));
+    QVERIFY2(failure.isEmpty(), qPrintable(failure));
+    const QByteArray content = patternBytes(3 * 1024 * 1024 + 5, 11);
+    const QString path = writeFile(dir, u"clip.mov"_s, content);
+    FaultProxy proxy(server.port());
+    QVERIFY(proxy.listen());
+    proxy.cutAfter(700 * 1024, true);
+    Recorder recorder;
+    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete,
+                             QUrl(u"http://127.0.0.1:%1/files"_s.arg(proxy.port())), path,
+                             &recorder);
+    upload.setChunkGranularity(64 * 1024);
+    ZDRetryPolicy policy = quickPolicy();
+    policy.initialDelayMsecs = 100;
+    policy.budgetMsecs = 5000;
+    upload.setRetryPolicy(policy);
+    upload.start();
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
+    QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
+    QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), 1, 30000);
+    QVERIFY(readFile(server.stored().front()) == content);
 }
 
 void tst_ResumableUpload::aChangedFileIsNeverResumedOntoItsOldSession_data()

@@ -66,8 +66,9 @@ public:
     void uploadWillRetry(ZDResumableUpload *, const ZDError &reason, qint64 delay,
                          qint64 offset) override
     {
-        retries.append({reason, delay, offset});
+        retries.append(reason);
         delays.append(delay);
+        retriedAt.append(offset);
     }
     void uploadDidResume(ZDResumableUpload *, qint64 offset) override { resumes.append(offset); }
 
@@ -77,14 +78,9 @@ public:
     int failures = 0;
     ZDError error;
     QList<qint64> progress;
-    struct Retry
-    {
-        ZDError reason;
-        qint64 delay;
-        qint64 offset;
-    };
-    QList<Retry> retries;
-    QList<qint64> delays; // of the retries
+    QList<ZDError> retries; // their reasons
+    QList<qint64> delays;
+    QList<qint64> retriedAt; // the confirmed offsets
     QList<qint64> resumes;
     std::function<void(ZDResumableUpload *)> onEnd;
     std::function<void(ZDResumableUpload *, qint64)> onProgress;
@@ -441,11 +437,12 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
             const QString journalDir = peer.dir.filePath(u"journal"_s);
             QProcess child;
             QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-            env.insert(u"ZD_UPLOAD_CHILD"_s, u"1"_s);
-            env.insert(u"ZD_UPLOAD_PROTOCOL"_s, QString::number(int(protocol)));
-            env.insert(u"ZD_UPLOAD_ENDPOINT"_s, peer.endpoint().toString());
-            env.insert(u"ZD_UPLOAD_FILE"_s, peer.path);
-            env.insert(u"ZD_UPLOAD_JOURNAL"_s, journalDir);
+            for (const auto &[name, value] : {std::pair(u"CHILD"_s, u"1"_s),
+                                              {u"PROTOCOL"_s, QString::number(int(protocol))},
+                                              {u"ENDPOINT"_s, peer.endpoint().toString()},
+                                              {u"FILE"_s, peer.path},
+                                              {u"JOURNAL"_s, journalDir}})
+                env.insert(u"ZD_UPLOAD_"_s + name, value);
             child.setProcessEnvironment(env);
             child.start(QCoreApplication::applicationFilePath(),
                         {u"killedUploaderIsResumedFromTheJournalByANewProcess"_s});
@@ -659,10 +656,9 @@ void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter()
         return;
     }
     QVERIFY2(recorder.finishes == 1, describe(recorder.error));
-    QCOMPARE(recorder.retries.size(), 1);
-    const qint64 waited = recorder.retries.front().delay;
+    QCOMPARE(recorder.retriedAt, QList<qint64>{256 * 1024});
+    const qint64 waited = recorder.delays.front();
     QVERIFY2(waited >= minimumWait && waited <= maximumWait, qPrintable(QString::number(waited)));
-    QCOMPARE(recorder.retries.front().offset, 256 * 1024);
     QVERIFY(run.service.stored == run.content);
     // Resumed where the server stood: the first chunk went once.
     QCOMPARE(run.upload->bytesSent(), run.content.size() + 256 * 1024);
@@ -981,7 +977,7 @@ void tst_ResumableUpload::retriesACredentialSourceThatCannotReachItsServiceButNo
     }
     QVERIFY2(run.recorder.finishes == 1, describe(run.recorder.error));
     QCOMPARE(run.recorder.retries.size(), 1);
-    QCOMPARE(run.recorder.retries.front().reason.domain(), failure.domain());
+    QCOMPARE(run.recorder.retries.front().domain(), failure.domain());
     QCOMPARE(run.recorder.delays, QList<qint64>{300});
     QVERIFY(run.service.stored == run.content);
 }
@@ -1027,8 +1023,6 @@ void tst_ResumableUpload::refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole()
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
     QCOMPARE(recorder.error.domain(), ZDResumableUploadErrorDomain);
     QCOMPARE(recorder.error.code(), ZDResumableUploadErrorProtocolViolation);
-    QTest::qWait(50);
-    QCOMPARE(recorder.endings(), 1);
     QCOMPARE(run.loopback.requests().size(), 2); // nothing more was sent
 }
 

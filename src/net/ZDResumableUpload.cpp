@@ -31,6 +31,9 @@ constexpr int kChunksWithoutProgressAllowed = 3;
 // Renewals after a 401 before bytes are confirmed again: tokens may die often,
 // but a service that refuses every fresh one must not hold the upload forever.
 constexpr int kRenewalsWithoutProgress = 3;
+// Answers to the offset query that may disagree before the retry policy takes
+// over: a server still taking in a lost request moves its offset for a while.
+constexpr int kSettleAsksAllowed = 5;
 
 QVariant responseObject(const QByteArray &body)
 {
@@ -271,6 +274,9 @@ void ZDResumableUploadPrivate::sendChunk()
         return;
     chunkStart = entry.offset;
     chunkLength = std::min(chunkSize, total - chunkStart);
+    chunkCut = false;
+    settlingOffset = -1; // bytes are on the way: earlier answers say nothing any more
+    settleAsks = 0;
     // Recorded before the bytes leave: a server that later claims more is wrong.
     entry.sentUpTo = std::max(entry.sentUpTo, chunkStart + chunkLength);
     saveJournal();
@@ -358,6 +364,9 @@ void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response,
         return failWith(ZDResumableUploadErrorProtocolViolation,
                         u"The service reported %1 bytes, more than the %2 sent."_s.arg(offset).arg(
                             entry.sentUpTo));
+    if (!answer.complete && awaitsSettledOffset(offset))
+        return;
+    shrinkAfterCut(offset);
     const bool wasInterrupted = std::exchange(interrupted, false);
     refreshedAfter401 = false; // the renewed credentials were accepted
     if (offset > entry.offset)
@@ -372,7 +381,7 @@ void ZDResumableUploadPrivate::offsetAnswered(const ZDHTTPResponse &response,
             return;
     }
     if (answer.complete)
-        return finish(QByteArray());
+        return finish(body);
     withCredentials(ZDCredentialSource::Reason::BeforeRequest, [this] { sendChunk(); });
 }
 
@@ -443,6 +452,8 @@ void ZDResumableUploadPrivate::requestFailed(const ZDError &error,
                                              const std::optional<ZDHTTPResponse> &response,
                                              const QByteArray &body)
 {
+    if (step == Step::SendChunk && isNetworkFault(error))
+        chunkCut = true;
     ZDError annotated = error;
     if (!body.isEmpty()) {
         QVariantMap info = error.userInfo();
@@ -555,9 +566,15 @@ void ZDResumableUploadPrivate::retryAfter(const ZDError &reason, qint64 retryAft
         if (!q || step != Step::Waiting)
             return;
     }
-    waitedMsecs += delay;
+    proceedAfter(delay);
+}
+
+void ZDResumableUploadPrivate::proceedAfter(qint64 msecs)
+{
+    step = Step::Waiting;
+    waitedMsecs += msecs;
     std::weak_ptr<ZDResumableUploadPrivate> weak = weak_from_this();
-    timer = clock->callAfter(delay, [weak] {
+    timer = clock->callAfter(msecs, [weak] {
         const auto self = weak.lock();
         if (!self || self->step != Step::Waiting)
             return;
@@ -655,9 +672,56 @@ void ZDResumableUploadPrivate::adaptChunkSize(qint64 bytes, qint64 msecs)
     // Grow at most fourfold per chunk and shrink at most by half, so one odd
     // measurement does not swing it.
     wanted = std::clamp(wanted, chunkSize / 2, chunkSize * 4);
-    wanted = std::clamp(wanted / granularity * granularity, granularity,
-                        std::max(granularity, kMaximumChunk / granularity * granularity));
-    chunkSize = wanted;
+    const qint64 maximum = std::max(granularity, kMaximumChunk / granularity * granularity);
+    const qint64 ceiling = chunkCeiling > 0 ? chunkCeiling : maximum;
+    chunkSize =
+        std::clamp(wanted / granularity * granularity, granularity, std::max(granularity, ceiling));
+    // Each chunk that goes through whole lets the size grow back a step
+    // towards where the cuts began.
+    if (chunkCeiling > 0 && bytes >= chunkLength)
+        chunkCeiling = chunkCeiling * 2 >= maximum ? 0 : chunkCeiling * 2;
+}
+
+void ZDResumableUploadPrivate::shrinkAfterCut(qint64 offset)
+{
+    // A service that keeps nothing of a cut chunk (a checksum covers it whole)
+    // would be sent the same range after every cut: a network that breaks more
+    // often than a chunk takes must meet smaller chunks.
+    if (!std::exchange(chunkCut, false) || fixedChunkSize > 0 || offset > chunkStart)
+        return;
+    chunkSize = std::max(granularity, chunkSize / 2 / granularity * granularity);
+    chunkCeiling = chunkSize;
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "lost a chunk whole; chunks are now"
+                               << chunkSize << "bytes";
+}
+
+bool ZDResumableUploadPrivate::awaitsSettledOffset(qint64 offset)
+{
+    // A server that answers the offset query while it still takes in (or rolls
+    // back) a lost request reports a number that later changes under the next
+    // chunk: bytes would be written at an offset the server then undoes.
+    if (!interrupted || dialect->settlesLostRequests())
+        return false;
+    if (std::exchange(settlingOffset, offset) == offset) {
+        settlingOffset = -1;
+        settleAsks = 0;
+        return false;
+    }
+    // The asks spend the budget as the policy's waits do.
+    const qint64 wait = policy.initialDelayMsecs;
+    if (++settleAsks > kSettleAsksAllowed || waitedMsecs + wait > policy.budgetMsecs) {
+        settlingOffset = -1;
+        settleAsks = 0;
+        retryAfter(ZDError(ZDResumableUploadErrorDomain, ZDResumableUploadErrorProtocolViolation,
+                           {{ZDLocalizedDescriptionKey,
+                             u"The service's offset did not settle after an interruption."_s}}),
+                   -1);
+        return true;
+    }
+    qCDebug(lcZDNet).noquote() << "upload" << entry.id << "asks again in" << wait << "ms whether"
+                               << offset << "bytes stay";
+    proceedAfter(wait);
+    return true;
 }
 
 void ZDResumableUploadPrivate::reportProgress(qint64 sent)

@@ -105,11 +105,17 @@ public:
 // goes on from there, never from the start (except with a dialect that cannot
 // resume, such as Multipart). An offset beyond the bytes ever sent for the session, or a range that
 // does not run from byte 0, fails the upload as a protocol violation.
+// After any interruption (a journal's entry resumed included), a service that
+// may still be settling a lost request (ZDUploadDialect::settlesLostRequests()
+// false) is asked again after the policy's initial delay until two answers in
+// a row agree; after six that do not, the policy's waits take over.
 //
 // Chunks are read from the file while they are sent, so memory stays flat
 // whatever the file's size. Without setChunkSize() the size is chosen so that a
 // request lasts about five seconds at the measured rate: it starts at 1 MiB,
 // stays a multiple of the granularity (256 KiB unless set) and at most 64 MiB.
+// A chunk cut without a byte of it kept halves the size (down to the
+// granularity); it grows back a step with each chunk that goes through whole.
 //
 // Credentials: with a credential source, the engine asks it before every
 // request (Reason::BeforeRequest) and once more after a 401 (Reason::Unauthorized),
@@ -178,7 +184,12 @@ public:
     // Per-chunk checksums where the dialect has them; on by default.
     void setChecksumsEnabled(bool enabled);
     // A whole-file digest the service reports in its final JSON answer under
-    // `key` (hexadecimal, any case): compared with the file's own digest.
+    // `key` (hexadecimal, any case): compared with the file's own digest. It is
+    // the one check that the stored bytes are the file's; a settled offset only
+    // says how many there are. Where the service reports none, a plug-in should
+    // keep per-chunk checksums on, and compare what the service says it stored
+    // (a size, a digest from a later query) before it tells the user the video
+    // is up.
     void setServerDigestKey(const QString &key, ZDDigestAlgorithm algorithm);
     // Marks refusals that the policy should retry although they are 4xx (a
     // service's own rate-limit answer, say a 403 whose body names the limit).

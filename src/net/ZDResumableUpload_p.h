@@ -31,6 +31,7 @@ public:
     qint64 fixedChunkSize = 0;
     qint64 granularity = 256 * 1024;
     qint64 chunkSize = 1024 * 1024;
+    qint64 chunkCeiling = 0; // how far the measured rate may grow chunks (0: the maximum)
     bool checksums = true;
     QString serverDigestKey;
     ZDDigestAlgorithm serverDigestAlgorithm = ZDDigestAlgorithm::MD5;
@@ -63,7 +64,10 @@ public:
     bool renewalOwed = false;       // a renewal after a 401 could not reach its service
     int renewalsSinceProgress = 0;
     int chunksWithoutProgress = 0;
-    bool interrupted = false; // a failure happened: the next offset is a resumption
+    bool interrupted = false;   // a failure happened: the next offset is a resumption
+    bool chunkCut = false;      // the chunk in flight was lost on the way
+    qint64 settlingOffset = -1; // the last answer while the offset is not yet trusted
+    int settleAsks = 0;
 
     Step step = Step::Idle;
     std::unique_ptr<JSONHTTPRequest> request;
@@ -98,6 +102,8 @@ public:
     // Waits by the policy, or `retryAfterMsecs` when longer (-1: none; 0: at
     // once, granted once until bytes are confirmed again), then asks the server.
     void retryAfter(const ZDError &reason, qint64 retryAfterMsecs);
+    // Waits `msecs` (spending the budget), then goes on with proceed().
+    void proceedAfter(qint64 msecs);
     void madeProgress(); // bytes were confirmed: the retry policy starts over
     void fail(const ZDError &error);
     void failWith(ZDResumableUploadError code, const QString &description,
@@ -110,6 +116,11 @@ public:
                                                  JSONHTTPRequestDelegate *to);
     void send(const ZDUploadWireRequest &wire, Step sending);
     void adaptChunkSize(qint64 bytes, qint64 msecs);
+    // After a resumption on a server that may still be settling a lost request:
+    // whether `offset` needs asking again before it is trusted (and asks).
+    bool awaitsSettledOffset(qint64 offset);
+    // A chunk lost whole makes the next ones smaller.
+    void shrinkAfterCut(qint64 offset);
     bool fileStillSame(); // fails the upload when not
     void reportProgress(qint64 sent);
 

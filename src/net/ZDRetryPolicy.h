@@ -20,7 +20,8 @@
 // it stands at once, but only once until bytes are confirmed again; a failure
 // after that waits as above, so a server that answers the same way forever
 // meets the budget. A 308 service may still be settling a lost request when
-// asked, so a cut there waits as above from the first retry. (A dialect of its
+// asked, so a cut there waits as above from the first retry, and its offset is
+// asked again after initialDelay until two answers agree. (A dialect of its
 // own says which of the two its servers do: ZDUploadDialect::settlesLostRequests().)
 // While the system reports no network (ZDNetworkReachability) the engine waits
 // for it to come back without spending the budget.

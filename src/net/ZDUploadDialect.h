@@ -124,7 +124,9 @@ public:
     virtual bool hasTermination() const;
     // The server finishes with a request that lost its connection before it
     // answers the next offset query, so asking again at once is safe after a
-    // cut. False makes the first retry after a cut wait by the policy.
+    // cut. False makes the first retry after a cut wait by the policy, and the
+    // offset is trusted after any interruption only once two answers a wait
+    // apart agree.
     virtual bool settlesLostRequests() const;
 
     virtual ZDUploadWireRequest creationRequest(const ZDUploadDialectContext &context) const;

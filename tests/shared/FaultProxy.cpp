@@ -87,7 +87,10 @@ void FaultProxy::onNewConnection()
             if (link->client)
                 link->client->write(link->server->readAll());
         });
-        connect(client, &QTcpSocket::disconnected, this, [this, link] { closeLink(link); });
+        connect(client, &QTcpSocket::disconnected, this, [this, link] {
+            link->clientGone = true;
+            pump(link);
+        });
         connect(link->server, &QTcpSocket::disconnected, this, [this, link] { closeLink(link); });
         link->server->connectToHost(QHostAddress::LocalHost, m_targetPort);
     }
@@ -95,9 +98,14 @@ void FaultProxy::onNewConnection()
 
 void FaultProxy::pump(Link *link)
 {
-    if (!m_links.contains(link) || !link->server ||
-        link->server->state() != QAbstractSocket::ConnectedState || m_stalled)
+    if (!m_links.contains(link))
         return;
+    if (!link->server || link->server->state() != QAbstractSocket::ConnectedState || m_stalled) {
+        if (link->clientGone &&
+            (!link->server || link->server->state() == QAbstractSocket::UnconnectedState))
+            closeLink(link);
+        return;
+    }
     for (;;) {
         if (link->pending.isEmpty() && link->client)
             link->pending = link->client->read(kInFlight);
@@ -123,7 +131,10 @@ void FaultProxy::pump(Link *link)
             m_onForward(m_uploaded);
     }
     if (m_nextCut >= 0 && m_uploaded >= m_nextCut)
-        cut(link);
+        return cut(link);
+    if (link->clientGone && link->pending.isEmpty() &&
+        (!link->client || link->client->bytesAvailable() == 0))
+        closeLink(link);
 }
 
 void FaultProxy::cut(Link *link)

@@ -22,6 +22,9 @@ public:
     bool listen();
     quint16 port() const { return m_server.serverPort(); }
 
+    // A client that goes away (a killed process) leaves what it sent on the
+    // way: the server still gets it, at the throttle's pace, then the close.
+    //
     // Cuts (resets) the connection once `bytes` more upload bytes have passed;
     // with `repeat`, again every `bytes` after that. The client's side closes
     // at once (a reset while it is still sending); the server gets the bytes
@@ -51,6 +54,7 @@ private:
         QPointer<QTcpSocket> client;
         QPointer<QTcpSocket> server;
         QByteArray pending; // towards the server, held by a stall or throttle
+        bool clientGone = false;
     };
     void onNewConnection();
     void pump(Link *link);

@@ -13,7 +13,6 @@
 #include <QJsonDocument>
 #include <QLocale>
 #include <QRandomGenerator>
-#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -24,24 +23,7 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-QByteArray patternBytes(qint64 size, quint32 seed)
-{
-    QByteArray bytes(size, Qt::Uninitialized);
-    QRandomGenerator generator(seed);
-    generator.fillRange(reinterpret_cast<quint32 *>(bytes.data()), size / 4);
-    for (qint64 i = size / 4 * 4; i < size; ++i)
-        bytes[i] = char(i);
-    return bytes;
-}
-
-QString writeFile(const QTemporaryDir &dir, const QString &name, const QByteArray &bytes)
-{
-    const QString path = dir.filePath(name);
-    QFile file(path);
-    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
-        return QString();
-    return path;
-}
+using Header = std::pair<QByteArray, QByteArray>;
 
 QByteArray readFile(const QString &path)
 {
@@ -49,36 +31,22 @@ QByteArray readFile(const QString &path)
     return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
 }
 
-// Measures waits instead of sleeping: every wait passes at once and is recorded.
-class FakeClock : public ZDUploadClock
+// The error as a failure message: the service's status and reason with it.
+QByteArray describe(const ZDError &error)
 {
-public:
-    qint64 msecsNow() const override { return m_now; }
-    std::shared_ptr<void> callAfter(qint64 msecs, std::function<void()> callback) override
-    {
-        waits.append(msecs);
-        m_now += msecs;
-        auto handle = std::make_shared<char>();
-        std::weak_ptr<char> alive = handle;
-        QTimer::singleShot(0, [alive, callback = std::move(callback)] {
-            if (!alive.expired())
-                callback();
-        });
-        return handle;
-    }
-    QList<qint64> waits;
-
-private:
-    qint64 m_now = 0;
-};
+    return (error.localizedDescription() +
+            u" (status %1) "_s.arg(
+                error.userInfo().value(ZDHTTPResponseKey).value<ZDHTTPResponse>().statusCode()) +
+            QString::fromUtf8(error.userInfo().value(ZDResponseBodyKey).toByteArray()))
+        .toUtf8();
+}
 
 class Recorder : public ZDResumableUploadDelegate
 {
 public:
-    void uploadDidFinish(ZDResumableUpload *upload, const QVariant &answer) override
+    void uploadDidFinish(ZDResumableUpload *upload, const QVariant &) override
     {
         ++finishes;
-        response = answer;
         if (onEnd)
             onEnd(upload);
     }
@@ -89,16 +57,18 @@ public:
         if (onEnd)
             onEnd(upload);
     }
-    void uploadHasSentBytes(ZDResumableUpload *upload, qint64 sent, qint64 total) override
+    void uploadHasSentBytes(ZDResumableUpload *upload, qint64 sent, qint64) override
     {
-        progress.append({sent, total});
+        progress.append(sent);
         if (onProgress)
             onProgress(upload, sent);
     }
     void uploadWillRetry(ZDResumableUpload *, const ZDError &reason, qint64 delay,
                          qint64 offset) override
     {
-        retries.append({reason, delay, offset});
+        retries.append(reason);
+        delays.append(delay);
+        retriedAt.append(offset);
     }
     void uploadDidResume(ZDResumableUpload *, qint64 offset) override { resumes.append(offset); }
 
@@ -106,19 +76,53 @@ public:
 
     int finishes = 0;
     int failures = 0;
-    QVariant response;
     ZDError error;
-    QList<std::pair<qint64, qint64>> progress;
-    struct Retry
-    {
-        ZDError reason;
-        qint64 delay;
-        qint64 offset;
-    };
-    QList<Retry> retries;
+    QList<qint64> progress;
+    QList<ZDError> retries; // their reasons
+    QList<qint64> delays;
+    QList<qint64> retriedAt; // the confirmed offsets
     QList<qint64> resumes;
     std::function<void(ZDResumableUpload *)> onEnd;
     std::function<void(ZDResumableUpload *, qint64)> onProgress;
+};
+
+// A file and an independent server (tus or 308) to upload it to, maybe through
+// a fault proxy.
+struct PeerRun
+{
+    QTemporaryDir dir;
+    ResumableServer server;
+    QByteArray content;
+    QString path;
+    std::unique_ptr<FaultProxy> proxy;
+
+    QString start(ZDUploadProtocol protocol, qint64 size, quint32 seed, bool proxied = false)
+    {
+        content = randomBytes(size, seed);
+        path = dir.filePath(u"clip.mov"_s);
+        if (!writeFile(path, content))
+            return u"cannot write the file"_s;
+        const QString failure = server.start(
+            protocol == ZDUploadProtocol::Tus ? u"tus"_s : u"308"_s, dir.filePath(u"store"_s));
+        if (failure.isEmpty() && proxied) {
+            proxy = std::make_unique<FaultProxy>(server.port());
+            if (!proxy->listen())
+                return u"the proxy cannot listen"_s;
+        }
+        return failure;
+    }
+    QUrl endpoint() const
+    {
+        return proxy ? QUrl(u"http://127.0.0.1:%1/files"_s.arg(proxy->port()))
+                     : server.url(u"/files"_s);
+    }
+    // Whether the server stored exactly the file, once it says it stored it.
+    bool storedTheFile(int uploads = 1)
+    {
+        if (!QTest::qWaitFor([&] { return server.stored().size() == uploads; }, 30000))
+            return false;
+        return readFile(server.stored().last()) == content;
+    }
 };
 
 // Hands out signers that add "Authorization: Bearer token-N", N counting renewals.
@@ -162,15 +166,14 @@ struct Mini308
             if (auto reply = fault(request))
                 return *reply;
         }
+        CannedReply reply;
         if (request.method == "POST") {
             total = request.header("X-Upload-Content-Length").toLongLong();
-            CannedReply reply;
             reply.status = 201;
             reply.headers = {{"Location", "/session/1"}};
             return reply;
         }
         const QByteArray range = request.header("Content-Range");
-        CannedReply reply;
         if (!range.startsWith("bytes */")) {
             const qint64 start = range.mid(6, range.indexOf('-') - 6).toLongLong();
             if (start > stored.size()) {
@@ -183,7 +186,6 @@ struct Mini308
         if (stored.size() == total)
             return CannedReply::json(R"({"done":true})");
         reply.status = 308;
-        reply.reason = "Resume Incomplete";
         if (!stored.isEmpty())
             reply.headers = {{"Range", "bytes=0-" + QByteArray::number(stored.size() - 1)}};
         return reply;
@@ -220,14 +222,14 @@ struct MiniUpload
     Mini308 service;
     LoopbackHTTPServer loopback;
     Recorder recorder;
-    std::shared_ptr<FakeClock> clock = std::make_shared<FakeClock>();
+    std::shared_ptr<FakeUploadClock> clock = std::make_shared<FakeUploadClock>();
     std::unique_ptr<ZDResumableUpload> upload;
 
     bool prepare(qint64 size, quint32 seed)
     {
-        content = patternBytes(size, seed);
-        const QString path = writeFile(dir, u"clip.mov"_s, content);
-        if (path.isEmpty() || !loopback.listen())
+        content = randomBytes(size, seed);
+        const QString path = dir.filePath(u"clip.mov"_s);
+        if (!writeFile(path, content) || !loopback.listen())
             return false;
         loopback.setHandler(
             [this](const RecordedRequest &request) { return service.handle(request); });
@@ -261,6 +263,7 @@ private Q_SLOTS:
     void resumesFromTheServersOffsetAfterCutsAtRandomOffsets_data();
     void resumesFromTheServersOffsetAfterCutsAtRandomOffsets();
     void killedUploaderIsResumedFromTheJournalByANewProcess();
+    void shrinksChunksUntilTheyFitBetweenCuts();
     void aChangedFileIsNeverResumedOntoItsOldSession_data();
     void aChangedFileIsNeverResumedOntoItsOldSession();
     void retriesOnlyWhatIsRetryableAndHonoursRetryAfter_data();
@@ -268,11 +271,11 @@ private Q_SLOTS:
     void asksAgainAtOnceAfterACutThenWaitsByPolicy();
     void aServerThatNeverLetsGoMeetsTheBudget_data();
     void aServerThatNeverLetsGoMeetsTheBudget();
-    void renewsAsOftenAsTokensDieButNotForever();
+    void renewsCredentialsAfterA401ButNotForever_data();
+    void renewsCredentialsAfterA401ButNotForever();
     void anAnswerTooLargeToHoldEndsTheUpload();
     void abortHangsUpOnAnAnswerTooLargeToHold();
     void waitsForTheNetworkWithoutSpendingTheBudget();
-    void renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset();
     void aCredentialSourceGoneWhileAskedFailsTheUpload();
     void retriesACredentialSourceThatCannotReachItsServiceButNotARefusal_data();
     void retriesACredentialSourceThatCannotReachItsServiceButNotARefusal();
@@ -281,9 +284,6 @@ private Q_SLOTS:
     void resendsAChunkWhoseChecksumIsRefusedThenGivesUp_data();
     void resendsAChunkWhoseChecksumIsRefusedThenGivesUp();
     void destroyingTheUploadInsideACallbackEndsItQuietly();
-
-private:
-    QString m_peers;
 };
 
 void tst_ResumableUpload::init()
@@ -293,44 +293,34 @@ void tst_ResumableUpload::init()
 
 void tst_ResumableUpload::storesTheFileByteForByteWithEachProtocol_data()
 {
-    QTest::addColumn<int>("protocol");
-    QTest::newRow("tus (@tus/server)") << int(ZDUploadProtocol::Tus);
-    QTest::newRow("308 (@uploadx/core)") << int(ZDUploadProtocol::ResumeIncomplete);
-    QTest::newRow("multipart (busboy)") << int(ZDUploadProtocol::Multipart);
+    QTest::addColumn<ZDUploadProtocol>("protocol");
+    QTest::newRow("tus (@tus/server)") << ZDUploadProtocol::Tus;
+    QTest::newRow("308 (@uploadx/core)") << ZDUploadProtocol::ResumeIncomplete;
+    QTest::newRow("multipart (busboy)") << ZDUploadProtocol::Multipart;
 }
 
 void tst_ResumableUpload::storesTheFileByteForByteWithEachProtocol()
 {
-    QFETCH(int, protocol);
-    QTemporaryDir dir;
-    // Not a multiple of the chunk size, so the last chunk is short.
-    const QByteArray content = patternBytes(1300 * 1024 + 3, 7);
-    const QString path = writeFile(dir, u"clip.mov"_s, content);
-    const ZDUploadJournal journal(dir.filePath(u"journal"_s));
-    Recorder recorder;
-
-    ResumableServer server;
+    QFETCH(ZDUploadProtocol, protocol);
+    const bool multipart = protocol == ZDUploadProtocol::Multipart;
+    PeerRun run;
     LoopbackHTTPServer loopback;
-    QUrl endpoint;
-    if (protocol == int(ZDUploadProtocol::Multipart)) {
-        QVERIFY(loopback.listen());
-        loopback.setHandler([](const RecordedRequest &) { return CannedReply::json("{}"); });
-        endpoint = loopback.url(u"/upload"_s);
-    } else {
-        const QString failure = server.start(
-            protocol == int(ZDUploadProtocol::Tus) ? u"tus"_s : u"308"_s, dir.filePath(u"store"_s));
-        QVERIFY2(failure.isEmpty(), qPrintable(failure));
-        endpoint = server.url(u"/files"_s);
-    }
-    ZDResumableUpload upload(ZDUploadProtocol(protocol), endpoint, path, &recorder);
+    // Not a multiple of the chunk size, so the last chunk is short.
+    QString failure = run.start(protocol, 1300 * 1024 + 3, 7);
+    QVERIFY2(failure.isEmpty(), qPrintable(failure));
+    QVERIFY(loopback.listen());
+    loopback.setHandler([](const RecordedRequest &) { return CannedReply::json("{}"); });
+    const ZDUploadJournal journal(run.dir.filePath(u"journal"_s));
+    Recorder recorder;
+    ZDResumableUpload upload(protocol, multipart ? loopback.url(u"/upload"_s) : run.endpoint(),
+                             run.path, &recorder);
     upload.setMetadata({{u"filename"_s, u"clip.mov"_s}, {u"title"_s, u"Trip"_s}});
     upload.setChunkSize(256 * 1024);
     upload.setJournal(journal);
     upload.start();
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
-    QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
-
-    if (protocol == int(ZDUploadProtocol::Multipart)) {
+    QVERIFY2(recorder.finishes == 1, describe(recorder.error));
+    if (multipart) {
         QCOMPARE(loopback.requests().size(), 1);
         const RecordedRequest &sent = loopback.requests().front();
         QProcess parser;
@@ -341,60 +331,50 @@ void tst_ResumableUpload::storesTheFileByteForByteWithEachProtocol()
         parser.write(sent.body);
         parser.closeWriteChannel();
         QVERIFY(parser.waitForFinished(60000));
-        const QVariantList parts =
-            QJsonDocument::fromJson(parser.readAllStandardOutput()).toVariant().toList();
-        QByteArray filePart;
         QStringList names;
-        for (const QVariant &part : parts) {
+        for (const QVariant &part :
+             QJsonDocument::fromJson(parser.readAllStandardOutput()).toVariant().toList()) {
             names.append(part.toMap().value(u"name"_s).toString());
             if (names.last() == u"file"_s)
-                filePart = QByteArray::fromHex(part.toMap().value(u"data"_s).toByteArray());
+                QVERIFY(QByteArray::fromHex(part.toMap().value(u"data"_s).toByteArray()) ==
+                        run.content);
         }
         QCOMPARE(names.size(), 3);
-        QVERIFY(filePart == content);
+        QVERIFY(names.contains(u"file"_s));
     } else {
-        QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), 1, 30000);
-        QVERIFY(readFile(server.stored().front()) == content);
+        QVERIFY(run.storedTheFile());
     }
     // A finished upload leaves nothing to resume, and ends once.
     QVERIFY(journal.entries().isEmpty());
     QTest::qWait(100);
     QCOMPARE(recorder.endings(), 1);
-    QCOMPARE(recorder.progress.last().first, content.size());
+    QCOMPARE(recorder.progress.last(), run.content.size());
 }
 
 void tst_ResumableUpload::resumesFromTheServersOffsetAfterCutsAtRandomOffsets_data()
 {
-    QTest::addColumn<int>("protocol");
-    QTest::newRow("tus") << int(ZDUploadProtocol::Tus);
-    QTest::newRow("308") << int(ZDUploadProtocol::ResumeIncomplete);
+    QTest::addColumn<ZDUploadProtocol>("protocol");
+    QTest::newRow("tus") << ZDUploadProtocol::Tus;
+    QTest::newRow("308") << ZDUploadProtocol::ResumeIncomplete;
 }
 
 void tst_ResumableUpload::resumesFromTheServersOffsetAfterCutsAtRandomOffsets()
 {
-    QFETCH(int, protocol);
+    QFETCH(ZDUploadProtocol, protocol);
     constexpr int kRuns = 12; // per protocol
     constexpr qint64 kChunk = 128 * 1024;
-    QTemporaryDir dir;
-    ResumableServer server;
-    const QString failure = server.start(
-        protocol == int(ZDUploadProtocol::Tus) ? u"tus"_s : u"308"_s, dir.filePath(u"store"_s));
-    QVERIFY2(failure.isEmpty(), qPrintable(failure));
     const quint32 seed = QRandomGenerator::global()->generate();
     qInfo("seed %u", seed);
     QRandomGenerator random(seed);
-
     for (int run = 0; run < kRuns; ++run) {
+        PeerRun peer;
         const qint64 size = 300 * 1024 + random.bounded(300 * 1024);
-        const QByteArray content = patternBytes(size, seed + run);
-        const QString path = writeFile(dir, u"clip-%1"_s.arg(run), content);
-        FaultProxy proxy(server.port());
-        QVERIFY(proxy.listen());
+        const QString failure = peer.start(protocol, size, seed + run, true);
+        QVERIFY2(failure.isEmpty(), qPrintable(failure));
         // One to three cuts: odd runs cut inside chunks, even runs close to the
         // chunk boundaries (the request heads shift them by a few hundred bytes).
         QList<qint64> cuts;
-        const int count = 1 + int(random.bounded(3));
-        for (int i = 0; i < count; ++i) {
+        for (int i = 1 + int(random.bounded(3)); i > 0; --i) {
             const qint64 at =
                 run % 2 ? random.bounded(size)
                         : (1 + random.bounded(size / kChunk)) * kChunk + random.bounded(600) - 300;
@@ -402,61 +382,31 @@ void tst_ResumableUpload::resumesFromTheServersOffsetAfterCutsAtRandomOffsets()
         }
         std::sort(cuts.begin(), cuts.end());
         cuts.erase(std::unique(cuts.begin(), cuts.end()), cuts.end());
-        proxy.cutAt(cuts);
+        peer.proxy->cutAt(cuts);
 
         Recorder recorder;
-        ZDResumableUpload upload(ZDUploadProtocol(protocol),
-                                 QUrl(u"http://127.0.0.1:%1/files"_s.arg(proxy.port())), path,
-                                 &recorder);
+        ZDResumableUpload upload(protocol, peer.endpoint(), peer.path, &recorder);
         upload.setChunkGranularity(64 * 1024);
         upload.setChunkSize(kChunk);
         // Real, short waits: both servers finish a cut request's bookkeeping
-        // some time after the cut (the tus server answers 409 until then, the
-        // 308 server truncates what came after the lost chunk's start), so the
-        // retries after the first at-once one for tus, and every one for 308,
-        // must really wait.
+        // some time after the cut.
         upload.setRetryPolicy(quickPolicy());
         upload.start();
         QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
-        const ZDError &error = recorder.error;
-        QVERIFY2(recorder.finishes == 1,
-                 qPrintable(u"run %1, cut at %2: %3 (status %4) %5"_s.arg(run)
-                                .arg(cuts.front())
-                                .arg(error.localizedDescription())
-                                .arg(error.userInfo()
-                                         .value(ZDHTTPResponseKey)
-                                         .value<ZDHTTPResponse>()
-                                         .statusCode())
-                                .arg(QString::fromUtf8(
-                                    error.userInfo().value(ZDResponseBodyKey).toByteArray()))));
-        QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), run + 1, 30000);
-        const QByteArray stored = readFile(server.stored().last());
-        qsizetype differs = 0;
-        while (differs < std::min(stored.size(), content.size()) &&
-               stored[differs] == content[differs])
-            ++differs;
-        QVERIFY2(
-            stored == content,
-            qPrintable(u"run %1: stored %2 of %3 bytes, first difference at %4, cuts %5 %6 %7 %8"_s
-                           .arg(run)
-                           .arg(stored.size())
-                           .arg(content.size())
-                           .arg(differs)
-                           .arg(cuts.front())
-                           .arg(QString::fromLatin1(stored.left(8).toHex()),
-                                QString::fromLatin1(content.left(8).toHex()),
-                                server.stored().join(u" "_s))));
+        const QByteArray where = "run " + QByteArray::number(run) + ", first cut at " +
+                                 QByteArray::number(cuts.front()) + ": ";
+        QVERIFY2(recorder.finishes == 1, QByteArray(where + describe(recorder.error)));
+        QVERIFY2(peer.storedTheFile(), QByteArray(where + "the stored bytes differ"));
         // Resumed, not restarted: at most one chunk resent per cut.
-        QVERIFY2(upload.bytesSent() <= size + proxy.cuts() * kChunk,
-                 qPrintable(u"sent %1 of %2 with %3 cuts"_s.arg(upload.bytesSent())
-                                .arg(size)
-                                .arg(proxy.cuts())));
+        QVERIFY2(upload.bytesSent() <= size + peer.proxy->cuts() * kChunk,
+                 QByteArray(where + QByteArray::number(upload.bytesSent()) + " bytes sent"));
         QVERIFY(recorder.resumes.size() <= recorder.retries.size());
     }
 }
 
 void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
 {
+    constexpr qint64 kChunk = 1024 * 1024;
     if (qEnvironmentVariableIsSet("ZD_UPLOAD_CHILD")) {
         // The child: uploads through the throttled proxy until it is killed.
         Recorder recorder;
@@ -464,46 +414,42 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
             ZDUploadProtocol(qEnvironmentVariableIntValue("ZD_UPLOAD_PROTOCOL")),
             QUrl(qEnvironmentVariable("ZD_UPLOAD_ENDPOINT")),
             qEnvironmentVariable("ZD_UPLOAD_FILE"), &recorder);
-        upload.setChunkSize(64 * 1024);
         upload.setChunkGranularity(64 * 1024);
+        upload.setChunkSize(kChunk);
         upload.setJournal(ZDUploadJournal(qEnvironmentVariable("ZD_UPLOAD_JOURNAL")));
         upload.start();
         QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 600000);
         return;
     }
-    QTemporaryDir dir;
     const quint32 seed = QRandomGenerator::global()->generate();
     qInfo("seed %u", seed);
     QRandomGenerator random(seed);
-    for (const ZDUploadProtocol protocol :
-         {ZDUploadProtocol::Tus, ZDUploadProtocol::ResumeIncomplete}) {
-        for (int run = 0; run < 2; ++run) {
-            const QString tag = u"%1-%2"_s.arg(int(protocol)).arg(run);
-            ResumableServer server;
-            const QString failure =
-                server.start(protocol == ZDUploadProtocol::Tus ? u"tus"_s : u"308"_s,
-                             dir.filePath(u"store"_s + tag));
+    // The 308 server is still settling the dead chunk when the new upload asks
+    // where it stands, so it gets the most runs: the race must be lost often.
+    for (const auto &[protocol, runs] :
+         {std::pair(ZDUploadProtocol::Tus, 1), std::pair(ZDUploadProtocol::ResumeIncomplete, 5)}) {
+        for (int run = 0; run < runs; ++run) {
+            PeerRun peer;
+            const QString failure = peer.start(protocol, 2 * kChunk + 512 * 1024, seed + run, true);
             QVERIFY2(failure.isEmpty(), qPrintable(failure));
-            FaultProxy proxy(server.port());
-            QVERIFY(proxy.listen());
+            FaultProxy &proxy = *peer.proxy;
             proxy.setThrottle(1024 * 1024);
-            const qint64 size = 1024 * 1024;
-            const QByteArray content = patternBytes(size, seed + run);
-            const QString path = writeFile(dir, u"clip-"_s + tag, content);
-            const QString journalDir = dir.filePath(u"journal-"_s + tag);
-
+            const QString journalDir = peer.dir.filePath(u"journal"_s);
             QProcess child;
             QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-            env.insert(u"ZD_UPLOAD_CHILD"_s, u"1"_s);
-            env.insert(u"ZD_UPLOAD_PROTOCOL"_s, QString::number(int(protocol)));
-            env.insert(u"ZD_UPLOAD_ENDPOINT"_s, u"http://127.0.0.1:%1/files"_s.arg(proxy.port()));
-            env.insert(u"ZD_UPLOAD_FILE"_s, path);
-            env.insert(u"ZD_UPLOAD_JOURNAL"_s, journalDir);
+            for (const auto &[name, value] : {std::pair(u"CHILD"_s, u"1"_s),
+                                              {u"PROTOCOL"_s, QString::number(int(protocol))},
+                                              {u"ENDPOINT"_s, peer.endpoint().toString()},
+                                              {u"FILE"_s, peer.path},
+                                              {u"JOURNAL"_s, journalDir}})
+                env.insert(u"ZD_UPLOAD_"_s + name, value);
             child.setProcessEnvironment(env);
             child.start(QCoreApplication::applicationFilePath(),
                         {u"killedUploaderIsResumedFromTheJournalByANewProcess"_s});
             QVERIFY(child.waitForStarted());
-            const qint64 killAt = 64 * 1024 + random.bounded(size - 192 * 1024);
+            // Well inside the first or second chunk.
+            const qint64 killAt =
+                random.bounded(2) * kChunk + 128 * 1024 + random.bounded(256 * 1024);
             QTRY_VERIFY_WITH_TIMEOUT(proxy.uploadedBytes() >= killAt, 60000);
             const ZDUploadJournal journal(journalDir);
             // While the child runs, its entry is not an interrupted upload, and
@@ -511,7 +457,7 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
             const QStringList files = QDir(journalDir).entryList({u"*.json"_s});
             QCOMPARE(files.size(), 1);
             QVERIFY(journal.entries().isEmpty());
-            {
+            if (run == 0) {
                 Recorder second;
                 ZDResumableUpload meddler(*journal.entry(files.front().chopped(5)), &second);
                 meddler.setJournal(journal);
@@ -529,21 +475,56 @@ void tst_ResumableUpload::killedUploaderIsResumedFromTheJournalByANewProcess()
             QCOMPARE(entries.size(), 1);
             // The journal never claims more than went through the proxy.
             QVERIFY(entries.front().offset <= proxy.uploadedBytes());
+            // Resumed at once, as an application restarted by its user would, on
+            // a path of its own while the dead chunk still trickles in.
+            ZDUploadJournalEntry entry = entries.front();
+            entry.endpoint.setPort(peer.server.port());
+            entry.sessionURL.setPort(peer.server.port());
             Recorder recorder;
-            ZDResumableUpload resumed(entries.front(), &recorder);
+            ZDResumableUpload resumed(entry, &recorder);
             resumed.setJournal(journal);
-            proxy.setThrottle(0);
+            resumed.setRetryPolicy(quickPolicy());
+            // Bytes of the dead chunk arriving after the resumption would
+            // land under the new ones (or roll them back).
+            qint64 trickledAfterResuming = 0;
+            proxy.setOnForward(
+                [&](qint64) { trickledAfterResuming += !recorder.resumes.isEmpty(); });
             resumed.start();
             QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
-            QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
+            QVERIFY2(recorder.finishes == 1, describe(recorder.error));
             QCOMPARE(recorder.resumes.size(), 1);
             QVERIFY(recorder.resumes.front() >= entries.front().offset);
-            QVERIFY(resumed.bytesSent() <= size - recorder.resumes.front());
-            QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), 1, 30000);
-            QVERIFY(readFile(server.stored().front()) == content);
+            if (protocol == ZDUploadProtocol::ResumeIncomplete) // tus servers lock the upload
+                QCOMPARE(trickledAfterResuming, 0);
+            QVERIFY(resumed.bytesSent() <= peer.content.size() - recorder.resumes.front());
+            QVERIFY2(peer.storedTheFile(),
+                     qPrintable(u"run %1 resumed at %2"_s.arg(run).arg(recorder.resumes.front())));
             QVERIFY(journal.entries().isEmpty());
         }
     }
+}
+
+void tst_ResumableUpload::shrinksChunksUntilTheyFitBetweenCuts()
+{
+    // The 308 server keeps nothing of a chunk whose checksum it could not
+    // check; the chunks begin at 1 MiB, larger than the stretch between cuts.
+    PeerRun peer;
+    const QString failure =
+        peer.start(ZDUploadProtocol::ResumeIncomplete, 3 * 1024 * 1024 + 5, 11, true);
+    QVERIFY2(failure.isEmpty(), qPrintable(failure));
+    peer.proxy->cutAfter(700 * 1024, true);
+    Recorder recorder;
+    ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete, peer.endpoint(), peer.path,
+                             &recorder);
+    upload.setChunkGranularity(64 * 1024);
+    ZDRetryPolicy policy = quickPolicy();
+    policy.initialDelayMsecs = 100;
+    policy.budgetMsecs = 5000;
+    upload.setRetryPolicy(policy);
+    upload.start();
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
+    QVERIFY2(recorder.finishes == 1, describe(recorder.error));
+    QVERIFY(peer.storedTheFile());
 }
 
 void tst_ResumableUpload::aChangedFileIsNeverResumedOntoItsOldSession_data()
@@ -558,17 +539,13 @@ void tst_ResumableUpload::aChangedFileIsNeverResumedOntoItsOldSession_data()
 void tst_ResumableUpload::aChangedFileIsNeverResumedOntoItsOldSession()
 {
     QFETCH(QString, change);
-    QTemporaryDir dir;
-    ResumableServer server;
-    const QString failure = server.start(u"tus"_s, dir.filePath(u"store"_s));
+    PeerRun peer;
+    const QString failure = peer.start(ZDUploadProtocol::Tus, 700 * 1024, 3);
     QVERIFY2(failure.isEmpty(), qPrintable(failure));
-    const QByteArray content = patternBytes(700 * 1024, 3);
-    const QString path = writeFile(dir, u"clip.mov"_s, content);
-    const ZDUploadJournal journal(dir.filePath(u"journal"_s));
-
+    const ZDUploadJournal journal(peer.dir.filePath(u"journal"_s));
     { // The first run stops after its first confirmed chunk, as a crash would.
         Recorder recorder;
-        ZDResumableUpload upload(ZDUploadProtocol::Tus, server.url(u"/files"_s), path, &recorder);
+        ZDResumableUpload upload(ZDUploadProtocol::Tus, peer.endpoint(), peer.path, &recorder);
         upload.setChunkSize(256 * 1024);
         upload.setJournal(journal);
         bool listedWhileRunning = true;
@@ -587,18 +564,16 @@ void tst_ResumableUpload::aChangedFileIsNeverResumedOntoItsOldSession()
     const ZDUploadJournalEntry entry = journal.entries().front();
     QCOMPARE(entry.offset, 256 * 1024);
 
-    QFile file(path);
-    if (change == u"append"_s) {
-        QVERIFY(file.open(QIODevice::Append));
+    QFile file(peer.path);
+    QVERIFY(file.open(change == u"append"_s ? QIODevice::Append : QIODevice::ReadWrite));
+    if (change == u"append"_s)
         file.write("x");
-    } else if (change == u"rewrite"_s) {
-        QVERIFY(file.open(QIODevice::ReadWrite));
+    if (change == u"rewrite"_s) {
         file.write("changed");
         file.setFileTime(entry.file.modified, QFileDevice::FileModificationTime);
-    } else if (change == u"touch"_s) {
-        QVERIFY(file.open(QIODevice::ReadWrite));
-        file.setFileTime(entry.file.modified.addSecs(5), QFileDevice::FileModificationTime);
     }
+    if (change == u"touch"_s)
+        file.setFileTime(entry.file.modified.addSecs(5), QFileDevice::FileModificationTime);
     file.close();
 
     Recorder recorder;
@@ -608,19 +583,17 @@ void tst_ResumableUpload::aChangedFileIsNeverResumedOntoItsOldSession()
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
     QVERIFY(journal.entries().isEmpty());
     if (change.isEmpty()) {
-        QCOMPARE(recorder.finishes, 1);
         QCOMPARE(recorder.resumes, QList<qint64>{256 * 1024});
-        QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), 1, 30000);
-        QVERIFY(readFile(server.stored().front()) == content);
-    } else {
-        QCOMPARE(recorder.error.domain(), ZDResumableUploadErrorDomain);
-        QCOMPARE(recorder.error.code(), ZDResumableUploadErrorFileChanged);
-        QVERIFY(recorder.progress.isEmpty()); // nothing was sent onto the old session
-        // and the session is ended on the server, not left to expire.
-        const QString stored =
-            dir.filePath(u"store/"_s + entry.sessionURL.path().section(u'/', -1));
-        QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(stored), 30000);
+        QVERIFY(peer.storedTheFile());
+        return;
     }
+    QCOMPARE(recorder.error.domain(), ZDResumableUploadErrorDomain);
+    QCOMPARE(recorder.error.code(), ZDResumableUploadErrorFileChanged);
+    QVERIFY(recorder.progress.isEmpty()); // nothing was sent onto the old session
+    // and the session is ended on the server, not left to expire.
+    const QString stored =
+        peer.dir.filePath(u"store/"_s + entry.sessionURL.path().section(u'/', -1));
+    QTRY_VERIFY_WITH_TIMEOUT(!QFile::exists(stored), 30000);
 }
 
 void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter_data()
@@ -661,69 +634,54 @@ void tst_ResumableUpload::retriesOnlyWhatIsRetryableAndHonoursRetryAfter()
     QFETCH(bool, finishes);
     MiniUpload run;
     QVERIFY(run.prepare(600 * 1024, 5));
-    Mini308 &service = run.service;
     int puts = 0;
-    service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
+    run.service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
         // The second chunk is refused once.
-        if (request.method == "PUT" && !request.body.isEmpty() && ++puts == 2) {
-            CannedReply reply = CannedReply::json(R"({"error":"slow down"})", status);
-            if (!retryAfter.isNull())
-                reply.headers.append(std::pair<QByteArray, QByteArray>("Retry-After", retryAfter));
-            return reply;
-        }
-        return std::nullopt;
+        if (request.method != "PUT" || request.body.isEmpty() || ++puts != 2)
+            return std::nullopt;
+        CannedReply reply = CannedReply::json(R"({"error":"slow down"})", status);
+        if (!retryAfter.isNull())
+            reply.headers.append(Header("Retry-After", retryAfter));
+        return reply;
     };
     const Recorder &recorder = run.recorder;
-    const FakeClock *clock = run.clock.get();
     run.upload->start();
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
     if (!finishes) {
-        QCOMPARE(recorder.failures, 1);
-        QVERIFY(clock->waits.isEmpty());
+        QVERIFY(run.clock->waits.isEmpty());
         QCOMPARE(recorder.error.domain(), JSONHTTPRequestErrorDomain);
         // The refusal's body travels with the error.
         QCOMPARE(recorder.error.userInfo().value(ZDResponseBodyKey).toByteArray(),
                  QByteArray(R"({"error":"slow down"})"));
         return;
     }
-    QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
-    QCOMPARE(clock->waits.size(), 1);
-    QVERIFY2(clock->waits.front() >= minimumWait && clock->waits.front() <= maximumWait,
-             qPrintable(QString::number(clock->waits.front())));
-    QCOMPARE(recorder.retries.size(), 1);
-    QCOMPARE(recorder.retries.front().offset, 256 * 1024);
-    QVERIFY(service.stored == run.content);
+    QVERIFY2(recorder.finishes == 1, describe(recorder.error));
+    QCOMPARE(recorder.retriedAt, QList<qint64>{256 * 1024});
+    const qint64 waited = recorder.delays.front();
+    QVERIFY2(waited >= minimumWait && waited <= maximumWait, qPrintable(QString::number(waited)));
+    QVERIFY(run.service.stored == run.content);
     // Resumed where the server stood: the first chunk went once.
     QCOMPARE(run.upload->bytesSent(), run.content.size() + 256 * 1024);
 }
 
 void tst_ResumableUpload::asksAgainAtOnceAfterACutThenWaitsByPolicy()
 {
-    { // tus: the real server, cut once in the second chunk.
-        QTemporaryDir dir;
-        ResumableServer server;
-        const QString failure = server.start(u"tus"_s, dir.filePath(u"store"_s));
+    { // tus: the real server, cut once in the second chunk, is asked at once.
+        PeerRun peer;
+        const QString failure = peer.start(ZDUploadProtocol::Tus, 1024 * 1024, 6, true);
         QVERIFY2(failure.isEmpty(), qPrintable(failure));
-        const QByteArray content = patternBytes(1024 * 1024, 6);
-        const QString path = writeFile(dir, u"clip.mov"_s, content);
-        FaultProxy proxy(server.port());
-        QVERIFY(proxy.listen());
-        proxy.cutAt({400 * 1024});
+        peer.proxy->cutAt({400 * 1024});
         Recorder recorder;
-        auto clock = std::make_shared<FakeClock>();
-        ZDResumableUpload upload(ZDUploadProtocol::Tus,
-                                 QUrl(u"http://127.0.0.1:%1/files"_s.arg(proxy.port())), path,
-                                 &recorder);
+        auto clock = std::make_shared<FakeUploadClock>();
+        ZDResumableUpload upload(ZDUploadProtocol::Tus, peer.endpoint(), peer.path, &recorder);
         upload.setChunkSize(256 * 1024);
         upload.setClock(clock);
-        upload.setRetryPolicy(quickPolicy());
         upload.start();
         QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
-        QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
-        QTRY_COMPARE_WITH_TIMEOUT(server.stored().size(), 1, 30000);
-        QVERIFY(readFile(server.stored().front()) == content);
-        QCOMPARE(proxy.cuts(), 1);
-        QCOMPARE(clock->waits, QList<qint64>{0}); // asked about at once
+        QVERIFY2(recorder.finishes == 1, describe(recorder.error));
+        QVERIFY(peer.storedTheFile());
+        QCOMPARE(peer.proxy->cuts(), 1);
+        QCOMPARE(clock->waits, QList<qint64>{0});
     }
     { // 308: the policy's waits from the first cut on, which the server keeps
       // nothing of; after the chunk goes through, the count starts again.
@@ -734,20 +692,19 @@ void tst_ResumableUpload::asksAgainAtOnceAfterACutThenWaitsByPolicy()
         service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
             const bool chunk = request.method == "PUT" && !request.body.isEmpty();
             const qint64 start = service.stored.size();
-            if (chunk && ((start == 256 * 1024 && cuts < 3) || (start == 512 * 1024 && cuts < 4))) {
-                ++cuts;
-                CannedReply reply;
-                reply.ending = CannedReply::Ending::ResetAtOnce;
-                return reply;
-            }
-            return std::nullopt;
+            if (!chunk || !((start == 256 * 1024 && cuts < 3) || (start == 512 * 1024 && cuts < 4)))
+                return std::nullopt;
+            ++cuts;
+            CannedReply reply;
+            reply.ending = CannedReply::Ending::ResetAtOnce;
+            return reply;
         };
         run.upload->setRetryPolicy(quickPolicy());
         run.upload->start();
         QTRY_COMPARE_WITH_TIMEOUT(run.recorder.endings(), 1, 30000);
-        QVERIFY2(run.recorder.finishes == 1, qPrintable(run.recorder.error.localizedDescription()));
+        QVERIFY2(run.recorder.finishes == 1, describe(run.recorder.error));
         QVERIFY(service.stored == run.content);
-        QCOMPARE(run.clock->waits, (QList<qint64>{300, 600, 1000, 300}));
+        QCOMPARE(run.recorder.delays, (QList<qint64>{300, 600, 1000, 300}));
     }
 }
 
@@ -776,61 +733,79 @@ void tst_ResumableUpload::aServerThatNeverLetsGoMeetsTheBudget()
         if (status == 308) // "taken", but the range stays where it was
             reply.headers = {{"Range", "bytes=0-" + QByteArray::number(256 * 1024 - 1)}};
         if (!retryAfter.isNull())
-            reply.headers.append(std::pair<QByteArray, QByteArray>("Retry-After", retryAfter));
+            reply.headers.append(Header("Retry-After", retryAfter));
         return reply;
     };
     ZDRetryPolicy policy = quickPolicy();
     policy.budgetMsecs = 5000;
     run.upload->setRetryPolicy(policy);
     run.upload->start();
-    const Recorder &recorder = run.recorder;
     const QList<qint64> &waits = run.clock->waits;
-    QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 60000);
-    QCOMPARE(recorder.failures, 1);
+    QTRY_COMPARE_WITH_TIMEOUT(run.recorder.endings(), 1, 60000);
+    QCOMPARE(run.recorder.failures, 1);
     if (status == 308) {
-        QCOMPARE(recorder.error.code(), ZDResumableUploadErrorProtocolViolation);
+        QCOMPARE(run.recorder.error.code(), ZDResumableUploadErrorProtocolViolation);
         return;
     }
-    QVERIFY(recorder.error.userInfo().value(ZDRetriesExhaustedKey).toBool());
+    QVERIFY(run.recorder.error.userInfo().value(ZDRetriesExhaustedKey).toBool());
     QCOMPARE(waits.count(0), status == 0 ? 0 : 1); // a 308 cut is never retried at once
     QVERIFY(std::accumulate(waits.cbegin(), waits.cend(), 0LL) <= 5000);
 }
 
-void tst_ResumableUpload::renewsAsOftenAsTokensDieButNotForever()
+void tst_ResumableUpload::renewsCredentialsAfterA401ButNotForever_data()
 {
-    // Every token dies after three answers. In the first round the first chunk
-    // sent with token-2 meets a 503, so token-2 dies before it carried a chunk;
-    // in the second round the service takes no chunk at all.
-    for (const bool acceptsChunks : {true, false}) {
-        MiniUpload run;
-        QVERIFY(run.prepare(1024 * 1024, 10));
-        TestCredentials credentials;
-        QHash<QByteArray, int> uses;
-        bool busyOnce = acceptsChunks;
-        run.service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
-            const QByteArray token = request.header("Authorization");
-            const bool chunk = request.method == "PUT" && !request.body.isEmpty();
-            if (++uses[token] > 3 || (chunk && !acceptsChunks))
-                return CannedReply::json(R"({"error":"expired"})", 401);
-            if (chunk && token == "Bearer token-2" && std::exchange(busyOnce, false))
-                return CannedReply::json(R"({"error":"busy"})", 503);
-            return std::nullopt;
-        };
-        run.upload->setCredentialSource(&credentials);
-        run.upload->start();
-        QTRY_COMPARE_WITH_TIMEOUT(run.recorder.endings(), 1, 30000);
-        const qsizetype renewals =
-            credentials.reasons.count(ZDCredentialSource::Reason::Unauthorized);
-        if (acceptsChunks) {
-            QVERIFY2(run.recorder.finishes == 1,
-                     qPrintable(run.recorder.error.localizedDescription()));
-            QVERIFY(run.service.stored == run.content);
-            QCOMPARE(renewals, 2);
-        } else {
-            QCOMPARE(run.recorder.failures, 1);
-            QCOMPARE(renewals, 3);
-        }
+    // Which answers are a 401: a token that dies after three answers, token-1
+    // once a chunk is in, or token-2 as well; or every chunk.
+    QTest::addColumn<QString>("expiry");
+    QTest::addColumn<bool>("finishes");
+    QTest::addColumn<int>("renewals");
+    QTest::newRow("token-1 expires once") << u"token-1"_s << true << 1;
+    QTest::newRow("the renewed token is refused too") << u"token-2"_s << false << 1;
+    QTest::newRow("every token dies after three answers") << u"three"_s << true << 3;
+    QTest::newRow("no chunk is ever taken") << u"chunks"_s << false << 3;
+}
+
+void tst_ResumableUpload::renewsCredentialsAfterA401ButNotForever()
+{
+    QFETCH(QString, expiry);
+    QFETCH(bool, finishes);
+    QFETCH(int, renewals);
+    MiniUpload run;
+    QVERIFY(run.prepare(1024 * 1024, 10));
+    TestCredentials credentials;
+    QHash<QByteArray, int> uses;
+    bool busyOnce = true;
+    run.service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
+        const QByteArray token = request.header("Authorization");
+        const bool chunk = request.method == "PUT" && !request.body.isEmpty();
+        const bool expired = expiry.startsWith(u"token"_s)
+                                 ? (token == "Bearer token-1" && !run.service.stored.isEmpty()) ||
+                                       (expiry == u"token-2"_s && token == "Bearer token-2")
+                                 : ++uses[token] > 3 || (chunk && expiry == u"chunks"_s);
+        if (expired)
+            return CannedReply::json(R"({"error":"expired"})", 401);
+        // A chunk sent with token-2 meets a 503, so token-2 dies before it carried one.
+        if (expiry == u"three"_s && chunk && token == "Bearer token-2" &&
+            std::exchange(busyOnce, false))
+            return CannedReply::json(R"({"error":"busy"})", 503);
+        return std::nullopt;
+    };
+    run.upload->setCredentialSource(&credentials);
+    run.upload->start();
+    QTRY_COMPARE_WITH_TIMEOUT(run.recorder.endings(), 1, 30000);
+    QCOMPARE(credentials.reasons.count(ZDCredentialSource::Reason::Unauthorized), renewals);
+    QCOMPARE(run.recorder.finishes, finishes ? 1 : 0);
+    if (!finishes) {
+        QCOMPARE(run.recorder.error.userInfo()
+                     .value(ZDHTTPResponseKey)
+                     .value<ZDHTTPResponse>()
+                     .statusCode(),
+                 401);
+        return;
     }
+    QVERIFY(run.service.stored == run.content);
+    if (expiry == u"token-1"_s) // the offset is asked again after the 401
+        QCOMPARE(run.recorder.resumes, QList<qint64>{256 * 1024});
 }
 
 void tst_ResumableUpload::anAnswerTooLargeToHoldEndsTheUpload()
@@ -889,8 +864,9 @@ void tst_ResumableUpload::abortHangsUpOnAnAnswerTooLargeToHold()
     entry.protocol = ZDUploadProtocol::Tus;
     entry.endpoint = QUrl(u"http://127.0.0.1:%1/files"_s.arg(server.serverPort()));
     entry.sessionURL = QUrl(u"http://127.0.0.1:%1/files/1"_s.arg(server.serverPort()));
-    entry.file = ZDUploadFileIdentity::ofFile(writeFile(dir, u"clip.mov"_s, "clip"))
-                     .value_or(ZDUploadFileIdentity());
+    QVERIFY(writeFile(dir.filePath(u"clip.mov"_s), "clip"));
+    entry.file =
+        ZDUploadFileIdentity::ofFile(dir.filePath(u"clip.mov"_s)).value_or(ZDUploadFileIdentity());
     Recorder recorder;
     ZDResumableUpload(entry, &recorder).abort();
     QTRY_VERIFY_WITH_TIMEOUT(hungUp, 60000);
@@ -918,8 +894,7 @@ void tst_ResumableUpload::waitsForTheNetworkWithoutSpendingTheBudget()
     run.upload->setNetworkReachability(reachability);
     run.upload->start();
     const Recorder &recorder = run.recorder;
-    QTRY_COMPARE_WITH_TIMEOUT(recorder.retries.size(), 1, 30000);
-    QCOMPARE(recorder.retries.front().delay, -1);
+    QTRY_COMPARE_WITH_TIMEOUT(recorder.delays, QList<qint64>{-1}, 30000);
     // Nothing is tried while the network is gone, however long that is.
     const qsizetype asked = run.loopback.requests().size();
     QTest::qWait(300);
@@ -928,57 +903,9 @@ void tst_ResumableUpload::waitsForTheNetworkWithoutSpendingTheBudget()
     QVERIFY(run.clock->waits.isEmpty());
     reachability->comeBack();
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
-    QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
+    QVERIFY2(recorder.finishes == 1, describe(recorder.error));
     QVERIFY(run.service.stored == run.content);
     QCOMPARE(recorder.retries.size(), 1);
-}
-
-void tst_ResumableUpload::renewsCredentialsOnceAfterA401AndContinuesFromTheServersOffset()
-{
-    QTemporaryDir dir;
-    const QByteArray content = patternBytes(700 * 1024, 9);
-    const QString path = writeFile(dir, u"clip.mov"_s, content);
-    for (const bool secondRefusal : {false, true}) {
-        Mini308 service;
-        // token-1 expires once the first chunk is in; token-2 is refused too in
-        // the second round.
-        service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
-            const QByteArray token = request.header("Authorization");
-            if ((token == "Bearer token-1" && !service.stored.isEmpty()) ||
-                (secondRefusal && token == "Bearer token-2")) {
-                CannedReply reply = CannedReply::json(R"({"error":"expired"})", 401);
-                return reply;
-            }
-            return std::nullopt;
-        };
-        LoopbackHTTPServer loopback;
-        QVERIFY(loopback.listen());
-        loopback.setHandler(
-            [&](const RecordedRequest &request) { return service.handle(request); });
-        TestCredentials credentials;
-        Recorder recorder;
-        ZDResumableUpload upload(ZDUploadProtocol::ResumeIncomplete, loopback.url(u"/upload"_s),
-                                 path, &recorder);
-        upload.setChunkSize(256 * 1024);
-        upload.setCredentialSource(&credentials);
-        upload.start();
-        QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
-        QCOMPARE(credentials.reasons.count(ZDCredentialSource::Reason::Unauthorized), 1);
-        if (secondRefusal) {
-            QCOMPARE(recorder.failures, 1);
-            QCOMPARE(recorder.error.userInfo()
-                         .value(ZDHTTPResponseKey)
-                         .value<ZDHTTPResponse>()
-                         .statusCode(),
-                     401);
-            continue;
-        }
-        QVERIFY2(recorder.finishes == 1, qPrintable(recorder.error.localizedDescription()));
-        QVERIFY(service.stored == content);
-        // Asked before every request, and the offset asked again after the 401.
-        QVERIFY(credentials.reasons.count(ZDCredentialSource::Reason::BeforeRequest) >= 4);
-        QCOMPARE(recorder.resumes, QList<qint64>{256 * 1024});
-    }
 }
 
 void tst_ResumableUpload::aCredentialSourceGoneWhileAskedFailsTheUpload()
@@ -1048,40 +975,38 @@ void tst_ResumableUpload::retriesACredentialSourceThatCannotReachItsServiceButNo
         QVERIFY(run.clock->waits.isEmpty());
         return;
     }
-    QVERIFY2(run.recorder.finishes == 1, qPrintable(run.recorder.error.localizedDescription()));
+    QVERIFY2(run.recorder.finishes == 1, describe(run.recorder.error));
     QCOMPARE(run.recorder.retries.size(), 1);
-    QCOMPARE(run.recorder.retries.front().reason.domain(), failure.domain());
-    QCOMPARE(run.clock->waits, QList<qint64>{300});
+    QCOMPARE(run.recorder.retries.front().domain(), failure.domain());
+    QCOMPARE(run.recorder.delays, QList<qint64>{300});
     QVERIFY(run.service.stored == run.content);
 }
 
 void tst_ResumableUpload::refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole_data()
 {
-    QTest::addColumn<int>("protocol");
+    QTest::addColumn<ZDUploadProtocol>("protocol");
     QTest::addColumn<QByteArray>("claim");
     QTest::newRow("308: beyond the chunk")
-        << int(ZDUploadProtocol::ResumeIncomplete) << QByteArray("bytes=0-300000");
+        << ZDUploadProtocol::ResumeIncomplete << QByteArray("bytes=0-300000");
     QTest::newRow("308: a range not from 0")
-        << int(ZDUploadProtocol::ResumeIncomplete) << QByteArray("bytes=100-262143");
+        << ZDUploadProtocol::ResumeIncomplete << QByteArray("bytes=100-262143");
     QTest::newRow("308: two ranges")
-        << int(ZDUploadProtocol::ResumeIncomplete) << QByteArray("bytes=0-99,200-262143");
-    QTest::newRow("tus: beyond the chunk") << int(ZDUploadProtocol::Tus) << QByteArray("300000");
+        << ZDUploadProtocol::ResumeIncomplete << QByteArray("bytes=0-99,200-262143");
+    QTest::newRow("tus: beyond the chunk") << ZDUploadProtocol::Tus << QByteArray("300000");
 }
 
 void tst_ResumableUpload::refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole()
 {
-    QFETCH(int, protocol);
+    QFETCH(ZDUploadProtocol, protocol);
     QFETCH(QByteArray, claim);
-    QTemporaryDir dir;
-    const QString path = writeFile(dir, u"clip.mov"_s, patternBytes(700 * 1024, 1));
-    LoopbackHTTPServer loopback;
-    QVERIFY(loopback.listen());
-    loopback.setHandler([&](const RecordedRequest &request) {
+    MiniUpload run;
+    QVERIFY(run.prepare(700 * 1024, 1));
+    run.service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
         CannedReply reply;
         if (request.method == "POST") {
             reply.status = 201;
             reply.headers = {{"Location", "/session/1"}, {"Tus-Resumable", "1.0.0"}};
-        } else if (protocol == int(ZDUploadProtocol::Tus)) {
+        } else if (protocol == ZDUploadProtocol::Tus) {
             reply.status = 204;
             reply.headers = {{"Upload-Offset", claim}, {"Tus-Resumable", "1.0.0"}};
         } else {
@@ -1089,18 +1014,16 @@ void tst_ResumableUpload::refusesAnOffsetBeyondTheBytesSentOrARangeWithAHole()
             reply.headers = {{"Range", claim}};
         }
         return reply;
-    });
+    };
     Recorder recorder;
-    ZDResumableUpload upload(ZDUploadProtocol(protocol), loopback.url(u"/upload"_s), path,
-                             &recorder);
+    ZDResumableUpload upload(protocol, run.loopback.url(u"/upload"_s),
+                             run.dir.filePath(u"clip.mov"_s), &recorder);
     upload.setChunkSize(256 * 1024);
     upload.start();
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
     QCOMPARE(recorder.error.domain(), ZDResumableUploadErrorDomain);
     QCOMPARE(recorder.error.code(), ZDResumableUploadErrorProtocolViolation);
-    QTest::qWait(50);
-    QCOMPARE(recorder.endings(), 1);
-    QCOMPARE(loopback.requests().size(), 2); // nothing more was sent
+    QCOMPARE(run.loopback.requests().size(), 2); // nothing more was sent
 }
 
 void tst_ResumableUpload::resendsAChunkWhoseChecksumIsRefusedThenGivesUp_data()
@@ -1115,53 +1038,46 @@ void tst_ResumableUpload::resendsAChunkWhoseChecksumIsRefusedThenGivesUp()
 {
     QFETCH(int, refusals);
     QFETCH(bool, finishes);
-    QTemporaryDir dir;
-    const QByteArray content = patternBytes(300 * 1024, 4);
-    const QString path = writeFile(dir, u"clip.mov"_s, content);
     // A tus service that checks Upload-Checksum itself (the independent server
     // does not) and refuses the first `refusals` chunks with 460.
-    QByteArray stored;
+    MiniUpload run;
+    QVERIFY(run.prepare(300 * 1024, 4));
+    QByteArray &stored = run.service.stored;
     int refused = 0;
     bool checksumsRight = true;
-    LoopbackHTTPServer loopback;
-    QVERIFY(loopback.listen());
-    loopback.setHandler([&](const RecordedRequest &request) {
+    run.service.fault = [&](const RecordedRequest &request) -> std::optional<CannedReply> {
         CannedReply reply;
+        reply.status = 204;
         reply.headers = {{"Tus-Resumable", "1.0.0"}};
         if (request.method == "POST") {
             reply.status = 201;
-            reply.headers.append(std::pair<QByteArray, QByteArray>("Location", "/files/1"));
-        } else if (request.method == "HEAD") {
-            reply.status = 200;
-            reply.headers.append(std::pair<QByteArray, QByteArray>(
-                "Upload-Offset", QByteArray::number(stored.size())));
-        } else {
-            const QByteArray expected =
-                "sha1 " +
+            reply.headers.append(Header("Location", "/files/1"));
+            return reply;
+        }
+        if (request.method == "PATCH") {
+            const QByteArray sha1 =
                 QCryptographicHash::hash(request.body, QCryptographicHash::Sha1).toBase64();
-            checksumsRight = checksumsRight && request.header("Upload-Checksum") == expected;
+            checksumsRight = checksumsRight && request.header("Upload-Checksum") == "sha1 " + sha1;
             if (refused < refusals) {
                 ++refused;
                 reply.status = 460;
-                reply.reason = "Checksum Mismatch";
                 return reply;
             }
             stored += request.body;
-            reply.status = 204;
-            reply.headers.append(std::pair<QByteArray, QByteArray>(
-                "Upload-Offset", QByteArray::number(stored.size())));
         }
+        reply.headers.append(Header("Upload-Offset", QByteArray::number(stored.size())));
         return reply;
-    });
+    };
     Recorder recorder;
-    ZDResumableUpload upload(ZDUploadProtocol::Tus, loopback.url(u"/files"_s), path, &recorder);
+    ZDResumableUpload upload(ZDUploadProtocol::Tus, run.loopback.url(u"/files"_s),
+                             run.dir.filePath(u"clip.mov"_s), &recorder);
     upload.setChunkSize(256 * 1024);
     upload.start();
     QTRY_COMPARE_WITH_TIMEOUT(recorder.endings(), 1, 30000);
     QVERIFY(checksumsRight);
     if (finishes) {
         QCOMPARE(recorder.finishes, 1);
-        QVERIFY(stored == content);
+        QVERIFY(stored == run.content);
     } else {
         QCOMPARE(recorder.error.domain(), ZDResumableUploadErrorDomain);
         QCOMPARE(recorder.error.code(), ZDResumableUploadErrorChecksumMismatch);
@@ -1171,16 +1087,13 @@ void tst_ResumableUpload::resendsAChunkWhoseChecksumIsRefusedThenGivesUp()
 
 void tst_ResumableUpload::destroyingTheUploadInsideACallbackEndsItQuietly()
 {
-    QTemporaryDir dir;
-    const QString path = writeFile(dir, u"clip.mov"_s, patternBytes(700 * 1024, 2));
-    Mini308 service;
-    LoopbackHTTPServer loopback;
-    QVERIFY(loopback.listen());
-    loopback.setHandler([&](const RecordedRequest &request) { return service.handle(request); });
+    MiniUpload run;
+    QVERIFY(run.prepare(700 * 1024, 2));
     for (const bool onEnd : {false, true}) {
         Recorder recorder;
         auto *upload = new ZDResumableUpload(ZDUploadProtocol::ResumeIncomplete,
-                                             loopback.url(u"/upload"_s), path, &recorder);
+                                             run.loopback.url(u"/upload"_s),
+                                             run.dir.filePath(u"clip.mov"_s), &recorder);
         upload->setChunkSize(256 * 1024);
         int calls = 0;
         if (onEnd) {
@@ -1201,7 +1114,7 @@ void tst_ResumableUpload::destroyingTheUploadInsideACallbackEndsItQuietly()
         QCOMPARE(calls, 1);
         QCOMPARE(recorder.progress.size(), progressSeen);
         QCOMPARE(recorder.endings(), onEnd ? 1 : 0);
-        service.stored.clear();
+        run.service.stored.clear();
     }
 }
 

@@ -83,7 +83,9 @@ public:
     // What the last run printed (status line and page), once it ended.
     QString lastOutput()
     {
-        if (m_runs.isEmpty() || !m_runs.last()->waitForFinished(30000))
+        // waitForFinished() is false for a run that has already ended.
+        if (m_runs.isEmpty() || (m_runs.last()->state() != QProcess::NotRunning &&
+                                 !m_runs.last()->waitForFinished(30000)))
             return {};
         return QString::fromUtf8(m_runs.last()->readAllStandardOutput() +
                                  m_runs.last()->readAllStandardError());

@@ -2,6 +2,7 @@
 // against the installed public headers.
 #include "FaultProxy.h"
 #include "LoopbackHTTPServer.h"
+#include "TestSupport.h"
 
 #include "net/ZDResumableUpload.h"
 #include "net/ZDUploadDialect.h"
@@ -9,7 +10,6 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
-#include <QRandomGenerator>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -98,13 +98,10 @@ private Q_SLOTS:
 
 void tst_UploadDialect::aDialectOfItsOwnResumesThroughCutsToAByteIdenticalFile()
 {
-    QByteArray content(700 * 1024, Qt::Uninitialized);
-    QRandomGenerator(7).fillRange(reinterpret_cast<quint32 *>(content.data()), content.size() / 4);
+    const QByteArray content = randomBytes(700 * 1024, 7);
     QTemporaryDir dir;
     const QString path = dir.filePath(u"clip.mov"_s);
-    QFile file(path);
-    QVERIFY(file.open(QIODevice::WriteOnly) && file.write(content) == content.size());
-    file.close();
+    QVERIFY(writeFile(path, content));
 
     QByteArray stored;
     LoopbackHTTPServer server;

@@ -7,7 +7,6 @@
 #include "net/ZDResumableUpload.h"
 #include "net/ZDUploadDialect.h"
 
-#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
